@@ -1,0 +1,34 @@
+# Shared by the scripts that run the virtual device.
+# shellcheck shell=bash
+
+die() {
+    echo "${0##*/}: $*" >&2
+    exit 1
+}
+
+# Repeats a command until it succeeds, five times a second for at most SECONDS; its last status is the result.
+poll() { # SECONDS COMMAND...
+    local tries=$(($1 * 5))
+    shift
+    while ! "$@"; do
+        ((tries-- > 0)) || return 1
+        sleep 0.2
+    done
+}
+
+# A process for good: its id and its start time, out of its line in /proc/PID/stat.
+identity() { # STAT
+    local -a fields
+    read -r -a fields <<<"${1##*) }"
+    echo "${1%% *} ${fields[19]}"
+}
+
+# The id, as the outside knows it, of the first process of the device that runs in DIR; fails when none does.
+running() { # DIR
+    local pid stat now
+    { read -r pid _ <"$1/init"; } 2>/dev/null || return 1
+    { read -r stat <"/proc/$pid/stat"; } 2>/dev/null || return 1
+    read -r now <"$1/init"
+    [[ $(identity "$stat") == "$now" ]] || return 1
+    echo "$pid"
+}

@@ -1,0 +1,7 @@
+// Shell-like patterns over names.
+#pragma once
+
+#include <string_view>
+
+// True when pattern matches all of name: '*' is any run of characters, '?' exactly one, the rest themselves.
+bool glob_match(std::string_view pattern, std::string_view name);

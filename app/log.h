@@ -1,0 +1,35 @@
+// The daemon's log: one line, one write, to standard error (or to the file of log_open). Nothing here
+// changes errno or keeps state between calls, so all of it may be called from a signal handler.
+#pragma once
+
+#include <cstdarg>
+#include <cstddef>
+#include <sys/types.h>
+
+// A call site writes log_failed(LOG_HERE); its file defines log_module, the name of its module.
+#define LOG_HERE 0, __func__, log_module, __LINE__
+
+// "  func(): module: line: message"; the message is cut at 254 characters, the line at 298.
+void log_trace(int level, const char *func, const char *file, int line, const char *format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+// A point that was reached, a step that failed, a system call that failed (with the text of errno).
+void log_checkpoint(int level, const char *func, const char *file, int line);
+void log_failed(int level, const char *func, const char *file, int line);
+void log_syserror(int level, const char *func, const char *file, int line);
+
+// The bare text, cut at 254 characters.
+void log_printf(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
+
+ssize_t log_write(const void *buffer, size_t length);
+void log_flush();
+
+// Makes path, emptied, the log; 0, or -1 and the log stays where it is.
+int log_open(const char *path);
+
+// Lines below level are dropped from now on; a level of 0 or less changes nothing. Returns the level in
+// force.
+int log_set_level(int level);
+
+// A diagnostic outside the log: the whole text, however long, in one write to standard error.
+void print_error(const char *format, ...) __attribute__((format(printf, 1, 2)));

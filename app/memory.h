@@ -1,0 +1,69 @@
+// Owners of what must be given back: heap records and text, descriptors, open files.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+#include <unistd.h>
+#include <utility>
+
+struct free_deleter {
+    void operator()(void *memory) const { free(memory); }
+};
+
+struct close_file {
+    void operator()(FILE *file) const { fclose(file); }
+};
+
+using unique_text = std::unique_ptr<char, free_deleter>;
+using unique_file = std::unique_ptr<FILE, close_file>;
+
+// A descriptor that is closed with its scope; -1 is none.
+class unique_fd {
+  public:
+    unique_fd() = default;
+    explicit unique_fd(int fd) : fd_(fd) {}
+    unique_fd(unique_fd &&other) noexcept : fd_(other.release()) {}
+    unique_fd &operator=(unique_fd &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    ~unique_fd() { reset(); }
+
+    [[nodiscard]] int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    explicit operator bool() const { return fd_ >= 0; }
+
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
+
+  private:
+    int fd_ = -1;
+};
+
+// A zero-filled record for free(), or null when memory is out.
+template <typename Record>
+Record *new_record()
+{
+    static_assert(std::is_trivially_destructible_v<Record> && std::is_trivially_copyable_v<Record>);
+    return static_cast<Record *>(calloc(1, sizeof(Record)));
+}
+
+// A heap copy of text for free(), or null when memory is out.
+inline char *new_text(std::string_view text)
+{
+    char *copy = static_cast<char *>(malloc(text.size() + 1));
+    if (copy) {
+        memcpy(copy, text.data(), text.size());
+        copy[text.size()] = '\0';
+    }
+    return copy;
+}

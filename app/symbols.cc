@@ -1,0 +1,6 @@
+#include "app/symbols.h"
+
+const char *symbol_lookup(const void *)
+{
+    return nullptr;
+}

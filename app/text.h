@@ -1,0 +1,68 @@
+// The few things that every line-oriented format here does to text. White space is that of the C locale.
+#pragma once
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+constexpr bool is_space(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+constexpr bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+constexpr bool is_letter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+constexpr bool is_name_char(char c)
+{
+    return is_letter(c) || is_digit(c) || c == '_';
+}
+
+constexpr std::string_view skip_space(std::string_view text)
+{
+    while (!text.empty() && is_space(text.front()))
+        text.remove_prefix(1);
+    return text;
+}
+
+constexpr std::string_view trim_end(std::string_view text)
+{
+    while (!text.empty() && is_space(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
+// Cuts what stands before the first end (all of text without one) off the front; end itself goes too.
+constexpr std::string_view cut_until(std::string_view &text, char end)
+{
+    const size_t at = text.find(end);
+    const std::string_view head = text.substr(0, at);
+    text.remove_prefix(at == text.npos ? text.size() : at + 1);
+    return head;
+}
+
+// The longest prefix of text whose characters all pass the test.
+template <typename Test>
+constexpr std::string_view span_of(std::string_view text, Test test)
+{
+    size_t length = 0;
+    while (length < text.size() && test(text[length]))
+        ++length;
+    return text.substr(0, length);
+}
+
+// Copies text, cut to what fits, and terminates it. True when all of it fitted.
+inline bool copy_text(std::span<char> out, std::string_view text)
+{
+    if (out.empty())
+        return false;
+    const size_t length = std::min(text.size(), out.size() - 1);
+    memcpy(out.data(), text.data(), length);
+    out[length] = '\0';
+    return length == text.size();
+}

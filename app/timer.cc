@@ -1,0 +1,177 @@
+#include "app/timer.h"
+
+#include "app/memory.h"
+
+#include <algorithm>
+#include <climits>
+#include <sys/time.h>
+
+namespace {
+
+// 64-bit seconds also where the platform's are 32: this device is meant to see 2038.
+struct instant {
+    int64_t sec;
+    int32_t usec;
+
+    auto operator<=>(const instant &) const = default;
+};
+
+struct timer_entry {
+    struct timer *timer;
+    instant expires;
+    int32_t runs_left; // 0: until stopped
+    timer_entry *next;
+};
+
+struct later_call {
+    void *ctx;
+    timer_callback fn;
+    struct timer *timer;
+};
+
+constexpr int32_t usec_per_sec = 1000000;
+
+timer_entry *head;
+
+// The clock as the running pass read it, and whether it has been set back since. Without that second look a
+// periodic timer would stay due for as many hours as somebody turned the clock back.
+instant pass_now;
+bool clock_went_back;
+
+instant wall_clock()
+{
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return {now.tv_sec, static_cast<int32_t>(now.tv_usec)};
+}
+
+instant expiry(instant now, uint32_t period_ms)
+{
+    instant at = {now.sec + period_ms / 1000, now.usec + static_cast<int32_t>(period_ms % 1000) * 1000};
+    if (at.usec >= usec_per_sec) {
+        at.usec -= usec_per_sec;
+        ++at.sec;
+    }
+    return at;
+}
+
+int milliseconds_until(instant then, instant now)
+{
+    int64_t sec = then.sec - now.sec;
+    int32_t usec = then.usec - now.usec;
+    if (usec < 0) {
+        usec += usec_per_sec;
+        --sec;
+    }
+    // A clock that was set back can put the next timer years away; poll takes an int.
+    return static_cast<int>(std::min<int64_t>(sec, INT_MAX / 1000 - 1) * 1000 + usec / 1000);
+}
+
+void schedule(timer_entry *entry)
+{
+    const instant now = wall_clock();
+    clock_went_back = clock_went_back || now < pass_now;
+    entry->expires = expiry(now, entry->timer->period_ms);
+    timer_entry **at = &head;
+    while (*at && (*at)->expires < entry->expires)
+        at = &(*at)->next;
+    entry->next = *at;
+    *at = entry;
+}
+
+timer_entry *unschedule(const timer *timer)
+{
+    for (timer_entry **at = &head; *at; at = &(*at)->next) {
+        timer_entry *entry = *at;
+        if (entry->timer == timer) {
+            *at = entry->next;
+            return entry;
+        }
+    }
+    return nullptr;
+}
+
+void run_head()
+{
+    timer_entry *entry = head;
+    timer *due = entry->timer;
+    const timer_callback callback = due->callback;
+    void *ctx = due->ctx;
+    head = entry->next;
+    if (entry->runs_left == 0 || --entry->runs_left > 0)
+        schedule(entry);
+    else
+        free(entry);
+    callback(ctx);
+}
+
+void run_later_call(void *ctx)
+{
+    auto *call = static_cast<later_call *>(ctx);
+    call->fn(call->ctx);
+    timer_free(call->timer);
+    free(call);
+}
+
+} // namespace
+
+timer *timer_new(uint32_t period_ms, void *ctx, timer_callback callback, const char *name)
+{
+    auto *created = new_record<timer>();
+    if (created)
+        *created = {period_ms, ctx, callback, name};
+    return created;
+}
+
+int timer_start(timer *timer, int count)
+{
+    timer_entry *entry = unschedule(timer);
+    if (!entry)
+        entry = new_record<timer_entry>();
+    if (!entry)
+        return -1;
+    entry->timer = timer;
+    entry->runs_left = std::max(count, 0);
+    schedule(entry);
+    return 0;
+}
+
+int timer_stop(timer *timer)
+{
+    timer_entry *entry = unschedule(timer);
+    if (!entry)
+        return -1;
+    free(entry);
+    return 0;
+}
+
+void timer_free(timer *timer)
+{
+    timer_stop(timer);
+    free(timer);
+}
+
+int timer_call_later(uint32_t delay_ms, void *ctx, timer_callback fn)
+{
+    auto *call = new_record<later_call>();
+    if (!call)
+        return -1;
+    *call = {ctx, fn, timer_new(delay_ms, call, run_later_call, "call_back")};
+    if (call->timer && timer_start(call->timer, 1) == 0)
+        return 0;
+    timer_free(call->timer);
+    free(call);
+    return -1;
+}
+
+int timer_run_expired()
+{
+    const instant now = wall_clock();
+    pass_now = now;
+    clock_went_back = false;
+    while (head && now >= head->expires && !clock_went_back)
+        run_head();
+    if (!head)
+        return -1;
+    return clock_went_back ? 0 : milliseconds_until(head->expires, now);
+}

@@ -1,0 +1,48 @@
+// Timers. One process-wide list holds what is scheduled, earliest expiry first; the event loop runs what is
+// due and asks how long it may sleep.
+//
+// A timer is created unscheduled, scheduled by timer_start, unscheduled by timer_stop or by its last run, and
+// ended by timer_free. Each run first counts down and re-schedules (measured from now: lateness is not caught
+// up) or unschedules the timer, then calls back; so a callback may stop, restart or free its own timer, and
+// any other. Timers that expire at the same instant run in the reverse order of their start.
+//
+// Expiry is by the wall clock, which the device sets from the network: a step forward makes due what would
+// have fallen due within it, a step back delays by its size.
+#pragma once
+
+#include <cstdint>
+
+// Called by timer_run_expired on the loop's thread.
+using timer_callback = void (*)(void *ctx);
+
+struct timer {
+    uint32_t period_ms; // 0 is due at once
+    void *ctx;
+    timer_callback callback;
+    const char *name; // static text, for diagnostics
+};
+
+// A new unscheduled timer for timer_free, or null when memory is out.
+timer *timer_new(uint32_t period_ms, void *ctx, timer_callback callback, const char *name);
+
+// (Re)starts the period: count runs from now on, without end for 0 and below. -1 when memory is out; the
+// timer is unscheduled then.
+int timer_start(timer *timer, int count);
+
+// -1 when the timer was not scheduled.
+int timer_stop(timer *timer);
+
+// Stops and frees; null is allowed.
+void timer_free(timer *timer);
+
+// Calls fn(ctx) once, delay_ms from now. There is no handle and no way back. -1 when memory is out.
+int timer_call_later(uint32_t delay_ms, void *ctx, timer_callback fn);
+
+// For the loop: runs what is due, returns the milliseconds until the next timer, -1 without one.
+int timer_run_expired();
+
+// The process interval timer (SIGALRM), apart from the list above. While started it owns SIGALRM; its
+// callback runs in signal context. Times in milliseconds; results as of setitimer.
+int itimer_start(uint32_t value_ms, uint32_t interval_ms);
+int itimer_stop();
+int itimer_set_callback(void *ctx, timer_callback fn);

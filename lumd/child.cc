@@ -1,0 +1,40 @@
+#include "lumd/child.h"
+
+#include <unistd.h>
+
+namespace {
+
+constexpr int first_closed_fd = 3;
+constexpr int last_closed_fd = 1023;
+
+void close_inherited()
+{
+    if (close_range(first_closed_fd, last_closed_fd, 0) == 0)
+        return;
+    for (int fd = first_closed_fd; fd <= last_closed_fd; ++fd)
+        close(fd);
+}
+
+} // namespace
+
+sigchld_guard::sigchld_guard()
+{
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &blocked, &before_);
+}
+
+pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)())
+{
+    sigset_t none;
+    sigemptyset(&none);
+    const pid_t pid = vfork();
+    if (pid != 0)
+        return pid;
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    close_inherited();
+    execv(path, argv);
+    exec_failed();
+    _exit(-1);
+}

@@ -1,0 +1,23 @@
+// Starting other programs.
+#pragma once
+
+#include <csignal>
+#include <sys/types.h>
+
+// Keeps SIGCHLD out of its scope, so that what its handler walks can be changed and a child that dies at once
+// is not reaped before it is known.
+class sigchld_guard {
+  public:
+    sigchld_guard();
+    ~sigchld_guard() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    sigchld_guard(const sigchld_guard &) = delete;
+    sigchld_guard &operator=(const sigchld_guard &) = delete;
+
+  private:
+    sigset_t before_;
+};
+
+// Runs path with argv (ended by null) in a child that has no descriptor above 2 and no signal blocked.
+// Returns its pid, or -1 with errno set. exec_failed runs in the child, on our memory, when the program
+// cannot be run; the child then ends with status 255.
+pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)());

@@ -1,0 +1,302 @@
+#include "lumd/lumd.h"
+
+#include "app/glob.h"
+#include "app/log.h"
+#include "app/memory.h"
+#include "lumd/cfgdb.h"
+#include "lumd/kinds.h"
+
+#include <algorithm>
+#include <cstring>
+#include <span>
+
+namespace {
+
+constexpr char log_module[] = "lumd";
+constexpr uint32_t restart_delay_ms = 2000;
+
+static_assert(lumd_slots <= 32, "lumd_pass has one bit a slot");
+
+// A start or stop, perhaps inside another one. The outermost begins with nothing handled.
+class pass_scope {
+  public:
+    explicit pass_scope(lumd_pass &pass) : pass_(pass)
+    {
+        if (pass_.depth++ == 0)
+            pass_.handled = 0;
+    }
+    ~pass_scope() { --pass_.depth; }
+    pass_scope(const pass_scope &) = delete;
+    pass_scope &operator=(const pass_scope &) = delete;
+
+    // False when the slot has been handled in this pass before.
+    bool take(const service_info *slot)
+    {
+        const uint32_t bit = 1U << slot->m_cfg->index;
+        const bool first = !(pass_.handled & bit);
+        pass_.handled |= bit;
+        return first;
+    }
+
+  private:
+    lumd_pass &pass_;
+};
+
+// The slots that are filled, which are the first ones.
+std::span<service_info> used_slots(lumd *manager)
+{
+    const auto end = std::find_if(std::begin(manager->svcs), std::end(manager->svcs),
+                                  [](const service_info &slot) { return !slot.m_cfg; });
+    return {std::begin(manager->svcs), end};
+}
+
+// The links up to the first that has no slot.
+std::span<const svcfg_link> linked(std::span<const svcfg_link> links)
+{
+    const auto end =
+        std::find_if(links.begin(), links.end(), [](const svcfg_link &link) { return !link.info; });
+    return links.first(static_cast<size_t>(end - links.begin()));
+}
+
+std::span<const svcfg_condition> conditions(const svcfg *cfg)
+{
+    const auto *end = std::find_if(cfg->dsyscfg, cfg->dsyscfg + svcfg_condition_max,
+                                   [](const svcfg_condition &condition) { return !condition.name; });
+    return {cfg->dsyscfg, end};
+}
+
+// Starts the dependencies that nobody has started yet. True when there were none.
+bool dependencies_ready(const service_info *slot)
+{
+    bool ready = true;
+    for (const svcfg_link &link : linked(slot->m_cfg->depend)) {
+        service_info *dependency = link.info;
+        if (dependency->svcent)
+            continue;
+        log_trace(0, "lumd_do_start", log_module, __LINE__, "start service : %s", dependency->name);
+        ready = false;
+        lumd_do_start(dependency, dependency->name);
+    }
+    return ready;
+}
+
+bool conditions_hold(const service_info *slot)
+{
+    constexpr char func[] = "lumd_do_start";
+    for (const svcfg_condition &condition : conditions(slot->m_cfg)) {
+        log_trace(0, func, log_module, __LINE__, "dsyscfg var name: \"%s\"", condition.name);
+        if (!condition.value)
+            continue;
+        log_trace(0, func, log_module, __LINE__, "dsyscfg var value: \"%s\"", condition.value);
+        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name);
+        if (!current) {
+            log_failed(0, func, log_module, __LINE__);
+            return false;
+        }
+        log_trace(0, func, log_module, __LINE__, " %s=\"%s\"", condition.name, current);
+        if (strcmp(current, condition.value) != 0)
+            return false;
+    }
+    return true;
+}
+
+void stop_dependents(const service_info *slot, int release)
+{
+    for (const svcfg_link &link : linked(slot->m_cfg->depended)) {
+        if (link.info->svcent && link.info->svcent->state == SVCENT_STARTED)
+            lumd_do_stop(link.info, release);
+    }
+}
+
+void release_entry(service_info *slot)
+{
+    timer_free(slot->restart_timer);
+    slot->restart_timer = nullptr;
+    slot->svcent->ops->release(slot->svcent);
+    slot->svcent = nullptr;
+}
+
+void start_waiting_dependents(const service_info *slot)
+{
+    for (const svcfg_link &link : linked(slot->m_cfg->depended)) {
+        service_info *dependent = link.info;
+        log_trace(0, "lumd_processServiceCallback", log_module, __LINE__, "depended service: %s",
+                  dependent->name);
+        if (dependent->svcent && dependent->svcent->state != SVCENT_STARTED)
+            lumd_do_start(dependent, dependent->name);
+    }
+}
+
+void schedule_restart(service_info *slot)
+{
+    constexpr char func[] = "lumd_processServiceCallback";
+    log_trace(0, func, log_module, __LINE__, "service %s stopped, schedule to restart", slot->name);
+    if (!slot->restart_timer)
+        slot->restart_timer = timer_new(restart_delay_ms, slot, lumd_restart_service, "lumd_restart_service");
+    if (!slot->restart_timer || timer_start(slot->restart_timer, 1) < 0)
+        log_failed(0, func, log_module, __LINE__);
+}
+
+// Starts or stops the slot as one changed condition of it demands.
+void process_condition(service_info *slot, const svcfg_condition &condition,
+                       std::span<const char *const> names)
+{
+    constexpr char func[] = "lumd_processSyscfgChange";
+    log_trace(0, func, log_module, __LINE__, "\tprocess dependent var : %s", condition.name);
+    for (const char *name : names) {
+        if (strcmp(name, condition.name) != 0)
+            continue;
+        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name);
+        log_trace(0, func, log_module, __LINE__, "var value: %s, get syscfg: %s",
+                  condition.value ? condition.value : "(null)", current ? current : "(null)");
+        if (!current)
+            continue;
+        if (condition.value && strcmp(current, condition.value) != 0)
+            lumd_do_stop(slot, 0);
+        else if (condition.value)
+            lumd_do_start(slot, slot->name);
+        return;
+    }
+}
+
+bool watches(const service_info *slot, std::span<const char *const> names)
+{
+    for (size_t i = 0; i < svcfg_pattern_max && slot->m_cfg->syscfg_patterns[i]; ++i) {
+        const char *pattern = slot->m_cfg->syscfg_patterns[i];
+        log_trace(0, "lumd_reload_service", log_module, __LINE__, "checking %s", pattern);
+        if (std::any_of(names.begin(), names.end(),
+                        [pattern](const char *name) { return glob_match(pattern, name); }))
+            return true;
+    }
+    return false;
+}
+
+void lumd_do_reload(service_info *slot)
+{
+    if (!slot->svcent) {
+        log_failed(LOG_HERE);
+        return;
+    }
+    slot->svcent->ops->reload(slot->svcent, svcfg_find_command(slot->m_cfg, "reload"));
+}
+
+void lumd_reload_service(lumd *manager, std::span<const char *const> names)
+{
+    for (service_info &slot : used_slots(manager)) {
+        log_trace(LOG_HERE, "processing service %s", slot.name);
+        if (watches(&slot, names))
+            lumd_do_reload(&slot);
+    }
+}
+
+} // namespace
+
+lumd *lumd_create()
+{
+    log_trace(LOG_HERE, "Create lumd");
+    auto *manager = new_record<lumd>();
+    if (!manager)
+        log_failed(LOG_HERE);
+    return manager;
+}
+
+void lumd_do_start(service_info *slot, const char *name)
+{
+    if (!slot->m_cfg) {
+        log_failed(LOG_HERE);
+        return;
+    }
+    pass_scope pass(slot->owner->starting);
+    // Stored before its dependencies are looked at, so that a cycle comes back to a slot that has its entry.
+    if (!slot->svcent)
+        slot->svcent = create_svcent(slot, name, slot->m_cfg->argv[0]);
+    if (!slot->svcent) {
+        log_failed(LOG_HERE);
+        return;
+    }
+    const bool ready = dependencies_ready(slot);
+    if (!conditions_hold(slot) || !ready)
+        return;
+    if (pass.take(slot) &&
+        slot->svcent->ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv, slot->m_cfg) < 0)
+        log_failed(LOG_HERE);
+}
+
+void lumd_do_stop(service_info *slot, int release)
+{
+    if (!slot->svcent || !slot->m_cfg) {
+        log_failed(LOG_HERE);
+        return;
+    }
+    pass_scope pass(slot->owner->stopping);
+    if (!pass.take(slot))
+        return;
+    stop_dependents(slot, release);
+    log_trace(LOG_HERE, "stop service : %s", slot->name);
+    slot->svcent->ops->stop(slot->svcent, svcfg_find_command(slot->m_cfg, "stop"));
+    if (release)
+        release_entry(slot);
+}
+
+void lumd_start_service(lumd *manager, const char *name)
+{
+    print_error("start service: %s\n", name);
+    const auto slots = used_slots(manager);
+    const auto slot =
+        std::find_if(slots.begin(), slots.end(), [name](const auto &s) { return strcmp(s.name, name) == 0; });
+    if (slot != slots.end())
+        lumd_do_start(&*slot, slot->name);
+}
+
+void lumd_stop_service(lumd *manager, const char *name)
+{
+    for (service_info &slot : used_slots(manager)) {
+        if (strcmp(slot.name, name) == 0)
+            lumd_do_stop(&slot, 1);
+    }
+}
+
+void lumd_restart_service(void *ctx)
+{
+    auto *slot = static_cast<service_info *>(ctx);
+    if (!slot->svcent) {
+        log_failed(LOG_HERE);
+        return;
+    }
+    log_trace(LOG_HERE, "restart service: %s", slot->name);
+    lumd_do_start(slot, slot->name);
+}
+
+void lumd_processServiceCallback(service_info *slot, int event)
+{
+    log_trace(LOG_HERE, "SERVICE: %s callback", slot->name);
+    switch (event) {
+    case SVCENT_EV_STARTED:
+        start_waiting_dependents(slot);
+        break;
+    case SVCENT_EV_STOPPED:
+        lumd_do_stop(slot, 0);
+        schedule_restart(slot);
+        break;
+    default:
+        log_failed(LOG_HERE);
+    }
+}
+
+void lumd_processSyscfgChange(lumd *manager, const char *const *names, int count)
+{
+    const std::span<const char *const> changed(names, static_cast<size_t>(count));
+    for (service_info &slot : used_slots(manager)) {
+        if (!slot.svcent)
+            continue;
+        log_trace(LOG_HERE, "process service %s dependent syscfg", slot.name);
+        for (const svcfg_condition &condition : conditions(slot.m_cfg))
+            process_condition(&slot, condition, changed);
+    }
+    lumd_reload_service(manager, changed);
+}
+
+const char *svcent_getSyscfg(const svcent *entry, const char *name)
+{
+    return cfgdb_getSyscfg(entry->owner->owner->cfgdb, name);
+}

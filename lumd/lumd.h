@@ -1,0 +1,60 @@
+// The service manager: a table of 32 services in the order of their files, and what moves them.
+//
+// A slot is filled when its file is read and stays. Its entry (svcent) is made at the first start, kept over
+// stops and restarts, and ended only by a stop with release, so a slot without entry is a service that nobody
+// asked for: no event and no configuration change ever starts it.
+//
+// Three things move services. Requests come from the control FIFO. Events come from the kinds: a started
+// service starts those that wait for it; one that stopped by itself is stopped with what depends on it and
+// started again 2000 ms later, without end. Changed variables start or stop the services whose conditions
+// name them, and reload those that watch them.
+//
+// Starting goes through missing dependencies first and leaves the service to the event that they have
+// started. Stopping goes through running dependents first. Dependencies may form cycles and kinds may report
+// from inside their own start: in one outermost start or stop, every slot is started or stopped at most once.
+#pragma once
+
+#include "lumd/svcent.h"
+
+#include <cstdint>
+
+struct cfgdb;
+
+constexpr int lumd_slots = 32;
+
+// Which slots the outermost start (or stop) under way has handled, one bit a slot.
+struct lumd_pass {
+    uint32_t handled;
+    int depth;
+};
+
+struct lumd {
+    service_info svcs[lumd_slots];
+    ::cfgdb *cfgdb;
+    int fifo_fd;
+    lumd_pass starting;
+    lumd_pass stopping;
+};
+
+// An empty manager, or null (logged) when memory is out.
+lumd *lumd_create();
+
+// Reads every file of a colon-separated list, creates the database and opens the control FIFO; starts
+// nothing. 0, or -1, logged, when no file gave a service, or the database or the FIFO cannot be had.
+int lumd_init(lumd *manager, const char *path_list);
+
+// Reads one file behind the slot last_index. The new last index, or -1, logged.
+int lumd_parse_conf(lumd *manager, const char *path, int last_index);
+
+// Fills the lists of dependents and links all names to their slots.
+void lumd_init_service_infos(lumd *manager);
+
+// One slot; what comes of it is logged. release also ends the entry.
+void lumd_do_start(service_info *slot, const char *name);
+void lumd_do_stop(service_info *slot, int release);
+
+// The restart timer's callback; ctx is the slot.
+void lumd_restart_service(void *ctx);
+
+// Variables whose values have just changed; the names are the caller's.
+void lumd_processSyscfgChange(lumd *manager, const char *const *names, int count);

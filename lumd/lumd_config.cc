@@ -1,0 +1,225 @@
+#include "lumd/lumd.h"
+
+#include "app/file.h"
+#include "app/log.h"
+#include "app/text.h"
+#include "lumd/cfgdb.h"
+#include "lumd/control.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr char log_module[] = "lumd";
+constexpr size_t longest_path = 127;
+constexpr size_t line_size = 512;
+
+// A file being read, and where in it.
+struct conf_reader {
+    lumd *manager;
+    const char *path;
+    int line_number;
+    int last;       // index of the last filled slot
+    svcfg *current; // null before the first service, and after one that was refused
+};
+
+constexpr char parse_func[] = "lumd_parse_conf";
+
+int begin_service(conf_reader &reader, std::string_view line)
+{
+    reader.current = nullptr;
+    if (reader.last + 1 == lumd_slots) {
+        log_trace(0, parse_func, log_module, __LINE__, "%s: %d: more than %d services, refused: %.*s",
+                  reader.path, reader.line_number, lumd_slots, static_cast<int>(line.size()), line.data());
+        return 0;
+    }
+    const int index = reader.last + 1;
+    service_info &slot = reader.manager->svcs[index];
+    svcfg *cfg = create_service_cfg(reader.manager, index);
+    if (!cfg)
+        return -1;
+    slot.m_cfg = cfg;
+    copy_text(slot.name, svcfg_parseServiceLine(cfg, line));
+    slot.owner = reader.manager;
+    reader.last = index;
+    reader.current = cfg;
+    return 0;
+}
+
+constexpr struct {
+    std::string_view keyword;
+    int (*parse)(svcfg *cfg, std::string_view line);
+} line_kinds[] = {
+    {"exec", svcfg_parseExecLine},
+    {"depends", svcfg_parseDepends},
+    {"syscfg", svcfg_parseSyscfgLine},
+    {"", svcfg_parseCmdLine}, // anything else
+};
+
+int parse_line(conf_reader &reader, std::string_view line)
+{
+    if (line.starts_with("service"))
+        return begin_service(reader, line);
+    if (line.empty() || line.front() == '#')
+        return 0;
+    if (!reader.current) {
+        log_trace(0, parse_func, log_module, __LINE__, "%s: %d: belongs to no service, refused: %.*s",
+                  reader.path, reader.line_number, static_cast<int>(line.size()), line.data());
+        return 0;
+    }
+    for (const auto &kind : line_kinds) {
+        if (line.starts_with(kind.keyword))
+            return kind.parse(reader.current, line);
+    }
+    return 0;
+}
+
+std::string_view prepare_line(std::string_view line)
+{
+    while (!line.empty() && (line.front() == ' ' || line.front() == '\t'))
+        line.remove_prefix(1);
+    line = line.substr(0, line.find(line.find('\r') != line.npos ? '\r' : '\n'));
+    return trim_end(line);
+}
+
+bool depends_on(const svcfg *cfg, std::string_view name)
+{
+    for (const svcfg_link &link : cfg->depend) {
+        if (link.name && name == link.name)
+            return true;
+    }
+    return false;
+}
+
+service_info *find_slot(lumd *manager, const char *name)
+{
+    for (service_info &slot : manager->svcs) {
+        if (slot.m_cfg && strcmp(slot.name, name) == 0)
+            return &slot;
+    }
+    return nullptr;
+}
+
+void link_names(lumd *manager, const svcfg *cfg, std::span<svcfg_link> links, const char *list)
+{
+    int index = 0;
+    for (svcfg_link &link : links) {
+        if (!link.name)
+            break;
+        link.info = find_slot(manager, link.name);
+        log_trace(0, "lumd_init_service_infos", log_module, __LINE__,
+                  "\t%s: svcfg[%d]: %s[%d]: name: %s info name: %s", cfg->proc, cfg->index, list, index++,
+                  link.name, link.info ? link.info->name : "(null)");
+    }
+}
+
+void dump_commands(const svcfg *cfg)
+{
+    constexpr char func[] = "lumd_init";
+    for (size_t c = 0; c < svcfg_cmd_max && cfg->cmds[c].name; ++c) {
+        log_trace(0, func, log_module, __LINE__, "%s: ", cfg->cmds[c].name);
+        for (int w = 0; cfg->cmds[c].argv[w]; ++w) {
+            log_trace(0, func, log_module, __LINE__, "lumd->svcs[%d].m_cfg->cmds[%d].argv[%d]: %s",
+                      cfg->index, static_cast<int>(c), w, cfg->cmds[c].argv[w]);
+        }
+    }
+}
+
+void dump_table(const lumd *manager)
+{
+    constexpr char func[] = "lumd_init";
+    for (int i = 0; i < lumd_slots && manager->svcs[i].m_cfg; ++i) {
+        const svcfg *cfg = manager->svcs[i].m_cfg;
+        log_trace(0, func, log_module, __LINE__, "    lumd->svcs[%d].m_cfg->proc=%s", i, cfg->proc);
+        for (char *const *word = cfg->argv; *word; ++word)
+            log_trace(0, func, log_module, __LINE__, "        %s", *word);
+        dump_commands(cfg);
+    }
+}
+
+// The last index after every file of the list, and whether the last file could be read.
+int read_files(lumd *manager, std::string_view list, bool &last_read)
+{
+    int last = -1;
+    for (bool more = true; more;) {
+        more = list.find(':') != list.npos;
+        const std::string_view element = cut_until(list, ':');
+        char path[longest_path + 1];
+        last_read = false;
+        if (!copy_text(path, element))
+            continue;
+        const int result = lumd_parse_conf(manager, path, last);
+        last_read = result >= 0;
+        if (last_read)
+            last = result;
+    }
+    return last;
+}
+
+} // namespace
+
+int lumd_parse_conf(lumd *manager, const char *path, int last_index)
+{
+    const unique_file file = open_regular_file(path);
+    if (!file) {
+        log_trace(LOG_HERE, "cannot open: %s", path);
+        return -1;
+    }
+    log_trace(LOG_HERE, "%s", path);
+    conf_reader reader = {manager, path, 0, last_index, nullptr};
+    char line[line_size];
+    while (fgets(line, sizeof line, file.get())) {
+        ++reader.line_number;
+        if (parse_line(reader, prepare_line(line)) < 0) {
+            log_failed(LOG_HERE);
+            return -1;
+        }
+    }
+    return reader.last;
+}
+
+void lumd_init_service_infos(lumd *manager)
+{
+    for (service_info &slot : manager->svcs) {
+        if (!slot.m_cfg)
+            break;
+        for (const service_info &other : manager->svcs) {
+            if (other.m_cfg && depends_on(other.m_cfg, slot.name) &&
+                svcfg_add_link(slot.m_cfg, slot.m_cfg->depended, other.name, "dependents") < 0) {
+                log_failed(LOG_HERE);
+            }
+        }
+    }
+    for (service_info &slot : manager->svcs) {
+        if (!slot.m_cfg)
+            break;
+        link_names(manager, slot.m_cfg, slot.m_cfg->depend, "depend");
+        link_names(manager, slot.m_cfg, slot.m_cfg->depended, "depended");
+    }
+}
+
+int lumd_init(lumd *manager, const char *path_list)
+{
+    bool last_read = false;
+    const int last = read_files(manager, path_list, last_read);
+    if (!last_read && last < 0) {
+        log_failed(LOG_HERE);
+        return -1;
+    }
+    dump_table(manager);
+    lumd_init_service_infos(manager);
+
+    cfgdb *bridge = create_cfgdb(manager);
+    if (!bridge || cfgdb_init(bridge) < 0) {
+        log_failed(LOG_HERE);
+        if (bridge)
+            cfgdb_release(bridge);
+        return -1;
+    }
+    manager->cfgdb = bridge;
+    if (open_control_fifo(manager) < 0) {
+        log_syserror(LOG_HERE);
+        return -1;
+    }
+    return 0;
+}

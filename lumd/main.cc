@@ -1,0 +1,44 @@
+#include "app/app.h"
+#include "app/log.h"
+#include "lumd/cfgdb.h"
+#include "lumd/lumd.h"
+#include "lumd/time_zone.h"
+
+#include <cstdlib>
+#include <string_view>
+#include <unistd.h>
+
+namespace {
+
+constexpr char default_path_list[] = "/etc/svc.conf:/usr/etc/svc.conf";
+
+// At once, whatever standard output is, and with nothing left in a buffer that a child could write again.
+void announce(std::string_view text)
+{
+    if (write(STDOUT_FILENO, text.data(), text.size()) < 0)
+        return;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    setenv("DEBUG", "1", 0);
+    announce("starting lumd...\n");
+    app_init(argc, argv, nullptr, "lumd");
+
+    lumd *manager = lumd_create();
+    if (!manager) {
+        print_error("proc-chain init failed!\n");
+        return -1;
+    }
+    if (lumd_init(manager, argc >= 2 ? argv[1] : default_path_list) < 0) {
+        print_error("cannot initialize lumd!\n");
+        return -1;
+    }
+    if (const char *zone = cfgdb_getSyscfg(manager->cfgdb, "TZ"))
+        init_tz(zone);
+    announce("lumd started!\n");
+    app_run();
+    return 0;
+}

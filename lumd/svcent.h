@@ -1,0 +1,53 @@
+// What the manager and the kinds of service know of each other.
+//
+// The manager drives every service through the four operations of its entry and never asks what kind it is. A
+// kind reports back through lumd_processServiceCallback and reads its settings through svcent_getSyscfg. An
+// entry is made at its slot's first start and kept over stops and restarts; only release ends it.
+#pragma once
+
+#include "app/timer.h"
+#include "lumd/svcfg.h"
+
+struct svcent;
+
+enum svcent_state { SVCENT_CREATED = 0, SVCENT_STARTED = 1, SVCENT_STOPPED = 2 };
+enum svcent_event { SVCENT_EV_STARTED = 1, SVCENT_EV_STOPPED = 2 };
+
+// Only start's result counts: negative is a failure that the manager logs. argv is ended by null and never
+// null itself. release withdraws all that could still reach the entry and frees it.
+struct svcent_ops {
+    int (*start)(svcent *entry, int argc, char *const *argv, const svcfg *m_cfg);
+    int (*stop)(svcent *entry, char *const *argv);
+    int (*reload)(svcent *entry, char *const *argv);
+    int (*release)(svcent *entry);
+};
+
+// The head of every entry; a kind's own record derives from it.
+struct svcent {
+    const svcent_ops *ops;
+    char *name; // own
+    int state;  // kept by the kind, only read by the manager
+    service_info *owner;
+};
+
+// One place of the service table; m_cfg is null in an empty one.
+struct service_info {
+    char name[svcfg_name_size];
+    lumd *owner;
+    svcfg *m_cfg;
+    ::svcent *svcent;
+    timer *restart_timer;
+};
+
+// Calls of a kind to the manager.
+
+// The service has started by itself, or stopped by itself (the manager then starts it again 2000 ms later).
+void lumd_processServiceCallback(service_info *slot, int event);
+
+// Start the first, or stop and release every, service of that name; an unknown name does nothing.
+void lumd_start_service(lumd *manager, const char *name);
+void lumd_stop_service(lumd *manager, const char *name);
+
+// A configuration value ("NAME" or "syscfg:NAME"), the database's own until it changes; null when there is
+// none.
+const char *svcent_getSyscfg(const svcent *entry, const char *name);

@@ -1,0 +1,333 @@
+#include "syscfg/server.h"
+
+#include "app/log.h"
+#include "app/memory.h"
+#include "app/text.h"
+#include "net/net.h"
+#include "syscfg/computed.h"
+#include "syscfg/listing.h"
+#include "syscfg/registry.h"
+#include "syscfg/store.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+constexpr char log_module[] = "syscfg";
+constexpr char server_path[] = "/tmp/.syscfg-server";
+constexpr size_t request_max = 1024;
+constexpr size_t answer_max = 4096;
+constexpr size_t format_buffer_size = 128;
+constexpr int most_waiters = 1024;
+constexpr int most_applied_names = 1000;
+
+constexpr std::string_view ok = "!OK";
+constexpr std::string_view error = "!ERR";
+constexpr std::string_view no_entry = "!ERR NOENT";
+constexpr std::string_view invalid = "!ERR INVAL";
+constexpr std::string_view bad_name = "!ERR BADNAM";
+constexpr std::string_view computed_is_read_only = "!ERR RONLY";
+constexpr std::string_view no_access = "!ERR ACCESS";
+
+// What a command sends by itself, later or in pieces.
+constexpr std::string_view no_reply = "";
+
+int waiter_count;
+uint32_t next_serial;
+
+struct assignment {
+    char name[var_name_max + 1];
+    char value[var_value_max + 1];
+};
+
+bool parse(std::string_view text, assignment &parsed)
+{
+    return parse_assignment(text, parsed.name, parsed.value) == 0;
+}
+
+void free_waiter(syscfg_waiter *waiter)
+{
+    drop_value(waiter);
+    free(waiter);
+}
+
+void unlink_waiter(syscfg_waiter **at)
+{
+    syscfg_waiter *waiter = *at;
+    *at = waiter->next_waiter;
+    free_waiter(waiter);
+    --waiter_count;
+}
+
+// Answers the waiters whose value has come.
+void release_waiters(const syscfg *db, syscfg_var *var)
+{
+    for (syscfg_waiter **at = &var->waiters; *at;) {
+        if (strcmp((*at)->text(), var->text()) == 0) {
+            reply(db->server_fd, (*at)->from, ok);
+            unlink_waiter(at);
+        } else {
+            at = &(*at)->next_waiter;
+        }
+    }
+}
+
+// The oldest waiter of a variable is the last of its list.
+syscfg_waiter **last_waiter(syscfg_var *var)
+{
+    syscfg_waiter **at = &var->waiters;
+    while ((*at)->next_waiter)
+        at = &(*at)->next_waiter;
+    return at;
+}
+
+void drop_oldest_waiter(const syscfg *db)
+{
+    syscfg_waiter **oldest = nullptr;
+    uint32_t oldest_age = 0;
+    for (syscfg_var *var = db->vars; var; var = var->next) {
+        if (!var->waiters)
+            continue;
+        syscfg_waiter **last = last_waiter(var);
+        const uint32_t age = next_serial - (*last)->serial;
+        if (!oldest || age > oldest_age) {
+            oldest = last;
+            oldest_age = age;
+        }
+    }
+    if (!oldest)
+        return;
+    log_trace(LOG_HERE, "more than %d waits, dropped: %s=%s", most_waiters, (*oldest)->name,
+              (*oldest)->text());
+    try_reply(db->server_fd, (*oldest)->from, error);
+    unlink_waiter(oldest);
+}
+
+void keep_waiter(const syscfg *db, syscfg_var *var, syscfg_waiter *waiter, const requester &from)
+{
+    if (waiter_count == most_waiters)
+        drop_oldest_waiter(db);
+    waiter->from = from;
+    waiter->serial = next_serial++;
+    waiter->next_waiter = var->waiters;
+    var->waiters = waiter;
+    ++waiter_count;
+}
+
+std::string_view wait_syscfg(const syscfg *db, std::string_view text, const requester &from)
+{
+    assignment wanted;
+    if (!parse(text, wanted)) {
+        log_trace(LOG_HERE, "invalid expr: %s", text.data());
+        return invalid;
+    }
+    syscfg_var *var = find_var(db, wanted.name);
+    if (!var) {
+        log_trace(LOG_HERE, "no var named: %s", wanted.name);
+        return no_entry;
+    }
+    auto *waiter = new_record<syscfg_waiter>();
+    if (!waiter) {
+        log_failed(LOG_HERE);
+        return error;
+    }
+    static_cast<syscfg_var &>(*waiter) = *var;
+    waiter->next = nullptr;
+    waiter->value = nullptr;
+    waiter->waiters = nullptr;
+    const bool accepted = var_types[var->type].set(db, waiter, wanted.value) >= 0;
+    if (!accepted || strcmp(waiter->text(), var->text()) == 0) {
+        free_waiter(waiter);
+        return accepted ? ok : no_entry;
+    }
+    keep_waiter(db, var, waiter, from);
+    return no_reply;
+}
+
+// The next name of a list, which any other character after white space ends; empty at the end of the list.
+std::string_view take_name(std::string_view &list)
+{
+    list = skip_space(list);
+    const std::string_view name = span_of(list, is_name_char);
+    list.remove_prefix(std::min(name.size() + 1, list.size()));
+    return name;
+}
+
+std::string_view apply_names(const syscfg *db, std::string_view list)
+{
+    const char *names[most_applied_names + 1];
+    int count = 0;
+    while (!list.empty() && count < most_applied_names) {
+        const syscfg_var *var = find_var(db, take_name(list));
+        if (var && var->changed())
+            names[count++] = var->name;
+    }
+    names[count] = nullptr;
+    if (count > 0)
+        cfgdb_processSyscfgChange(db->listener, names, count);
+    return ok;
+}
+
+std::string_view reset(syscfg *db)
+{
+    const int length = load_defaults(db, text_buffer, text_buffer_size);
+    const bool saved = length > 0 && registry_write("syscfg", text_buffer, length) >= 0;
+    return saved && load_syscfg(db) >= 0 ? ok : error;
+}
+
+std::string_view do_list(syscfg *db, std::string_view, const requester &from)
+{
+    send_list(db, from);
+    return no_reply;
+}
+
+std::string_view do_wait(syscfg *db, std::string_view rest, const requester &from)
+{
+    return wait_syscfg(db, rest, from);
+}
+
+std::string_view do_apply(syscfg *db, std::string_view, const requester &)
+{
+    apply_syscfg(db);
+    return ok;
+}
+
+std::string_view do_apply_names(syscfg *db, std::string_view rest, const requester &)
+{
+    return apply_names(db, rest);
+}
+
+std::string_view do_save(syscfg *db, std::string_view, const requester &)
+{
+    return save_syscfg(db, true) < 0 ? error : ok;
+}
+
+std::string_view do_reload(syscfg *db, std::string_view, const requester &)
+{
+    return load_syscfg(db) < 0 ? error : ok;
+}
+
+std::string_view do_reset(syscfg *db, std::string_view, const requester &)
+{
+    return reset(db);
+}
+
+constexpr struct {
+    std::string_view word;
+    bool takes_rest; // the word is a prefix, and the rest goes to the command
+    std::string_view (*run)(syscfg *db, std::string_view rest, const requester &from);
+} commands[] = {
+    {"list", false, do_list},         {"wait", true, do_wait},  {"apply", false, do_apply},
+    {"apply:", true, do_apply_names}, {"save", false, do_save}, {"reload", false, do_reload},
+    {"reset", false, do_reset},
+};
+
+std::string_view syscfg_exec_cmd(syscfg *db, std::string_view request, const requester &from)
+{
+    request.remove_prefix(1);
+    log_trace(LOG_HERE, "%s", request.data());
+    for (const auto &command : commands) {
+        if (command.takes_rest ? request.starts_with(command.word) : request == command.word)
+            return command.run(db, request.substr(command.word.size()), from);
+    }
+    log_trace(LOG_HERE, "unknown command %s", request.data());
+    return error;
+}
+
+// The answer is built in out.
+std::string_view syscfg_query(const syscfg *db, std::string_view request, std::span<char> out)
+{
+    request.remove_prefix(1);
+    const std::span<char> text = out.subspan(1);
+    out[0] = '>';
+    if (request.starts_with('@')) {
+        if (get_computed(request.substr(1), text) < 0)
+            return no_entry;
+    } else {
+        char formatted[format_buffer_size] = "";
+        const size_t name_end = request.find('%');
+        const char *option = name_end == request.npos ? nullptr : request.data() + name_end + 1;
+        const char *value = get_value(db, request.substr(0, name_end), option, formatted);
+        if (!value)
+            return no_entry;
+        copy_text(text, value);
+    }
+    return {out.data(), strlen(out.data())};
+}
+
+std::string_view syscfg_set_request(const syscfg *db, std::string_view request)
+{
+    assignment wanted;
+    if (!parse(request, wanted))
+        return error;
+    if (wanted.name[0] == '@')
+        return computed_is_read_only;
+    if (!is_letter(wanted.name[0]) && wanted.name[0] != '_')
+        return bad_name;
+    syscfg_var *var = find_var(db, wanted.name);
+    if (!var)
+        return no_entry;
+    if (var->read_only())
+        return no_access;
+    if (var_types[var->type].set(db, var, wanted.value) < 0)
+        return invalid;
+    if (var->changed())
+        release_waiters(db, var);
+    return ok;
+}
+
+void handle_request(syscfg *db, std::string_view request, const requester &from)
+{
+    char answer[1 + answer_max + 1];
+    std::string_view sent;
+    switch (request.empty() ? '\0' : request.front()) {
+    case '%':
+        sent = syscfg_exec_cmd(db, request, from);
+        break;
+    case '?':
+        sent = syscfg_query(db, request, answer);
+        break;
+    default:
+        sent = syscfg_set_request(db, request);
+    }
+    if (!sent.empty())
+        reply(db->server_fd, from, sent);
+}
+
+} // namespace
+
+int open_server_socket()
+{
+    unique_fd sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    copy_text(addr.sun_path, server_path);
+    unlink(server_path);
+    if (!sock || bind(sock.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) < 0)
+        return -1;
+    return sock.release();
+}
+
+void syscfg_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
+{
+    auto *db = static_cast<syscfg *>(ctx);
+    if (events & APP_EV_READ) {
+        char request[request_max + 1];
+        requester from;
+        from.len = sizeof from.addr;
+        const ssize_t length = recvfrom(fd, request, request_max, MSG_DONTWAIT,
+                                        reinterpret_cast<sockaddr *>(&from.addr), &from.len);
+        if (length <= 0) {
+            log_failed(LOG_HERE);
+        } else {
+            request[length] = '\0';
+            from.addr.sun_family = AF_UNIX;
+            reply_begin();
+            handle_request(db, request, from);
+        }
+    }
+    if (events & APP_EV_ERROR)
+        log_trace(LOG_HERE, "%s", strerror(get_socket_error(fd)));
+}

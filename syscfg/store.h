@@ -1,0 +1,39 @@
+// The values: where they come from, where they are saved, and who is told of changes.
+//
+// A setter validates, normalises and stores a value and marks its variable changed; nothing more happens
+// until an apply reports all marked variables to the service manager at once and clears the marks. Values are
+// loaded in this order, each over the one before: hardware information (once, at start-up), constants,
+// defaults, saved values. Constants and hardware information make their variables read-only as they first
+// give them a value, so what comes later leaves those alone. Saving writes every variable that has a value
+// and may be saved to flash.
+#pragma once
+
+#include "syscfg/types.h"
+
+// What load_config does to the variables that a text names.
+enum load_mode : uint16_t { LOAD_VALUES = 0, LOAD_CONSTANTS = VAR_NOSAVE | VAR_RDONLY };
+
+constexpr size_t text_buffer_size = 65536;
+
+// Shared by loading, saving and resetting; each use fills and consumes it before it returns.
+extern char text_buffer[text_buffer_size + 1];
+
+// Splits "name = value" or "name = "value" ..."; the results are terminated. -1 when there is no "=", no
+// closing quote, or no room for the name or the value.
+int parse_assignment(std::string_view line, std::span<char> name_out, std::span<char> value_out);
+
+// Takes name=value lines; what follows the last line end is not processed. text has room for one byte more.
+// An undeclared name is reported, or becomes a variable of type add_type when that is not 0. Returns 0.
+int load_config(syscfg *db, char *text, int length, load_mode mode, uint16_t add_type);
+
+// Reads the default file and the vendor's; bytes read, or -1 when there is no default file.
+int load_defaults(syscfg *db, char *buffer, int buffer_size);
+
+// Loads constants, defaults and saved values. The length of the saved text, or below 1 when flash gave none.
+int load_syscfg(syscfg *db);
+
+// Writes all values to flash, then applies if asked. Bytes written, or -1.
+int save_syscfg(syscfg *db, bool apply);
+
+// Reports what has changed since the last time (1,023 variables at most, the rest next time). Returns 0.
+int apply_syscfg(syscfg *db);

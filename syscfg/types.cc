@@ -1,0 +1,414 @@
+#include "syscfg/types.h"
+
+#include "app/log.h"
+#include "app/memory.h"
+#include "app/text.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <regex.h>
+#include <strings.h>
+
+namespace {
+
+constexpr char log_module[] = "syscfg";
+constexpr size_t integer_field = 20;
+constexpr size_t bool_field = 2;
+constexpr size_t ip_field = 16;
+constexpr size_t mac_field = 18;
+constexpr size_t mac_octets = 6;
+
+void mark_changed(syscfg_var *var)
+{
+    var->flags |= VAR_CHANGED;
+}
+
+int clear_value(syscfg_var *var)
+{
+    if (var->value) {
+        drop_value(var);
+        mark_changed(var);
+    }
+    return 0;
+}
+
+// Stores text in the field of that size, which every value of the type has. 0 or -12.
+int store_in_field(syscfg_var *var, size_t field, std::string_view text)
+{
+    if (!var->value)
+        var->value = static_cast<char *>(calloc(1, field));
+    if (!var->value)
+        return value_no_memory;
+    copy_text({var->value, field}, text);
+    return 0;
+}
+
+// Stores exactly text. 0 or -12.
+int store_exactly(syscfg_var *var, std::string_view text)
+{
+    auto *resized = static_cast<char *>(realloc(var->value, text.size() + 1));
+    if (!resized)
+        return value_no_memory;
+    var->value = resized;
+    copy_text({resized, text.size() + 1}, text);
+    return 0;
+}
+
+class regular_expression {
+  public:
+    explicit regular_expression(const char *pattern) : compiled_(regcomp(&regex_, pattern, 0) == 0) {}
+    ~regular_expression()
+    {
+        if (compiled_)
+            regfree(&regex_);
+    }
+    regular_expression(const regular_expression &) = delete;
+    regular_expression &operator=(const regular_expression &) = delete;
+
+    [[nodiscard]] bool compiled() const { return compiled_; }
+    [[nodiscard]] bool matches_all_of(const char *text) const
+    {
+        regmatch_t match;
+        return regexec(&regex_, text, 1, &match, 0) == 0 && match.rm_so == 0 && text[match.rm_eo] == '\0';
+    }
+
+  private:
+    regex_t regex_ = {};
+    bool compiled_;
+};
+
+int check_pattern(const char *pattern, const char *text)
+{
+    const regular_expression regex(pattern);
+    if (!regex.compiled())
+        return -1;
+    return regex.matches_all_of(text) ? 0 : value_refused;
+}
+
+int set_string(const syscfg *, syscfg_var *var, const char *text)
+{
+    const std::string_view value = text;
+    if (value.empty()) {
+        if (var->value)
+            log_trace(LOG_HERE, "%s=%s", var->name, var->value);
+        return clear_value(var);
+    }
+    if (var->size != 0 && value.size() > static_cast<size_t>(var->size))
+        return value_refused;
+    if (var->value && value == var->value)
+        return 0;
+    if (var->pattern) {
+        const int checked = check_pattern(var->pattern, text);
+        if (checked != 0)
+            return checked;
+    }
+    const int stored =
+        var->size != 0
+            ? store_in_field(var, std::min(static_cast<size_t>(var->size), var_value_max) + 1, value)
+            : store_exactly(var, value);
+    if (stored == 0)
+        mark_changed(var);
+    return stored;
+}
+
+bool parse_integer(const char *text, long &number)
+{
+    char *end;
+    number = strtol(text, &end, 0);
+    return end != text && *end == '\0';
+}
+
+int set_integer(const syscfg *, syscfg_var *var, const char *text)
+{
+    if (*text == '\0')
+        return clear_value(var);
+    long number;
+    if (strlen(text) >= integer_field || !parse_integer(text, number))
+        return value_refused;
+    bool changed = true;
+    if (var->value) {
+        const long old = strtol(var->value, nullptr, 0);
+        changed = old != number;
+        log_trace(LOG_HERE, "old=%ld l=%ld", old, number);
+    }
+    const int stored = store_in_field(var, integer_field, text);
+    if (stored == 0 && changed)
+        mark_changed(var);
+    return stored;
+}
+
+// '0' or '1', or 0 when text means neither.
+char parse_bool(const char *text)
+{
+    if (*text == '0' || *text == '1')
+        return *text;
+    if (strcasecmp(text, "true") == 0)
+        return '1';
+    return strcasecmp(text, "false") == 0 ? '0' : '\0';
+}
+
+int set_bool(const syscfg *, syscfg_var *var, const char *text)
+{
+    const char value = parse_bool(text);
+    if (value == '\0')
+        return value_refused;
+    if (var->value && *var->value == value)
+        return 0;
+    const int stored = store_in_field(var, bool_field, {&value, 1});
+    if (stored == 0)
+        mark_changed(var);
+    return stored;
+}
+
+char *find_choice(const syscfg_var *var, const char *text)
+{
+    for (char **name = var->list; *name; ++name) {
+        if (strcasecmp(*name, text) == 0)
+            return *name;
+    }
+    return nullptr;
+}
+
+int set_choice(const syscfg *db, syscfg_var *var, const char *text)
+{
+    if (!var->list)
+        return value_refused;
+    char *chosen = find_choice(var, text);
+    if (!chosen) {
+        const char *alias = find_alias(db, text);
+        chosen = alias ? find_choice(var, alias) : nullptr;
+    }
+    if (!chosen)
+        return value_refused;
+    if (var->value != chosen) {
+        var->value = chosen;
+        mark_changed(var);
+    }
+    return 0;
+}
+
+int set_ip(const syscfg *, syscfg_var *var, const char *text)
+{
+    if (*text == '\0')
+        return clear_value(var);
+    in_addr address;
+    in_addr old;
+    if (!inet_aton(text, &address))
+        return value_refused;
+    if (var->value && inet_aton(var->value, &old) && old.s_addr == address.s_addr)
+        return 0;
+    char dotted[ip_field];
+    if (!inet_ntop(AF_INET, &address, dotted, sizeof dotted))
+        return value_refused;
+    const int stored = store_in_field(var, ip_field, dotted);
+    if (stored == 0)
+        mark_changed(var);
+    return stored;
+}
+
+constexpr char upper_digit(char c)
+{
+    return c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c;
+}
+
+constexpr bool is_hex_digit(char c)
+{
+    c = upper_digit(c);
+    return is_digit(c) || (c >= 'A' && c <= 'F');
+}
+
+// Six octets of two digits each, one character of any other kind allowed after each.
+bool normalise_mac(std::string_view text, char (&out)[mac_field])
+{
+    size_t length = 0;
+    for (size_t octet = 0; octet < mac_octets; ++octet) {
+        if (text.size() < 2 || !is_hex_digit(text[0]) || !is_hex_digit(text[1]))
+            return false;
+        out[length++] = upper_digit(text[0]);
+        out[length++] = upper_digit(text[1]);
+        out[length++] = ':';
+        text.remove_prefix(2);
+        if (!text.empty() && !is_hex_digit(text.front()))
+            text.remove_prefix(1);
+    }
+    out[length - 1] = '\0';
+    return true;
+}
+
+int set_mac(const syscfg *, syscfg_var *var, const char *text)
+{
+    if (*text == '\0')
+        return clear_value(var);
+    char mac[mac_field];
+    if (!normalise_mac(text, mac))
+        return value_refused;
+    if (var->value && strcmp(var->value, mac) == 0)
+        return 0;
+    const int stored = store_in_field(var, mac_field, mac);
+    if (stored == 0)
+        mark_changed(var);
+    return stored;
+}
+
+int set_sn(const syscfg *, syscfg_var *var, const char *text)
+{
+    const unique_text stripped(new_text(text));
+    if (!stripped)
+        return value_no_memory;
+    char *end = std::remove_if(stripped.get(), stripped.get() + strlen(stripped.get()), is_space);
+    const int stored = store_exactly(var, {stripped.get(), static_cast<size_t>(end - stripped.get())});
+    if (stored == 0)
+        mark_changed(var);
+    return stored;
+}
+
+const char *get_string(const syscfg_var *var, const char *option, std::span<char> buffer)
+{
+    if (strcasecmp(option, "url") != 0)
+        return var->value;
+    url_escape(var->value, buffer);
+    return buffer.data();
+}
+
+// A number of one to three digits, or none, at the front of text; 0 for none.
+int take_small_number(std::string_view &text)
+{
+    int number = 0;
+    const std::string_view digits = span_of(text, is_digit);
+    for (const char digit : digits)
+        number = std::min(number * 10 + (digit - '0'), 1000);
+    text.remove_prefix(digits.size());
+    return number;
+}
+
+// One conversion of one int, and nothing that makes printf read another argument or work for long.
+bool is_safe_conversion(std::string_view text)
+{
+    constexpr int widest = 64;
+    text.remove_prefix(std::min(text.find_first_not_of("-+ #0"), text.size()));
+    if (take_small_number(text) > widest)
+        return false;
+    if (text.starts_with('.')) {
+        text.remove_prefix(1);
+        if (take_small_number(text) > widest)
+            return false;
+    }
+    return text.size() == 1 && std::string_view("diuoxX").find(text.front()) != std::string_view::npos;
+}
+
+const char *get_integer(const syscfg_var *var, const char *option, std::span<char> buffer)
+{
+    constexpr size_t longest_option = 15;
+    const std::string_view conversion = std::string_view(option).substr(0, longest_option);
+    if (!is_safe_conversion(conversion))
+        return var->value;
+    char format[1 + longest_option + 1] = "%";
+    copy_text(std::span(format).subspan(1), conversion);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    snprintf(buffer.data(), buffer.size(), format,
+             atoi(var->value)); // NOLINT(cert-err34-c): a lenient reading
+#pragma GCC diagnostic pop
+    return buffer.data();
+}
+
+const char *get_bool(const syscfg_var *var, const char *option, std::span<char> buffer)
+{
+    std::string_view when_true = option;
+    if (when_true.find(':') == when_true.npos)
+        return var->value;
+    const std::string_view when_false = cut_until(when_true, ':');
+    copy_text(buffer, *var->value == '1' ? when_true : when_false);
+    return buffer.data();
+}
+
+const char *get_mac(const syscfg_var *var, const char *option, std::span<char> buffer)
+{
+    if (*option == ':')
+        return var->value;
+    size_t length = 0;
+    for (const char *c = var->value; *c != '\0' && length + 1 < buffer.size(); ++c) {
+        if (*c != ':')
+            buffer[length++] = *c;
+        else if (*option != '\0')
+            buffer[length++] = *option;
+    }
+    buffer[length] = '\0';
+    return buffer.data();
+}
+
+int accept_any_spec(syscfg_var *, std::string_view)
+{
+    return 0;
+}
+
+} // namespace
+
+constexpr std::array<var_type, VAR_TYPES> var_types = {{
+    {"alias", parse_choice_spec, nullptr, nullptr},
+    {"string", parse_string_spec, set_string, get_string},
+    {"integer", accept_any_spec, set_integer, get_integer},
+    {"bool", nullptr, set_bool, get_bool},
+    {"choice", parse_choice_spec, set_choice, nullptr},
+    {"ip", nullptr, set_ip, nullptr},
+    {"mac", nullptr, set_mac, get_mac},
+    {"domain", nullptr, set_string, nullptr},
+    {"url", nullptr, set_string, nullptr},
+    {"sn", nullptr, set_sn, nullptr},
+}};
+
+// A keyword that begins with an earlier one would never be found.
+static_assert([] {
+    for (size_t i = 0; i < var_types.size(); ++i) {
+        for (size_t earlier = 0; earlier < i; ++earlier) {
+            if (var_types[i].keyword.starts_with(var_types[earlier].keyword))
+                return false;
+        }
+    }
+    return var_types[VAR_ALIAS].keyword == "alias" && var_types[VAR_CHOICE].keyword == "choice" &&
+           var_types[VAR_SN].keyword == "sn";
+}());
+
+void drop_value(syscfg_var *var)
+{
+    if (var->type != VAR_CHOICE && var->type != VAR_ALIAS)
+        free(var->value);
+    var->value = nullptr;
+}
+
+const char *get_value(const syscfg *db, std::string_view name, const char *option, std::span<char> buffer)
+{
+    const syscfg_var *var = find_var(db, name);
+    if (!var)
+        return nullptr;
+    const auto get = var_types[var->type].get;
+    return get && option && var->value ? get(var, option, buffer) : var->text();
+}
+
+void url_escape(std::string_view text, std::span<char> out)
+{
+    constexpr char digits[] = "0123456789ABCDEF";
+    constexpr std::string_view kept = "._-";
+    size_t length = 0;
+    for (const char c : text) {
+        if (length + 1 >= out.size())
+            break;
+        if (c == ' ') {
+            out[length++] = '+';
+        } else if (is_letter(c) || is_digit(c) || kept.find(c) != kept.npos) {
+            out[length++] = c;
+        } else {
+            if (length + 3 >= out.size())
+                break;
+            const auto byte = static_cast<unsigned char>(c);
+            out[length++] = '%';
+            out[length++] = digits[byte >> 4];
+            out[length++] = digits[byte & 0xF];
+        }
+    }
+    out[length] = '\0';
+}

@@ -1,0 +1,97 @@
+// What lies under the objects in a test program, by -Wl,--wrap: a virtual clock, a device's root, the log,
+// and a ledger that fails the k-th call. Calls that libc makes inside itself, and operator new, are not
+// wrapped.
+//
+// Use support::test as the fixture: it begins and ends every test with a virtual clock at 1,000,000 s, an
+// empty device root, no capture and no failure.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace support {
+
+// The virtual clock, in microseconds; each gettimeofday reads it and adds one, as time passes in a pass of
+// the loop. poll never waits: when nothing is ready it runs on_idle, then looks again, then adds the time-out
+// to the clock. A poll without end (-1) and without on_idle ends the program, since nothing could ever
+// happen.
+extern int64_t now_us;
+extern bool real_time; // poll and gettimeofday as they are
+extern std::function<void()> on_idle;
+extern std::vector<int> poll_timeouts; // of all polls since the test began
+
+// Passes of the loop, with the clock going from timer to timer, until done() or ms of its time have passed;
+// the last value of done(). In real time it waits 1 ms between the passes.
+bool run_until(const std::function<bool()> &done, int64_t ms);
+void run_for(int64_t ms);
+
+// The device's files: a path that begins with one of device_prefixes is taken below device_root by open,
+// unlink, mkfifo, access and by bind, connect and sendto of Unix sockets. No other path is touched.
+extern std::vector<std::string> device_prefixes;
+extern std::string device_root; // a temporary directory, made and removed by the fixture
+std::string device_path(std::string_view path);
+void write_file(std::string_view path, std::string_view text); // a path of the device
+std::string read_file(std::string_view path);
+extern int sync_count; // sync only counts
+// While record_io: "seek 0", "read 212", "write 4096" of the descriptors that were opened in a /dev of the
+// device.
+extern bool record_io;
+extern std::vector<std::string> device_io;
+
+// Keeps what is written to standard error, one string a write, from its beginning to its end.
+struct captured_log {
+    captured_log();
+    ~captured_log();
+    static std::vector<std::string> writes;
+    static std::string text();     // all of it
+    static std::string messages(); // the same, "  func(): module: 12: text" shortened to "func: text"
+    static bool has(std::string_view part) { return text().find(part) != std::string::npos; }
+    static void clear() { writes.clear(); }
+};
+
+// Kinds of calls that can fail. ALLOC is malloc, calloc, realloc and reallocarray; writes to standard error
+// do not count as WRITE.
+enum calls : unsigned {
+    ALLOC = 1,
+    OPEN = 2,
+    READ = 4,
+    WRITE = 8,
+    LSEEK = 16,
+    SOCKET = 32,
+    BIND = 64,
+    CONNECT = 128,
+    SENDTO = 256,
+    LISTEN = 512,
+    SETSOCKOPT = 1024,
+    POLL = 2048,
+    MKFIFO = 4096
+};
+
+// From here on the k-th (from 1) call of these kinds fails with ENOMEM, EIO, EMFILE ... as fits the call, and
+// with and_later every one after it. With torn a failing read or write does half of its work and says so
+// instead.
+void fail_call(unsigned kinds, int k, bool and_later = false, bool torn = false);
+bool end_failing(); // true when a call was failed; nothing fails from here on
+
+// Runs scenario with the 1st, 2nd ... call of these kinds failing, until no call was left to fail, and
+// expects that each run leaves as many descriptors and heap blocks as it found. Returns the number of
+// failures.
+int for_each_failure(unsigned kinds, const std::function<void()> &scenario);
+int open_descriptors();
+
+// Runs body in a process of its own, for what a process does once (app_run, log_set_level). Its expectations
+// count.
+void isolated(const std::function<void()> &body);
+
+class test : public testing::Test {
+  protected:
+    test();
+    ~test() override;
+};
+
+} // namespace support

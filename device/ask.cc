@@ -22,7 +22,7 @@ using clock_type = std::chrono::steady_clock;
 
 enum exit_code { code_done = 0, code_refused = 1, code_usage = 2, code_late = 5, code_no_daemon = 6 };
 
-constexpr const char *server_path = "/tmp/.syscfg-server";
+constexpr std::string_view server_path = "/tmp/.syscfg-server";
 constexpr int default_seconds = 5;
 constexpr int longest_seconds = 86400;
 constexpr size_t longest_request = 1024;
@@ -59,7 +59,7 @@ bool connect_server(int fd)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, server_path);
+    server_path.copy(address.sun_path, sizeof address.sun_path - 1);
     return connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 

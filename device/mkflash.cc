@@ -15,7 +15,7 @@
 namespace {
 
 // Room for the header and both blobs of the default table, in whole erase blocks.
-constexpr off_t partition_size = 128 * 1024;
+constexpr off_t partition_size = off_t{128} * 1024;
 
 int fail(int code, const char *what, const char *name)
 {

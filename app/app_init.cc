@@ -10,11 +10,13 @@ namespace {
 constexpr char log_module[] = "app";
 constexpr int last_closed_fd = 255;
 
-// A write to a peer that has gone then fails with EPIPE where it was made.
+// A write to a peer that has gone then fails with EPIPE where it was made. When it was the log's reader that
+// has gone, our own line raises the signal anew: ignoring it for a moment discards that one.
 void sigio_handler(int)
 {
-    signal(SIGPIPE, sigio_handler);
     log_trace(LOG_HERE, "SIGPIPE!");
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGPIPE, sigio_handler);
 }
 
 void app_atexit()

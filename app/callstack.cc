@@ -1,5 +1,8 @@
 #include "app/callstack.h"
 
+#include "app/log.h"
+#include "app/symbols.h"
+
 #include <array>
 #include <cstddef>
 
@@ -27,4 +30,15 @@ void logged_stack_pop(const void *addr)
         --beyond;
     else if (depth >= 1 && entries[static_cast<size_t>(depth - 1)] == addr)
         --depth;
+}
+
+void logged_stack_print()
+{
+    print_error("Logged Call Stack\n");
+    beyond = 0;
+    for (int i = 0; depth > 0; ++i) {
+        const void *addr = entries[static_cast<size_t>(--depth)];
+        const char *name = symbol_lookup(addr);
+        print_error("\t%d: %s[%p]\n", i, name ? name : "???", addr);
+    }
 }

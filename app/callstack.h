@@ -8,6 +8,9 @@ int logged_stack_push(const void *addr);
 // Takes addr off if it is the innermost entry; anything else is left as it is.
 void logged_stack_pop(const void *addr);
 
+// Writes the stack to standard error, innermost first, and empties it.
+void logged_stack_print();
+
 // Holds an entry for the time of one call.
 class logged_call {
   public:

@@ -1,5 +1,6 @@
 #include "app/timer.h"
 
+#include <cerrno>
 #include <csignal>
 #include <sys/time.h>
 
@@ -10,10 +11,12 @@ volatile timer_callback alarm_callback;
 
 void on_interval(int)
 {
+    const int saved = errno;
     const timer_callback callback = alarm_callback;
     if (callback)
         callback(alarm_ctx);
     signal(SIGALRM, on_interval);
+    errno = saved;
 }
 
 timeval from_milliseconds(uint32_t ms)

@@ -7,7 +7,10 @@
 #include <sys/types.h>
 
 // A call site writes log_failed(LOG_HERE); its file defines log_module, the name of its module.
-#define LOG_HERE 0, __func__, log_module, __LINE__
+#define LOG_HERE LOG_AS(__func__)
+
+// The same in a helper that logs under the name of the function it works for.
+#define LOG_AS(func) 0, func, log_module, __LINE__
 
 // "  func(): module: line: message"; the message is cut at 254 characters, the line at 298.
 void log_trace(int level, const char *func, const char *file, int line, const char *format, ...)

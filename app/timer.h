@@ -7,7 +7,8 @@
 // any other. Timers that expire at the same instant run in the reverse order of their start.
 //
 // Expiry is by the wall clock, which the device sets from the network: a step forward makes due what would
-// have fallen due within it, a step back delays by its size.
+// have fallen due within it, a step back delays by its size. A run of due timers in which the clock was set
+// back ends at once, and the loop begins another.
 #pragma once
 
 #include <cstdint>

@@ -9,6 +9,8 @@ set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+
 # Frames stay walkable for the call stack of a crash report.
 add_compile_options(-fno-omit-frame-pointer -ffunction-sections -fdata-sections)
 add_compile_options(-Wall -Wextra -Werror -Wshadow -Wformat=2 -Wvla -Wundef -Wcast-qual -Wpointer-arith)

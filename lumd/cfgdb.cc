@@ -37,7 +37,8 @@ int cfgdb_init(cfgdb *bridge)
 const char *cfgdb_getSyscfg(cfgdb *bridge, const char *name)
 {
     char copy[256];
-    copy_text(copy, name);
+    if (!copy_text(copy, name))
+        log_failed(LOG_HERE);
     const std::string_view text = copy;
     const size_t colon = text.find(':');
     const std::string_view source = text.substr(0, colon);

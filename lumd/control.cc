@@ -32,7 +32,7 @@ void act_on_names(lumd *manager, const request &kind, std::string_view rest)
 {
     for (rest = skip_space(rest); !rest.empty(); rest = skip_space(rest)) {
         const std::string_view word = span_of(rest, [](char c) { return !is_space(c); });
-        char name[read_max + 1];
+        char name[svcfg_name_size]; // a service of a longer name was cut to this too
         copy_text(name, word);
         kind.act(manager, name);
         rest.remove_prefix(word.size());

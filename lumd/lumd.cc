@@ -18,6 +18,11 @@ constexpr uint32_t restart_delay_ms = 2000;
 static_assert(lumd_slots <= 32, "lumd_pass has one bit a slot");
 
 // A start or stop, perhaps inside another one. The outermost begins with nothing handled.
+uint32_t slot_bit(const service_info *slot)
+{
+    return 1U << slot->m_cfg->index;
+}
+
 class pass_scope {
   public:
     explicit pass_scope(lumd_pass &pass) : pass_(pass)
@@ -32,23 +37,14 @@ class pass_scope {
     // False when the slot has been handled in this pass before.
     bool take(const service_info *slot)
     {
-        const uint32_t bit = 1U << slot->m_cfg->index;
-        const bool first = !(pass_.handled & bit);
-        pass_.handled |= bit;
+        const bool first = !(pass_.handled & slot_bit(slot));
+        pass_.handled |= slot_bit(slot);
         return first;
     }
 
   private:
     lumd_pass &pass_;
 };
-
-// The slots that are filled, which are the first ones.
-std::span<service_info> used_slots(lumd *manager)
-{
-    const auto end = std::find_if(std::begin(manager->svcs), std::end(manager->svcs),
-                                  [](const service_info &slot) { return !slot.m_cfg; });
-    return {std::begin(manager->svcs), end};
-}
 
 // The links up to the first that has no slot.
 std::span<const svcfg_link> linked(std::span<const svcfg_link> links)
@@ -66,15 +62,16 @@ std::span<const svcfg_condition> conditions(const svcfg *cfg)
 }
 
 // Starts the dependencies that nobody has started yet. True when there were none.
-bool dependencies_ready(const service_info *slot)
+bool dependencies_ready(service_info *slot)
 {
     bool ready = true;
     for (const svcfg_link &link : linked(slot->m_cfg->depend)) {
         service_info *dependency = link.info;
         if (dependency->svcent)
             continue;
-        log_trace(0, "lumd_do_start", log_module, __LINE__, "start service : %s", dependency->name);
+        log_trace(LOG_AS("lumd_do_start"), "start service : %s", dependency->name);
         ready = false;
+        slot->awaited |= slot_bit(dependency);
         lumd_do_start(dependency, dependency->name);
     }
     return ready;
@@ -84,16 +81,16 @@ bool conditions_hold(const service_info *slot)
 {
     constexpr char func[] = "lumd_do_start";
     for (const svcfg_condition &condition : conditions(slot->m_cfg)) {
-        log_trace(0, func, log_module, __LINE__, "dsyscfg var name: \"%s\"", condition.name);
+        log_trace(LOG_AS(func), "dsyscfg var name: \"%s\"", condition.name);
         if (!condition.value)
             continue;
-        log_trace(0, func, log_module, __LINE__, "dsyscfg var value: \"%s\"", condition.value);
+        log_trace(LOG_AS(func), "dsyscfg var value: \"%s\"", condition.value);
         const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name);
         if (!current) {
-            log_failed(0, func, log_module, __LINE__);
+            log_failed(LOG_AS(func));
             return false;
         }
-        log_trace(0, func, log_module, __LINE__, " %s=\"%s\"", condition.name, current);
+        log_trace(LOG_AS(func), " %s=\"%s\"", condition.name, current);
         if (strcmp(current, condition.value) != 0)
             return false;
     }
@@ -114,15 +111,16 @@ void release_entry(service_info *slot)
     slot->restart_timer = nullptr;
     slot->svcent->ops->release(slot->svcent);
     slot->svcent = nullptr;
+    slot->awaited = 0;
 }
 
 void start_waiting_dependents(const service_info *slot)
 {
     for (const svcfg_link &link : linked(slot->m_cfg->depended)) {
         service_info *dependent = link.info;
-        log_trace(0, "lumd_processServiceCallback", log_module, __LINE__, "depended service: %s",
-                  dependent->name);
-        if (dependent->svcent && dependent->svcent->state != SVCENT_STARTED)
+        log_trace(LOG_AS("lumd_processServiceCallback"), "depended service: %s", dependent->name);
+        dependent->awaited &= ~slot_bit(slot);
+        if (dependent->svcent && dependent->svcent->state != SVCENT_STARTED && !dependent->awaited)
             lumd_do_start(dependent, dependent->name);
     }
 }
@@ -130,11 +128,11 @@ void start_waiting_dependents(const service_info *slot)
 void schedule_restart(service_info *slot)
 {
     constexpr char func[] = "lumd_processServiceCallback";
-    log_trace(0, func, log_module, __LINE__, "service %s stopped, schedule to restart", slot->name);
+    log_trace(LOG_AS(func), "service %s stopped, schedule to restart", slot->name);
     if (!slot->restart_timer)
         slot->restart_timer = timer_new(restart_delay_ms, slot, lumd_restart_service, "lumd_restart_service");
     if (!slot->restart_timer || timer_start(slot->restart_timer, 1) < 0)
-        log_failed(0, func, log_module, __LINE__);
+        log_failed(LOG_AS(func));
 }
 
 // Starts or stops the slot as one changed condition of it demands.
@@ -142,13 +140,13 @@ void process_condition(service_info *slot, const svcfg_condition &condition,
                        std::span<const char *const> names)
 {
     constexpr char func[] = "lumd_processSyscfgChange";
-    log_trace(0, func, log_module, __LINE__, "\tprocess dependent var : %s", condition.name);
+    log_trace(LOG_AS(func), "\tprocess dependent var : %s", condition.name);
     for (const char *name : names) {
         if (strcmp(name, condition.name) != 0)
             continue;
         const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name);
-        log_trace(0, func, log_module, __LINE__, "var value: %s, get syscfg: %s",
-                  condition.value ? condition.value : "(null)", current ? current : "(null)");
+        log_trace(LOG_AS(func), "var value: %s, get syscfg: %s", condition.value ? condition.value : "(null)",
+                  current ? current : "(null)");
         if (!current)
             continue;
         if (condition.value && strcmp(current, condition.value) != 0)
@@ -163,7 +161,7 @@ bool watches(const service_info *slot, std::span<const char *const> names)
 {
     for (size_t i = 0; i < svcfg_pattern_max && slot->m_cfg->syscfg_patterns[i]; ++i) {
         const char *pattern = slot->m_cfg->syscfg_patterns[i];
-        log_trace(0, "lumd_reload_service", log_module, __LINE__, "checking %s", pattern);
+        log_trace(LOG_AS("lumd_reload_service"), "checking %s", pattern);
         if (std::any_of(names.begin(), names.end(),
                         [pattern](const char *name) { return glob_match(pattern, name); }))
             return true;
@@ -182,7 +180,7 @@ void lumd_do_reload(service_info *slot)
 
 void lumd_reload_service(lumd *manager, std::span<const char *const> names)
 {
-    for (service_info &slot : used_slots(manager)) {
+    for (service_info &slot : lumd_used_slots(manager)) {
         log_trace(LOG_HERE, "processing service %s", slot.name);
         if (watches(&slot, names))
             lumd_do_reload(&slot);
@@ -200,6 +198,22 @@ lumd *lumd_create()
     return manager;
 }
 
+std::span<service_info> lumd_used_slots(lumd *manager)
+{
+    const auto end = std::find_if(std::begin(manager->svcs), std::end(manager->svcs),
+                                  [](const service_info &slot) { return !slot.m_cfg; });
+    return {std::begin(manager->svcs), end};
+}
+
+service_info *lumd_find_slot(lumd *manager, std::string_view name)
+{
+    for (service_info &slot : lumd_used_slots(manager)) {
+        if (name == slot.name)
+            return &slot;
+    }
+    return nullptr;
+}
+
 void lumd_do_start(service_info *slot, const char *name)
 {
     if (!slot->m_cfg) {
@@ -215,10 +229,14 @@ void lumd_do_start(service_info *slot, const char *name)
         return;
     }
     const bool ready = dependencies_ready(slot);
-    if (!conditions_hold(slot) || !ready)
+    if (!conditions_hold(slot) || !ready || !slot->svcent)
         return;
-    if (pass.take(slot) &&
-        slot->svcent->ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv, slot->m_cfg) < 0)
+    // Taken only now: a dependency that reports while it is being started comes back to this slot, and must
+    // start it.
+    if (!pass.take(slot))
+        return;
+    slot->awaited = 0;
+    if (slot->svcent->ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv, slot->m_cfg) < 0)
         log_failed(LOG_HERE);
 }
 
@@ -229,6 +247,7 @@ void lumd_do_stop(service_info *slot, int release)
         return;
     }
     pass_scope pass(slot->owner->stopping);
+    // Taken first: a cycle of dependents comes back to this slot, and must not stop it again.
     if (!pass.take(slot))
         return;
     stop_dependents(slot, release);
@@ -241,16 +260,13 @@ void lumd_do_stop(service_info *slot, int release)
 void lumd_start_service(lumd *manager, const char *name)
 {
     print_error("start service: %s\n", name);
-    const auto slots = used_slots(manager);
-    const auto slot =
-        std::find_if(slots.begin(), slots.end(), [name](const auto &s) { return strcmp(s.name, name) == 0; });
-    if (slot != slots.end())
-        lumd_do_start(&*slot, slot->name);
+    if (service_info *slot = lumd_find_slot(manager, name))
+        lumd_do_start(slot, slot->name);
 }
 
 void lumd_stop_service(lumd *manager, const char *name)
 {
-    for (service_info &slot : used_slots(manager)) {
+    for (service_info &slot : lumd_used_slots(manager)) {
         if (strcmp(slot.name, name) == 0)
             lumd_do_stop(&slot, 1);
     }
@@ -286,7 +302,7 @@ void lumd_processServiceCallback(service_info *slot, int event)
 void lumd_processSyscfgChange(lumd *manager, const char *const *names, int count)
 {
     const std::span<const char *const> changed(names, static_cast<size_t>(count));
-    for (service_info &slot : used_slots(manager)) {
+    for (service_info &slot : lumd_used_slots(manager)) {
         if (!slot.svcent)
             continue;
         log_trace(LOG_HERE, "process service %s dependent syscfg", slot.name);

@@ -9,14 +9,17 @@
 // started again 2000 ms later, without end. Changed variables start or stop the services whose conditions
 // name them, and reload those that watch them.
 //
-// Starting goes through missing dependencies first and leaves the service to the event that they have
-// started. Stopping goes through running dependents first. Dependencies may form cycles and kinds may report
-// from inside their own start: in one outermost start or stop, every slot is started or stopped at most once.
+// Starting goes through missing dependencies first and leaves the service until each of them has reported
+// that it has started; a dependency that has an entry, in any state, is not missing. Stopping goes through
+// running dependents first. Dependencies may form cycles and kinds may report from inside their own start: in
+// one outermost start or stop, every slot is started or stopped at most once.
 #pragma once
 
 #include "lumd/svcent.h"
 
 #include <cstdint>
+#include <span>
+#include <string_view>
 
 struct cfgdb;
 
@@ -35,6 +38,10 @@ struct lumd {
     lumd_pass starting;
     lumd_pass stopping;
 };
+
+// The slots that are filled, which are the first ones; and the first of that name, or null.
+std::span<service_info> lumd_used_slots(lumd *manager);
+service_info *lumd_find_slot(lumd *manager, std::string_view name);
 
 // An empty manager, or null (logged) when memory is out.
 lumd *lumd_create();

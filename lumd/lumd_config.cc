@@ -29,8 +29,8 @@ int begin_service(conf_reader &reader, std::string_view line)
 {
     reader.current = nullptr;
     if (reader.last + 1 == lumd_slots) {
-        log_trace(0, parse_func, log_module, __LINE__, "%s: %d: more than %d services, refused: %.*s",
-                  reader.path, reader.line_number, lumd_slots, static_cast<int>(line.size()), line.data());
+        log_trace(LOG_AS(parse_func), "%s: %d: more than %d services, refused: %.*s", reader.path,
+                  reader.line_number, lumd_slots, static_cast<int>(line.size()), line.data());
         return 0;
     }
     const int index = reader.last + 1;
@@ -38,6 +38,8 @@ int begin_service(conf_reader &reader, std::string_view line)
     svcfg *cfg = create_service_cfg(reader.manager, index);
     if (!cfg)
         return -1;
+    // One that a file left behind that was not read to its end.
+    free_service_cfg(slot.m_cfg);
     slot.m_cfg = cfg;
     copy_text(slot.name, svcfg_parseServiceLine(cfg, line));
     slot.owner = reader.manager;
@@ -63,8 +65,8 @@ int parse_line(conf_reader &reader, std::string_view line)
     if (line.empty() || line.front() == '#')
         return 0;
     if (!reader.current) {
-        log_trace(0, parse_func, log_module, __LINE__, "%s: %d: belongs to no service, refused: %.*s",
-                  reader.path, reader.line_number, static_cast<int>(line.size()), line.data());
+        log_trace(LOG_AS(parse_func), "%s: %d: belongs to no service, refused: %.*s", reader.path,
+                  reader.line_number, static_cast<int>(line.size()), line.data());
         return 0;
     }
     for (const auto &kind : line_kinds) {
@@ -91,25 +93,15 @@ bool depends_on(const svcfg *cfg, std::string_view name)
     return false;
 }
 
-service_info *find_slot(lumd *manager, const char *name)
-{
-    for (service_info &slot : manager->svcs) {
-        if (slot.m_cfg && strcmp(slot.name, name) == 0)
-            return &slot;
-    }
-    return nullptr;
-}
-
 void link_names(lumd *manager, const svcfg *cfg, std::span<svcfg_link> links, const char *list)
 {
     int index = 0;
     for (svcfg_link &link : links) {
         if (!link.name)
             break;
-        link.info = find_slot(manager, link.name);
-        log_trace(0, "lumd_init_service_infos", log_module, __LINE__,
-                  "\t%s: svcfg[%d]: %s[%d]: name: %s info name: %s", cfg->proc, cfg->index, list, index++,
-                  link.name, link.info ? link.info->name : "(null)");
+        link.info = lumd_find_slot(manager, link.name);
+        log_trace(LOG_AS("lumd_init_service_infos"), "\t%s: svcfg[%d]: %s[%d]: name: %s info name: %s",
+                  cfg->proc, cfg->index, list, index++, link.name, link.info ? link.info->name : "(null)");
     }
 }
 
@@ -117,40 +109,40 @@ void dump_commands(const svcfg *cfg)
 {
     constexpr char func[] = "lumd_init";
     for (size_t c = 0; c < svcfg_cmd_max && cfg->cmds[c].name; ++c) {
-        log_trace(0, func, log_module, __LINE__, "%s: ", cfg->cmds[c].name);
+        log_trace(LOG_AS(func), "%s: ", cfg->cmds[c].name);
         for (int w = 0; cfg->cmds[c].argv[w]; ++w) {
-            log_trace(0, func, log_module, __LINE__, "lumd->svcs[%d].m_cfg->cmds[%d].argv[%d]: %s",
-                      cfg->index, static_cast<int>(c), w, cfg->cmds[c].argv[w]);
+            log_trace(LOG_AS(func), "lumd->svcs[%d].m_cfg->cmds[%d].argv[%d]: %s", cfg->index,
+                      static_cast<int>(c), w, cfg->cmds[c].argv[w]);
         }
     }
 }
 
-void dump_table(const lumd *manager)
+void dump_table(lumd *manager)
 {
     constexpr char func[] = "lumd_init";
-    for (int i = 0; i < lumd_slots && manager->svcs[i].m_cfg; ++i) {
-        const svcfg *cfg = manager->svcs[i].m_cfg;
-        log_trace(0, func, log_module, __LINE__, "    lumd->svcs[%d].m_cfg->proc=%s", i, cfg->proc);
+    for (const service_info &slot : lumd_used_slots(manager)) {
+        const svcfg *cfg = slot.m_cfg;
+        log_trace(LOG_AS(func), "    lumd->svcs[%d].m_cfg->proc=%s", cfg->index, cfg->proc);
         for (char *const *word = cfg->argv; *word; ++word)
-            log_trace(0, func, log_module, __LINE__, "        %s", *word);
+            log_trace(LOG_AS(func), "        %s", *word);
         dump_commands(cfg);
     }
 }
 
-// The last index after every file of the list, and whether the last file could be read.
-int read_files(lumd *manager, std::string_view list, bool &last_read)
+// The last index after every file of the list, -1 when none gave a service.
+int read_files(lumd *manager, std::string_view list)
 {
     int last = -1;
     for (bool more = true; more;) {
         more = list.find(':') != list.npos;
         const std::string_view element = cut_until(list, ':');
         char path[longest_path + 1];
-        last_read = false;
-        if (!copy_text(path, element))
+        if (!copy_text(path, element)) {
+            log_trace(LOG_AS("lumd_init"), "path too long, passed over: %s...", path);
             continue;
+        }
         const int result = lumd_parse_conf(manager, path, last);
-        last_read = result >= 0;
-        if (last_read)
+        if (result >= 0)
             last = result;
     }
     return last;
@@ -175,24 +167,25 @@ int lumd_parse_conf(lumd *manager, const char *path, int last_index)
             return -1;
         }
     }
+    if (ferror(file.get())) {
+        log_syserror(LOG_HERE);
+        return -1;
+    }
     return reader.last;
 }
 
 void lumd_init_service_infos(lumd *manager)
 {
-    for (service_info &slot : manager->svcs) {
-        if (!slot.m_cfg)
-            break;
-        for (const service_info &other : manager->svcs) {
-            if (other.m_cfg && depends_on(other.m_cfg, slot.name) &&
+    const auto slots = lumd_used_slots(manager);
+    for (const service_info &slot : slots) {
+        for (const service_info &other : slots) {
+            if (depends_on(other.m_cfg, slot.name) &&
                 svcfg_add_link(slot.m_cfg, slot.m_cfg->depended, other.name, "dependents") < 0) {
                 log_failed(LOG_HERE);
             }
         }
     }
-    for (service_info &slot : manager->svcs) {
-        if (!slot.m_cfg)
-            break;
+    for (const service_info &slot : slots) {
         link_names(manager, slot.m_cfg, slot.m_cfg->depend, "depend");
         link_names(manager, slot.m_cfg, slot.m_cfg->depended, "depended");
     }
@@ -200,9 +193,7 @@ void lumd_init_service_infos(lumd *manager)
 
 int lumd_init(lumd *manager, const char *path_list)
 {
-    bool last_read = false;
-    const int last = read_files(manager, path_list, last_read);
-    if (!last_read && last < 0) {
+    if (read_files(manager, path_list) < 0) {
         log_failed(LOG_HERE);
         return -1;
     }

@@ -5,6 +5,7 @@
 #include "lumd/time_zone.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <string_view>
 #include <unistd.h>
 
@@ -19,10 +20,23 @@ void announce(std::string_view text)
         return;
 }
 
+// Without a console, our first descriptors would become standard output and error: the log would go into the
+// control FIFO and be taken for requests.
+void hold_standard_descriptors()
+{
+    int fd;
+    do
+        fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0)
+        close(fd);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    hold_standard_descriptors();
     setenv("DEBUG", "1", 0);
     announce("starting lumd...\n");
     app_init(argc, argv, nullptr, "lumd");

@@ -66,7 +66,7 @@ void reap_children(const char *func)
         if (pid == 0)
             return;
         if (pid < 0) {
-            log_failed(0, func, log_module, __LINE__);
+            log_failed(LOG_AS(func));
             return;
         }
         if (proc_svcent *entry = find_child([pid](auto *child) { return child->pid == pid; })) {
@@ -75,7 +75,7 @@ void reap_children(const char *func)
         }
         if (write(child_pipe[1], &pid, sizeof pid) != sizeof pid) {
             notice_lost = 1;
-            log_failed(0, func, log_module, __LINE__);
+            log_failed(LOG_AS(func));
             return;
         }
     }
@@ -105,13 +105,13 @@ int classify_end(proc_svcent *entry, int status)
     constexpr char func[] = "proc_svcent_signalCallback";
     if (WIFEXITED(status)) {
         const int code = WEXITSTATUS(status);
-        log_trace(0, func, log_module, __LINE__, "proc %s exited with status: %d", entry->name, code);
+        log_trace(LOG_AS(func), "proc %s exited with status: %d", entry->name, code);
         entry->failures = 0;
         write_exit_record(entry->name, "exited with", code);
         return code;
     }
     const int number = WTERMSIG(status);
-    log_trace(0, func, log_module, __LINE__, "proc %s kill by signal %d", entry->name, number);
+    log_trace(LOG_AS(func), "proc %s kill by signal %d", entry->name, number);
     ++entry->failures;
     write_exit_record(entry->name, "kill by signal", number);
     return -1;
@@ -156,9 +156,10 @@ void handle_end(proc_svcent *entry)
         entry->pid = 0;
     }
     withdraw_notice(entry);
+    const bool start_wanted = std::exchange(entry->start_wanted, 0) != 0;
     if (entry->oneshot)
         handle_oneshot_end(entry, result);
-    else if (entry->state != SVCENT_STOPPED)
+    else if (entry->state != SVCENT_STOPPED || start_wanted)
         report(entry, SVCENT_STOPPED, SVCENT_EV_STOPPED);
 }
 
@@ -220,12 +221,13 @@ proc_svcent *as_process(svcent *entry)
 int proc_svcent_start(svcent *base, int, char *const *argv, const svcfg *)
 {
     proc_svcent *entry = as_process(base);
-    if (entry->pid > 0 || entry->state == SVCENT_STARTED)
+    if (entry->pid > 0 || entry->state == SVCENT_STARTED) {
+        entry->start_wanted = entry->state == SVCENT_STOPPED;
         return 0;
+    }
     {
         const sigchld_guard guard;
-        const pid_t pid = spawn_child(entry->path, argv,
-                                      [] { log_syserror(0, "proc_svcent_start", log_module, __LINE__); });
+        const pid_t pid = spawn_child(entry->path, argv, [] { log_syserror(LOG_AS("proc_svcent_start")); });
         if (pid < 0) {
             log_syserror(LOG_HERE);
             return -1;
@@ -290,6 +292,7 @@ int proc_svcent_stop(svcent *base, char *const *argv)
 {
     proc_svcent *entry = as_process(base);
     print_error("%s stop: %s\n", entry->name, argv[0] ? argv[0] : "(null)");
+    entry->start_wanted = 0;
     if (entry->state == SVCENT_STOPPED)
         return 0;
     if (!argv[0]) {

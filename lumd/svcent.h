@@ -37,6 +37,8 @@ struct service_info {
     svcfg *m_cfg;
     ::svcent *svcent;
     timer *restart_timer;
+    uint32_t
+        awaited; // dependencies that were started for this slot and have not reported yet, one bit a slot
 };
 
 // Calls of a kind to the manager.

@@ -42,8 +42,8 @@ std::string_view take_quoted_word(std::string_view &rest)
 
 void log_refused(const char *func, const svcfg *cfg, const char *what, std::string_view word)
 {
-    log_trace(0, func, log_module, __LINE__, "service %s: too many %s, refused: %.*s", cfg->proc, what,
-              printed(word), word.data());
+    log_trace(LOG_AS(func), "service %s: too many %s, refused: %.*s", cfg->proc, what, printed(word),
+              word.data());
 }
 
 // A line that is given again takes the place of the earlier one.
@@ -81,19 +81,22 @@ int append_word(const char *func, const svcfg *cfg, std::span<char *> list, cons
     return *place ? 0 : -1;
 }
 
-// Stores word at a place of its own in argv, and counts it. Null data counts without storing.
-int append_exec_word(svcfg *cfg, std::string_view word)
+// The next word, quoted or plain. A quote that is not closed is logged, and its word taken as a plain one.
+struct parsed_word {
+    std::string_view text;
+    bool quoted;
+    bool unclosed;
+};
+
+parsed_word take_any_word(const char *func, std::string_view &rest)
 {
-    const auto place = static_cast<size_t>(cfg->argc);
-    if (place == svcfg_exec_max) {
-        log_refused("svcfg_parseExecLine", cfg, "words in exec", word);
-        return 0;
-    }
-    ++cfg->argc;
-    if (!word.data())
-        return 0;
-    cfg->argv[place] = new_text(word);
-    return cfg->argv[place] ? 0 : -1;
+    if (rest.front() != '"')
+        return {take_word(rest), false, false};
+    const std::string_view quoted = take_quoted_word(rest);
+    if (!quoted.empty())
+        return {quoted, true, false};
+    log_trace(LOG_AS(func), "Missed matched '\"'!\n");
+    return {take_word(rest), true, true};
 }
 
 int append_condition(svcfg *cfg, std::string_view word)
@@ -125,7 +128,12 @@ svcfg_cmd *open_command(svcfg *cfg, std::string_view name, std::string_view word
         log_refused("svcfg_parseCmdLine", cfg, "commands", name);
         return nullptr;
     }
-    place->name = new_text(name.substr(0, svcfg_cmd_name_max));
+    if (name.size() > svcfg_cmd_name_max) {
+        name = name.substr(0, svcfg_cmd_name_max);
+        log_trace(LOG_AS("svcfg_parseCmdLine"), "service %s: command name cut: %.*s", cfg->proc,
+                  printed(name), name.data());
+    }
+    place->name = new_text(name);
     place->argv[0] = new_text(word);
     return place;
 }
@@ -136,6 +144,22 @@ bool is_complete(const svcfg_cmd *cmd)
 }
 
 } // namespace
+
+void free_service_cfg(svcfg *cfg)
+{
+    if (!cfg)
+        return;
+    clear_words(cfg->argv);
+    clear_words(cfg->syscfg_patterns);
+    clear_depends(cfg);
+    for (svcfg_link &link : cfg->depended)
+        free(link.name);
+    for (svcfg_cmd &cmd : cfg->cmds) {
+        free(cmd.name);
+        clear_words(cmd.argv);
+    }
+    free(cfg);
+}
 
 svcfg *create_service_cfg(lumd *owner, int index)
 {
@@ -163,24 +187,20 @@ int svcfg_parseExecLine(svcfg *cfg, std::string_view line)
     clear_words(cfg->argv);
     cfg->argc = 0;
     while (!rest.empty()) {
-        std::string_view word;
-        if (rest.front() == '"') {
-            word = take_quoted_word(rest);
-            if (word.empty()) {
-                log_trace(LOG_HERE, "Missed matched '\"'!\n");
-                // The last word of the line is then counted, and its place stays empty.
-                const bool is_last = rest.find(' ') == rest.npos;
-                word = take_word(rest);
-                if (is_last)
-                    word = {};
-            }
-        } else {
-            word = take_word(rest);
-            const size_t equals = word.find('=');
-            if (equals != word.npos)
-                word.remove_prefix(equals + 1);
+        parsed_word word = take_any_word(__func__, rest);
+        const bool has_name = !word.quoted && word.text.find('=') != word.text.npos;
+        if (has_name)
+            cut_until(word.text, '=');
+        if (cfg->argc == svcfg_exec_max) {
+            log_refused(__func__, cfg, "words in exec", word.text);
+            continue;
         }
-        if (append_exec_word(cfg, word) < 0)
+        // A last word that lacks its closing quote counts, but its place stays empty.
+        char *&place = cfg->argv[cfg->argc++];
+        if (word.unclosed && rest.empty())
+            break;
+        place = new_text(word.text);
+        if (!place)
             return -1;
     }
     return 0;
@@ -223,14 +243,7 @@ int svcfg_parseCmdLine(svcfg *cfg, std::string_view line)
     svcfg_cmd *current = nullptr;
     bool refused = false;
     while (!rest.empty()) {
-        std::string_view word;
-        if (rest.front() == '"') {
-            word = take_quoted_word(rest);
-            if (word.empty())
-                log_trace(LOG_HERE, "Missed matched '\"'!\n");
-        }
-        if (word.empty())
-            word = take_word(rest);
+        const std::string_view word = take_any_word(__func__, rest).text;
         if (word.size() > 1 && word.front() == '-') {
             current = open_command(cfg, name, word.substr(1));
             refused = !current;
@@ -265,6 +278,7 @@ int svcfg_add_link(const svcfg *cfg, std::span<svcfg_link> links, std::string_vi
         log_refused(__func__, cfg, what, name);
         return 0;
     }
-    place->name = new_text(name);
+    // A service of a longer name was cut to this too.
+    place->name = new_text(name.substr(0, svcfg_name_size - 1));
     return place->name ? 0 : -1;
 }

@@ -13,7 +13,7 @@ struct lumd;
 struct service_info;
 
 constexpr size_t svcfg_name_size = 32;
-constexpr size_t svcfg_exec_max = 81;
+constexpr int svcfg_exec_max = 81;
 constexpr size_t svcfg_condition_max = 64;
 constexpr size_t svcfg_pattern_max = 64;
 constexpr size_t svcfg_depend_max = 16;
@@ -54,6 +54,9 @@ struct svcfg {
 
 // A zeroed record for the slot of that index, or null (logged) when memory is out.
 svcfg *create_service_cfg(lumd *owner, int index);
+
+// Frees the record with all its text; null is allowed.
+void free_service_cfg(svcfg *cfg);
 
 // Takes the service's name and returns it.
 const char *svcfg_parseServiceLine(svcfg *cfg, std::string_view line);

@@ -1,6 +1,7 @@
 #include "lumd/time_zone.h"
 
 #include "app/log.h"
+#include "app/memory.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,7 +11,7 @@
 namespace {
 
 constexpr char log_module[] = "main";
-constexpr size_t zone_size = 132;
+constexpr int offset_size = 132;
 
 // The C library counts west of Greenwich, people count east.
 char opposite(char sign)
@@ -23,28 +24,36 @@ bool is_sign(char c)
     return c == '+' || c == '-';
 }
 
+void turn_first_sign(char *zone)
+{
+    char *sign = strchr(zone, '+');
+    if (!sign)
+        sign = strchr(zone, '-');
+    if (sign)
+        *sign = opposite(*sign);
+}
+
 } // namespace
 
 int init_tz(const char *value)
 {
-    log_trace(LOG_HERE, "init time zone: %s", value);
-    if (*value == '\0') {
+    const unique_text copy(value ? new_text(value) : nullptr);
+    log_trace(LOG_HERE, "init time zone: %s", copy ? copy.get() : "(null)");
+    if (!copy || *copy == '\0') {
         log_checkpoint(LOG_HERE);
         return 0;
     }
-    const bool has_name = !is_sign(*value);
-    char zone[zone_size];
-    const int length = has_name ? snprintf(zone, sizeof zone, "%s", value)
-                                : snprintf(zone, sizeof zone, "STD%c%s", opposite(*value), value + 1);
-    if (length >= static_cast<int>(sizeof zone)) {
-        log_failed(LOG_HERE);
-        return 0;
+    const char *zone = copy.get();
+    char offset[offset_size];
+    if (is_sign(*zone)) {
+        if (snprintf(offset, sizeof offset, "STD%c%s", opposite(*zone), zone + 1) >= offset_size) {
+            log_failed(LOG_HERE);
+            return 0;
+        }
+        zone = offset;
+    } else {
+        turn_first_sign(copy.get());
     }
-    char *sign = strchr(zone, '+');
-    if (!sign)
-        sign = strchr(zone, '-');
-    if (has_name && sign)
-        *sign = opposite(*sign);
     log_trace(LOG_HERE, "set time zone: %s", zone);
     setenv("TZ", zone, 0);
     tzset();

@@ -136,7 +136,8 @@ int unix_datagram_listen(int fd, const char *path)
 {
     subject sock = unix_subject(fd, SOCK_DGRAM);
     const unix_address address = unix_path_address(path, sizeof(sockaddr_un::sun_path));
-    unlink(path);
+    if (sock)
+        unlink(path);
     if (!sock || bind(sock.fd(), generic(address.addr), address.len) < 0) {
         log_syserror(LOG_HERE);
         return -1;
@@ -148,7 +149,8 @@ int unix_listen(int fd, const char *path)
 {
     subject sock = unix_subject(fd, SOCK_STREAM);
     const unix_address address = unix_path_address(path, sizeof(sockaddr_un::sun_path) - 1);
-    unlink(address.addr.sun_path);
+    if (sock)
+        unlink(address.addr.sun_path);
     if (!sock || bind(sock.fd(), generic(address.addr), address.len) < 0 ||
         listen(sock.fd(), unix_backlog) < 0) {
         log_syserror(LOG_HERE);

@@ -7,8 +7,8 @@
 #include "app/text.h"
 
 #include <arpa/inet.h>
-#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <net/if.h>
@@ -52,13 +52,13 @@ int default_route(std::string_view, std::span<char> output)
         char interface[sizeof line];
         unsigned destination;
         unsigned gateway;
-        unsigned flags;
         unsigned mask;
+        int flags;
         int references;
         int use;
         int metric;
         const int fields =
-            sscanf(line, "%127s %x %x %x %d %d %d %x", // NOLINT(cert-err34-c): the kernel's text
+            sscanf(line, "%127s %x %x %d %d %d %d %x", // NOLINT(cert-err34-c): the kernel's text
                    interface, &destination, &gateway, &flags, &references, &use, &metric, &mask);
         if (fields == 8 && destination == 0)
             return print_gateway(output, gateway);
@@ -98,28 +98,26 @@ int local_time(std::string_view, std::span<char> output)
     return strftime(output.data(), output.size(), "%Y-%m-%d %H:%M:%S", &broken_down) > 0 ? 0 : -1;
 }
 
-// "dns" and "dns1" ask for the first server. What follows the digits does not count: "dns_ip" asks for number
-// 0.
-int name_server_number(std::string_view name)
+// "dns" and "dns1" ask for the first server. "dns_ip" asks for number 0, which there is not.
+long name_server_number(std::string_view name)
 {
     constexpr std::string_view prefix = "dns";
     if (name == prefix)
         return 1;
-    int number = 0;
-    for (const char digit : span_of(skip_space(name.substr(prefix.size())), is_digit))
-        number = std::min(number * 10 + (digit - '0'), INT_MAX / 100);
-    return number;
+    char number[24];
+    copy_text(number, name.substr(prefix.size()));
+    return strtol(number, nullptr, 10);
 }
 
 int name_server(std::string_view name, std::span<char> output)
 {
     constexpr std::string_view keyword = "nameserver";
-    const int wanted = name_server_number(name);
+    const long wanted = name_server_number(name);
     const unique_file file = open_regular_file(resolver_file);
     if (!file)
         return -1;
     char line[255];
-    int seen = 0;
+    long seen = 0;
     while (fgets(line, sizeof line, file.get())) {
         const std::string_view text = skip_space(line);
         if (!text.starts_with(keyword) || ++seen != wanted)

@@ -19,7 +19,7 @@ constexpr size_t most_choices = 16;
 // Far beyond any real definition; what they stop are includes that multiply.
 constexpr int deepest_include = 16;
 constexpr int most_files = 256;
-constexpr int most_lines = 65536;
+constexpr int most_lines = 16384;
 
 // A file being read and the one that includes it.
 struct open_definition {
@@ -68,7 +68,7 @@ uint16_t parse_options(std::string_view &text, const char *func)
         else if (option == 'r')
             flags |= VAR_NOSAVE | VAR_RDONLY;
         else
-            log_trace(0, func, log_module, __LINE__, "unkown option: -%c", option);
+            log_trace(LOG_AS(func), "unkown option: -%c", option);
         text = skip_space(text.substr(2));
     }
     return static_cast<uint16_t>(flags);
@@ -141,7 +141,7 @@ void parse_lines(syscfg *db, FILE *file, const char *func, char *line_buffer, si
 {
     while (fgets(line_buffer, static_cast<int>(buffer_size), file)) {
         if (++lines_read > most_lines) {
-            log_trace(0, func, log_module, __LINE__, "too many lines, the rest is ignored");
+            log_trace(LOG_AS(func), "too many lines, the rest is ignored");
             return;
         }
         std::string_view line = line_buffer;
@@ -155,7 +155,7 @@ void parse_lines(syscfg *db, FILE *file, const char *func, char *line_buffer, si
         }
         if (parse_var_spec(db, line) < 0) {
             const std::string_view shown = trim_end(line);
-            log_trace(0, func, log_module, __LINE__, "invalid line: %.*s", printed(shown), shown.data());
+            log_trace(LOG_AS(func), "invalid line: %.*s", printed(shown), shown.data());
         }
     }
 }
@@ -166,7 +166,7 @@ var_entry *resize_table(var_entry *table, int capacity, const char *func)
     const auto entries = static_cast<size_t>(std::max(capacity, 1));
     auto *resized = static_cast<var_entry *>(reallocarray(table, entries, sizeof(var_entry)));
     if (!resized) {
-        log_syserror(0, func, log_module, __LINE__);
+        log_syserror(LOG_AS(func));
         free(table);
     }
     return resized;
@@ -239,9 +239,9 @@ int parse_string_spec(syscfg_var *var, std::string_view text)
             return -1;
         }
         // The text is part of a terminated line.
-        const long size = strtol(text.data() + 1, nullptr, 10);
+        const long long size = strtoll(text.data() + 1, nullptr, 10);
         if (size < 0 || size > INT32_MAX) {
-            log_trace(LOG_HERE, "size out of range: %ld", size);
+            log_trace(LOG_HERE, "size out of range: %lld", size);
             return -1;
         }
         var->size = static_cast<int32_t>(size);
@@ -297,7 +297,7 @@ void add_var(syscfg *db, syscfg_var *var)
         return;
     }
     if (var->size != 0)
-        var->value = static_cast<char *>(calloc(1, std::min<size_t>(var->size, var_value_max) + 1));
+        var->value = static_cast<char *>(calloc(1, string_field(var)));
     for (syscfg_var **at = &db->vars; *at; at = &(*at)->next) {
         syscfg_var *old = *at;
         if (strcmp(old->name, var->name) == 0) {

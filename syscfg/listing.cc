@@ -1,18 +1,18 @@
 #include "syscfg/listing.h"
 
+#include "app/app.h"
 #include "app/log.h"
 #include "app/memory.h"
-#include "app/timer.h"
 
-#include <algorithm>
 #include <cstdio>
+#include <sys/timerfd.h>
 
 namespace {
 
 constexpr char log_module[] = "syscfg";
-constexpr uint32_t retry_ms = 2;
+constexpr long retry_ns = 2000000;
 constexpr int most_idle_retries = 1000;
-constexpr int most_listings = 16;
+constexpr int most_lists = 16;
 constexpr size_t line_size = 1024 + 1;
 
 // A list under way. The variables are fixed after start-up, so its place among them stays valid.
@@ -24,9 +24,12 @@ struct listing {
     int idle_retries;
 };
 
-listing *listings; // oldest first
-int listing_count;
-timer *retry_timer;
+listing *lists; // oldest first
+int list_count;
+
+// While there are lists. Not one of the loop's timers: those stand still for as long as the wall clock is set
+// back, and somebody waits for these lines.
+int retry_fd = -1;
 
 // Sends on until all is sent (true) or the requester's queue is full.
 bool advance(listing &list)
@@ -43,46 +46,70 @@ bool advance(listing &list)
     return try_reply(list.server_fd, list.to, "!OK");
 }
 
-void end_listing(listing **at)
+void retry_callback(void *, int, int fd, app_fd_handler *);
+
+bool start_retries()
+{
+    unique_fd fd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+    const itimerspec period = {{0, retry_ns}, {0, retry_ns}};
+    if (!fd || timerfd_settime(fd.get(), 0, &period, nullptr) < 0 ||
+        app_add_fd(fd.get(), POLLIN, nullptr, retry_callback) < 0)
+        return false;
+    retry_fd = fd.release();
+    return true;
+}
+
+void stop_retries()
+{
+    app_remove_fd(retry_fd, nullptr, retry_callback);
+    close(std::exchange(retry_fd, -1));
+}
+
+void remove_list(listing **at)
 {
     listing *list = *at;
     *at = list->next;
     free(list);
-    --listing_count;
+    --list_count;
+    if (!lists)
+        stop_retries();
 }
 
-void retry_callback(void *)
+void give_up(listing **at, const char *why)
 {
-    for (listing **at = &listings; *at;) {
-        const bool done = advance(**at);
-        const bool given_up = !done && ++(*at)->idle_retries > most_idle_retries;
-        if (given_up)
-            log_trace(LOG_HERE, "list given up: its reader takes nothing");
-        if (done || given_up)
-            end_listing(at);
+    log_trace(LOG_AS("send_list"), "list given up: %s", why);
+    remove_list(at);
+}
+
+void retry_callback(void *, int, int fd, app_fd_handler *)
+{
+    uint64_t expirations;
+    if (read(fd, &expirations, sizeof expirations) < 0)
+        return;
+    for (listing **at = &lists; *at;) {
+        if (advance(**at))
+            remove_list(at);
+        else if (++(*at)->idle_retries > most_idle_retries)
+            give_up(at, "its reader takes nothing");
         else
             at = &(*at)->next;
     }
-    if (!listings)
-        timer_stop(retry_timer);
 }
 
-// Keeps what is left of a list for the timer. False when memory is out.
-bool keep_listing(const listing &list)
+// Keeps what is left of a list. False when something for it cannot be had.
+bool keep_list(const listing &list)
 {
-    if (!retry_timer)
-        retry_timer = timer_new(retry_ms, nullptr, retry_callback, "list_retry");
     auto *kept = new_record<listing>();
-    if (!kept || !retry_timer || (!listings && timer_start(retry_timer, -1) < 0)) {
+    if (!kept || (!lists && !start_retries())) {
         free(kept);
         return false;
     }
     *kept = list;
-    listing **end = &listings;
+    listing **end = &lists;
     while (*end)
         end = &(*end)->next;
     *end = kept;
-    ++listing_count;
+    ++list_count;
     return true;
 }
 
@@ -93,10 +120,18 @@ void send_list(const syscfg *db, const requester &to)
     listing list = {nullptr, db->server_fd, db->vars, to, 0};
     if (advance(list))
         return;
-    if (listing_count == most_listings) {
-        log_trace(LOG_HERE, "list given up: %d others are under way", most_listings);
-        end_listing(&listings);
-    }
-    if (!keep_listing(list))
+    if (list_count == most_lists)
+        give_up(&lists, "too many are under way");
+    if (!keep_list(list))
         log_failed(LOG_HERE);
+}
+
+void end_list(const requester &to)
+{
+    for (listing **at = &lists; *at; at = &(*at)->next) {
+        if (same_requester((*at)->to, to)) {
+            give_up(at, "its requester asks anew");
+            return;
+        }
+    }
 }

@@ -1,10 +1,15 @@
 // The answer to "%list": one datagram a variable, then "!OK".
+//
+// It is sent as fast as the requester takes it, in pieces once its queue is full, so that a slow reader gets
+// every line and none holds the daemon. A list is given up, with a log line, when nothing of it was taken for
+// 2,000 ms, when its requester asks for something else, when 16 younger ones are under way, or when memory is
+// out.
 #pragma once
 
 #include "syscfg/reply.h"
 #include "syscfg/variables.h"
 
-// Sends the list as fast as the requester takes it, from a timer once its queue is full, so that a slow
-// reader gets every line and none holds the daemon. Given up, with a log line, when nothing was taken for
-// 2,000 ms, when more than 16 are under way (the oldest), or when memory is out.
 void send_list(const syscfg *db, const requester &to);
+
+// A request has come from that address: what is left of a list to it would be taken for the answer.
+void end_list(const requester &to);

@@ -243,13 +243,13 @@ int readregistry(const char *device, const char *name, void *buffer, int buffer_
 int writeregistry(const char *device, const char *name, const void *data, int length, off_t base)
 {
     print_error("%s:%d: To write %d data\n", "writeregistry", write_begin, length);
-    const unique_fd fd(open(device, O_RDWR | O_CLOEXEC));
+    unique_fd fd(open(device, O_RDWR | O_CLOEXEC));
     if (!fd) {
         print_error(no_such_device, module, write_open, device);
         return -1;
     }
     const bool at_header = seek(fd.get(), base);
-    const std::unique_ptr<uint8_t, free_deleter> block(static_cast<uint8_t *>(calloc(1, block_size)));
+    std::unique_ptr<uint8_t, free_deleter> block(static_cast<uint8_t *>(calloc(1, block_size)));
     if (!block) {
         print_error("%s:%d: malloc error: %m\n", module, write_memory);
         return -1;
@@ -280,7 +280,9 @@ int writeregistry(const char *device, const char *name, const void *data, int le
     const std::string_view bytes(static_cast<const char *>(data), static_cast<size_t>(length));
     if (fill_blocks(fd.get(), block.get(), *found, bytes, name, base) < 0)
         return -1;
-    // Once more than looks needed: the block device below answers the first before its cache is on flash.
+    // The block device below writes its cache out when it is closed, and answers the first sync too early.
+    block.reset();
+    fd.reset();
     for (int i = 0; i < 3; ++i)
         sync();
     return length;

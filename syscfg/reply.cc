@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <ctime>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -10,8 +11,10 @@
 namespace {
 
 constexpr int64_t patience_us = 200000;
+constexpr int64_t recovery = 8;
 
-int64_t patience_left_us;
+int64_t patience_left_us = patience_us;
+int64_t last_wait_us;
 
 int64_t monotonic_us()
 {
@@ -28,6 +31,11 @@ ssize_t send_to(int server_fd, const requester &to, std::string_view text, int f
 
 } // namespace
 
+bool same_requester(const requester &a, const requester &b)
+{
+    return a.len == b.len && memcmp(&a.addr, &b.addr, a.len) == 0;
+}
+
 bool try_reply(int server_fd, const requester &to, std::string_view text)
 {
     return send_to(server_fd, to, text, MSG_DONTWAIT) >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
@@ -36,17 +44,18 @@ bool try_reply(int server_fd, const requester &to, std::string_view text)
 // The socket of the requester is not ours to poll, so the wait is a send with a time-out.
 void reply(int server_fd, const requester &to, std::string_view text)
 {
-    bool sent = try_reply(server_fd, to, text);
-    while (!sent && patience_left_us > 0) {
+    if (try_reply(server_fd, to, text))
+        return;
+    int64_t now = monotonic_us();
+    patience_left_us = std::min(patience_us, patience_left_us + (now - last_wait_us) / recovery);
+    bool done = false;
+    while (!done && patience_left_us > 0) {
         const timeval timeout = {0, static_cast<suseconds_t>(patience_left_us)};
         setsockopt(server_fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-        const int64_t begin = monotonic_us();
-        sent = send_to(server_fd, to, text, 0) >= 0 || errno != EINTR;
-        patience_left_us -= std::max<int64_t>(monotonic_us() - begin, 1);
+        done = send_to(server_fd, to, text, 0) >= 0 || errno != EINTR;
+        const int64_t before = now;
+        now = monotonic_us();
+        patience_left_us -= std::max<int64_t>(now - before, 1);
     }
-}
-
-void reply_begin()
-{
-    patience_left_us = patience_us;
+    last_wait_us = now;
 }

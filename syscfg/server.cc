@@ -6,7 +6,6 @@
 #include "net/net.h"
 #include "syscfg/computed.h"
 #include "syscfg/listing.h"
-#include "syscfg/registry.h"
 #include "syscfg/store.h"
 
 #include <cerrno>
@@ -21,6 +20,7 @@ constexpr size_t request_max = 1024;
 constexpr size_t answer_max = 4096;
 constexpr size_t format_buffer_size = 128;
 constexpr int most_waiters = 1024;
+constexpr int send_buffer = 4 * 1024 * 1024;
 constexpr int most_applied_names = 1000;
 
 constexpr std::string_view ok = "!OK";
@@ -170,13 +170,6 @@ std::string_view apply_names(const syscfg *db, std::string_view list)
     return ok;
 }
 
-std::string_view reset(syscfg *db)
-{
-    const int length = load_defaults(db, text_buffer, text_buffer_size);
-    const bool saved = length > 0 && registry_write("syscfg", text_buffer, length) >= 0;
-    return saved && load_syscfg(db) >= 0 ? ok : error;
-}
-
 std::string_view do_list(syscfg *db, std::string_view, const requester &from)
 {
     send_list(db, from);
@@ -211,7 +204,7 @@ std::string_view do_reload(syscfg *db, std::string_view, const requester &)
 
 std::string_view do_reset(syscfg *db, std::string_view, const requester &)
 {
-    return reset(db);
+    return reset_syscfg(db) < 0 ? error : ok;
 }
 
 constexpr struct {
@@ -301,11 +294,17 @@ void handle_request(syscfg *db, std::string_view request, const requester &from)
 int open_server_socket()
 {
     unique_fd sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock)
+        return -1;
+    // Replies that nobody reads count against our own buffer: a few stuck requesters would use up the
+    // default.
+    if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof send_buffer) < 0)
+        setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     copy_text(addr.sun_path, server_path);
     unlink(server_path);
-    if (!sock || bind(sock.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) < 0)
+    if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) < 0)
         return -1;
     return sock.release();
 }
@@ -324,7 +323,9 @@ void syscfg_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
         } else {
             request[length] = '\0';
             from.addr.sun_family = AF_UNIX;
-            reply_begin();
+            // The kernel counts a terminator behind a path that fills the address.
+            from.len = std::min<socklen_t>(from.len, sizeof from.addr);
+            end_list(from);
             handle_request(db, request, from);
         }
     }

@@ -62,7 +62,7 @@ void add_loaded_var(syscfg *db, const char *name, const char *value, load_mode m
         var->value = new_text(value);
     }
     if (!var || !var->name || !var->value) {
-        log_failed(0, "load_config", log_module, __LINE__);
+        log_failed(LOG_AS("load_config"));
         if (var) {
             free(var->name);
             free(var->value);
@@ -72,25 +72,23 @@ void add_loaded_var(syscfg *db, const char *name, const char *value, load_mode m
     }
     var->type = type;
     var->flags = mode;
-    log_trace(0, "load_config", log_module, __LINE__, "add var: %s=\"%s\"", name, value);
+    log_trace(LOG_AS("load_config"), "add var: %s=\"%s\"", name, value);
     add_var(db, var);
 }
 
 void load_value(const syscfg *db, syscfg_var *var, const char *name, const char *value, load_mode mode)
 {
     constexpr char func[] = "load_config";
-    log_trace(0, func, log_module, __LINE__, "var %s exist: value=%s flags=%x\n", var->name, var->text(),
-              var->flags);
-    if (var->read_only() && mode != LOAD_CONSTANTS) {
-        log_trace(0, func, log_module, __LINE__, "cannot change existing var: %s=%s\n", var->name,
-                  var->text());
+    log_trace(LOG_AS(func), "var %s exist: value=%s flags=%x\n", var->name, var->text(), var->flags);
+    if (var->read_only() && !(mode & LOAD_CONSTANTS)) {
+        log_trace(LOG_AS(func), "cannot change existing var: %s=%s\n", var->name, var->text());
         return;
     }
     if (!var->value)
         var->flags |= mode;
     if (var_types[var->type].set(db, var, value) < 0)
-        log_trace(0, func, log_module, __LINE__, "%s: invalid value: %s", name, value);
-    log_trace(0, func, log_module, __LINE__, "set var: %s=\"%s\"", var->name, var->text());
+        log_trace(LOG_AS(func), "%s: invalid value: %s", name, value);
+    log_trace(LOG_AS(func), "set var: %s=\"%s\"", var->name, var->text());
 }
 
 void load_line(syscfg *db, std::string_view line, load_mode mode, uint16_t add_type)
@@ -131,9 +129,9 @@ size_t print_saved_text(const syscfg *db)
     for (const syscfg_var *var = db->vars; var; var = var->next) {
         if (!var->value || (var->flags & VAR_NOSAVE))
             continue;
-        char *at = text_buffer + std::min(length, sizeof text_buffer);
-        const size_t room = sizeof text_buffer - std::min(length, sizeof text_buffer);
-        length += static_cast<size_t>(snprintf(at, room, "%s=\"%s\"\n", var->name, var->value));
+        const size_t used = std::min(length, sizeof text_buffer);
+        length += static_cast<size_t>(
+            snprintf(text_buffer + used, sizeof text_buffer - used, "%s=\"%s\"\n", var->name, var->value));
     }
     return length;
 }
@@ -204,6 +202,14 @@ int save_syscfg(syscfg *db, bool apply)
     if (apply)
         apply_syscfg(db);
     return written;
+}
+
+int reset_syscfg(syscfg *db)
+{
+    const int length = load_defaults(db, text_buffer, text_buffer_size);
+    if (length < 0 || (length > 0 && registry_write(registry_name, text_buffer, length) < 0))
+        return -1;
+    return load_syscfg(db);
 }
 
 int apply_syscfg(syscfg *db)

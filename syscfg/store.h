@@ -35,5 +35,8 @@ int load_syscfg(syscfg *db);
 // Writes all values to flash, then applies if asked. Bytes written, or -1.
 int save_syscfg(syscfg *db, bool apply);
 
+// Makes the defaults the saved values and loads them. 0 or above, or -1.
+int reset_syscfg(syscfg *db);
+
 // Reports what has changed since the last time (1,023 variables at most, the rest next time). Returns 0.
 int apply_syscfg(syscfg *db);

@@ -107,16 +107,24 @@ int set_string(const syscfg *, syscfg_var *var, const char *text)
             return checked;
     }
     const int stored =
-        var->size != 0
-            ? store_in_field(var, std::min(static_cast<size_t>(var->size), var_value_max) + 1, value)
-            : store_exactly(var, value);
+        var->size != 0 ? store_in_field(var, string_field(var), value) : store_exactly(var, value);
     if (stored == 0)
         mark_changed(var);
     return stored;
 }
 
+// The binary form that newer C libraries read is none of ours: flash must mean the same after an update.
+bool is_binary(const char *text)
+{
+    const std::string_view digits = skip_space(text);
+    const bool has_sign = digits.starts_with('-') || digits.starts_with('+');
+    return strncasecmp(digits.data() + (has_sign ? 1 : 0), "0b", 2) == 0;
+}
+
 bool parse_integer(const char *text, long &number)
 {
+    if (is_binary(text))
+        return false;
     char *end;
     number = strtol(text, &end, 0);
     return end != text && *end == '\0';
@@ -131,7 +139,8 @@ int set_integer(const syscfg *, syscfg_var *var, const char *text)
         return value_refused;
     bool changed = true;
     if (var->value) {
-        const long old = strtol(var->value, nullptr, 0);
+        long old = 0;
+        parse_integer(var->value, old);
         changed = old != number;
         log_trace(LOG_HERE, "old=%ld l=%ld", old, number);
     }
@@ -175,7 +184,7 @@ char *find_choice(const syscfg_var *var, const char *text)
 
 int set_choice(const syscfg *db, syscfg_var *var, const char *text)
 {
-    if (!var->list)
+    if (!var->list || *text == '\0')
         return value_refused;
     char *chosen = find_choice(var, text);
     if (!chosen) {
@@ -393,6 +402,8 @@ void url_escape(std::string_view text, std::span<char> out)
 {
     constexpr char digits[] = "0123456789ABCDEF";
     constexpr std::string_view kept = "._-";
+    if (out.empty())
+        return;
     size_t length = 0;
     for (const char c : text) {
         if (length + 1 >= out.size())

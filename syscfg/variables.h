@@ -1,6 +1,7 @@
 // The records of the configuration database.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -92,6 +93,12 @@ struct var_type {
 };
 
 extern const std::array<var_type, VAR_TYPES> var_types;
+
+// Bytes that hold any value of a string with a size: no text longer than var_value_max ever comes.
+inline size_t string_field(const syscfg_var *var)
+{
+    return std::min(static_cast<size_t>(var->size), var_value_max) + 1;
+}
 
 // Frees the value, as far as the variable owns it; the variable then has none.
 void drop_value(syscfg_var *var);

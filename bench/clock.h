@@ -1,0 +1,14 @@
+// The clock by which the benchmark and the programs it has started understand each other.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+inline int64_t monotonic_ns()
+{
+    timespec now;
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}

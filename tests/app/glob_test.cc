@@ -1,3 +1,0 @@
-#include "app/glob.h"
-#include "tests/support/support.h"
-TEST(glob, a) { EXPECT_TRUE(glob_match("a*", "abc")); }

@@ -1,0 +1,244 @@
+#include "net/net.h"
+#include "net/sockaddr.h"
+#include "tests/support/support.h"
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <functional>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+using support::captured_log;
+
+struct net_test : support::test {
+    sockaddr_in in = {};
+    sockaddr *addr = reinterpret_cast<sockaddr *>(&in);
+    captured_log log;
+
+    int parse(const std::string &text, socklen_t len = sizeof(sockaddr_in))
+    {
+        in = {};
+        return sockaddr_parse(text.c_str(), addr, &len);
+    }
+};
+
+TEST_F(net_test, addresses_are_read_and_printed)
+{
+    const char *const cases[][2] = {
+        {"10.0.0.1", "10.0.0.1"},
+        {"10.0.0.1:65535", "10.0.0.1:65535"},
+        {" 1.2.3.4:0", "1.2.3.4"},
+        {"1.2.3.4 x", "1.2.3.4"},
+        {"255.255.255.255:53x", "255.255.255.255:53"},
+        {"010.1.1.1", "10.1.1.1"},
+        {"10.0.0.1:65536", nullptr},
+        {"10.0.0.256", nullptr},
+        {"10.0.0", nullptr},
+        {"10.0.0.1:", nullptr},
+        {"10.0.0.-1", nullptr},
+        {"1..2.3", nullptr},
+        {"", nullptr},
+        {"99999999999999999999.1.1.1", nullptr},
+    };
+    for (const auto &[text, printed] : cases) {
+        EXPECT_EQ(parse(text), printed ? 0 : -1) << text;
+        if (printed)
+            EXPECT_STREQ(sockaddr_ntop(addr, 0), printed);
+    }
+    EXPECT_EQ(parse("1.2.3.4", 15), -1);
+    parse("1.2.3.4:258");
+    EXPECT_EQ(in.sin_port, htons(258));
+    EXPECT_EQ(sockaddr_get_port(addr), 258);
+    EXPECT_EQ(sockaddr_set_port(addr, 513), 513);
+    EXPECT_STREQ(sockaddr_ntop(addr, 0), "1.2.3.4:513");
+}
+
+TEST_F(net_test, only_ipv4_addresses_are_valid)
+{
+    sockaddr_in other = {};
+    for (const char *multicast : {"224.0.0.1", "239.255.255.255"})
+        EXPECT_EQ(parse(multicast) + sockaddr_is_multicast(addr, 16), 1) << multicast;
+    for (const char *single : {"223.255.255.255", "240.0.0.0"})
+        EXPECT_EQ(parse(single) + sockaddr_is_multicast(addr, 0), 0) << single;
+    EXPECT_EQ(sockaddr_copy(reinterpret_cast<sockaddr *>(&other), addr), 16);
+    EXPECT_EQ(sockaddr_cmp(addr, reinterpret_cast<sockaddr *>(&other)), 0);
+    EXPECT_EQ(sockaddr_copy(reinterpret_cast<sockaddr *>(&other), 15, addr, 16), -1);
+    other.sin_port = 1;
+    EXPECT_LT(sockaddr_cmp(addr, reinterpret_cast<sockaddr *>(&other)), 0);
+    EXPECT_EQ(log.text(), "");
+    EXPECT_EQ(is_valid_addr(addr, 8), 0);
+    EXPECT_EQ(is_valid_addr(addr, 0) + is_valid_addr(addr, 16), 2);
+    EXPECT_EQ(log.messages(), "FAILED: is_valid_addr\n");
+    for (const sa_family_t family : {AF_UNIX, AF_INET6}) {
+        in.sin_family = family;
+        EXPECT_EQ(sockaddr_len(addr), family == AF_UNIX ? 110u : 16u);
+        EXPECT_EQ(sockaddr_get_port(addr) + sockaddr_set_port(addr, 1) + sockaddr_is_multicast(addr, 0), -3);
+        EXPECT_EQ(sockaddr_copy(addr, addr) + sockaddr_cmp(addr, reinterpret_cast<sockaddr *>(&other)), -2);
+        EXPECT_EQ(sockaddr_ntop(addr, 0), nullptr);
+        EXPECT_EQ(tcp_bind(-1, addr, 16) + tcp_connect(-1, addr, 16) + udp_connect(-1, addr, 16) +
+                      udp_bind(-1, addr, 16),
+                  -4);
+    }
+    EXPECT_EQ(log.messages(), "FAILED: is_valid_addr\nFAILED: udp_bind\nFAILED: udp_bind\n");
+}
+
+// A constructor makes a close-on-exec socket of its own or takes the given one; it closes only its own when
+// any of its calls fails, with a line in the log.
+TEST_F(net_test, constructors)
+{
+    using namespace support;
+    const std::string path = device_root + "/s", far_path = device_root + "/far";
+    const int listening = unix_listen(-1, far_path.c_str());
+    parse("127.0.0.1");
+    const int tcp = tcp_listen(0, addr, 16);
+    sockaddr_in there = {};
+    auto *peer = reinterpret_cast<sockaddr *>(&there);
+    socklen_t len = sizeof there;
+    getsockname(tcp, peer, &len);
+    const struct {
+        const char *name;
+        int domain, type, none; // the highest descriptor that stands for none
+        std::function<int(int)> make;
+    } cases[] = {
+        {"unix_datagram_listen", AF_UNIX, SOCK_DGRAM, -1,
+         [&](int fd) { return unix_datagram_listen(fd, path.c_str()); }},
+        {"unix_listen", AF_UNIX, SOCK_STREAM, -1, [&](int fd) { return unix_listen(fd, path.c_str()); }},
+        {"unix_connect", AF_UNIX, SOCK_STREAM, -1,
+         [&](int fd) { return unix_connect(fd, far_path.c_str()); }},
+        {"tcp_bind", AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_bind(fd, addr, 16); }},
+        {"tcp_listen", AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_listen(fd, addr, 16); }},
+        {"tcp_connect", AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_connect(fd, peer, 16); }},
+        {"udp_bind", AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_bind(fd, addr, 16); }},
+        {"udp_connect", AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_connect(fd, peer, 16); }},
+    };
+    for (const auto &c : cases) {
+        for (const bool given : {false, true}) {
+            SCOPED_TRACE(c.name + std::string(given ? " given" : " own"));
+            const unsigned kinds = (given ? 0U : unsigned{SOCKET}) | BIND | CONNECT | LISTEN | SETSOCKOPT;
+            const int failures = for_each_failure(kinds, [&] {
+                in.sin_port = 0;
+                log.clear();
+                const int fd = given ? socket(c.domain, c.type, 0) : c.none;
+                const int made = c.make(fd);
+                const bool failed = end_failing();
+                EXPECT_EQ(made < 0, failed);
+                EXPECT_EQ(log.messages().starts_with("SYSERROR: "), failed);
+                EXPECT_EQ(log.has("tcp_connect(): net: ") && log.has(": close "),
+                          failed && !given && c.name == std::string("tcp_connect") &&
+                              !log.has("Too many open files"));
+                int type = c.type;
+                if (made >= 0)
+                    getsockopt(made, SOL_SOCKET, SO_TYPE, &type, &(len = sizeof type));
+                EXPECT_EQ(type, c.type);
+                EXPECT_TRUE(made < 0 || given || (fcntl(made, F_GETFD) & FD_CLOEXEC));
+                EXPECT_TRUE(!given || fcntl(fd, F_GETFD) >= 0) << "the caller's socket was closed";
+                close(given ? fd : made);
+            });
+            EXPECT_GT(failures, 0);
+        }
+    }
+    in.sin_port = 0;
+    close(udp_bind(0, addr, 16));
+    EXPECT_GE(in.sin_port, 5000) << "the random port, as it is stored";
+    EXPECT_EQ(unix_datagram_listen(0, path.c_str()), -1) << "0 is a descriptor, though of no socket here";
+    EXPECT_EQ(get_socket_error(tcp), 0);
+    EXPECT_EQ(get_socket_error(0), -1);
+    close(listening);
+    close(tcp);
+}
+
+TEST_F(net_test, long_paths_are_cut)
+{
+    const std::string path = support::device_root + "/" + std::string(120, 'p');
+    const int datagram = unix_datagram_listen(-1, path.c_str()), stream = unix_listen(-1, path.c_str());
+    const int again = unix_listen(-1, path.c_str()), connected = unix_connect(-1, path.c_str());
+    EXPECT_EQ(access(path.substr(0, 108).c_str(), F_OK), 0);
+    EXPECT_EQ(access(path.substr(0, 107).c_str(), F_OK), 0);
+    for (const int fd : {datagram, stream, again, connected}) {
+        EXPECT_GE(fd, 0);
+        close(fd);
+    }
+}
+
+TEST_F(net_test, a_group_is_joined_on_its_port)
+{
+    parse("239.1.2.3:45353");
+    const int first = udp_bind(-1, addr, 16), second = udp_bind(-1, addr, 16);
+    if (first < 0 && errno == ENODEV)
+        GTEST_SKIP() << "no route for multicast here";
+    EXPECT_GE(second, 0) << "another of the group shares the port";
+    sockaddr_in bound = {};
+    socklen_t len = sizeof bound;
+    getsockname(first, reinterpret_cast<sockaddr *>(&bound), &len);
+    EXPECT_EQ(bound.sin_addr.s_addr, INADDR_ANY);
+    EXPECT_EQ(bound.sin_port, htons(45353));
+    close(first);
+    close(second);
+}
+
+TEST_F(net_test, messages_carry_names_data_and_descriptors)
+{
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
+    const int before = support::open_descriptors();
+    const struct {
+        const char *label;
+        std::string name;
+        uint32_t sent, room, data_room;
+        std::string got_name;
+    } cases[] = {
+        {"plain", "start", 0, 0, 8, "start"},
+        {"descriptors", "start", 2, 4, 8, "start"},
+        {"more than room", "start", 3, 1, 8, "start"},
+        {"no room", "start", 2, 0, 8, "start"},
+        {"short data", "start", 0, 0, 3, "start"},
+        {"long name", std::string(32, 'n'), 1, 1, 8, std::string(31, 'n')},
+        {"no name", "", 1, 1, 0, ""},
+        {"most", "x", 253, 253, 8, "x"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.label);
+        std::array<int, 300> fds;
+        fds.fill(ends[0]);
+        char data[] = "12345678";
+        ctlmsg out = {"", fds.data(), c.sent, data, 8};
+        c.name.copy(out.name, sizeof out.name);
+        EXPECT_EQ(send_ctlmsg(ends[0], &out), static_cast<ssize_t>(c.got_name.size() + 9));
+        char received[8] = "";
+        ctlmsg in_message = {"", fds.data(), c.room, received, c.data_room};
+        EXPECT_GT(recv_ctlmsg(ends[1], &in_message), 0);
+        EXPECT_EQ(in_message.name, c.got_name);
+        EXPECT_EQ(std::string(received, in_message.datalen), std::string(data, c.data_room));
+        ASSERT_EQ(in_message.nfds, std::min(c.sent, c.room));
+        for (uint32_t i = 0; i < in_message.nfds; ++i) {
+            EXPECT_TRUE(fcntl(fds[i], F_GETFD) & FD_CLOEXEC);
+            close(fds[i]);
+        }
+        EXPECT_EQ(support::open_descriptors(), before);
+    }
+    ctlmsg bad = {"x", nullptr, 254, nullptr, 0};
+    EXPECT_EQ(send_ctlmsg(ends[0], &bad), -1);
+    bad.nfds = 0;
+    EXPECT_EQ(send_ctlmsg(-1, &bad) + recv_ctlmsg(-1, &bad), -2);
+    EXPECT_EQ(log.messages(),
+              "SYSERROR: send_ctlmsg: Invalid argument\nSYSERROR: send_ctlmsg: Bad file descriptor\n"
+              "SYSERROR: recv_ctlmsg: Bad file descriptor\n");
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(net_test, host_names)
+{
+    in.sin_port = 7;
+    EXPECT_EQ(get_host_addr("localhost", addr, 16), 0);
+    EXPECT_EQ(in.sin_family == AF_INET && in.sin_port == 7 && in.sin_addr.s_addr == htonl(INADDR_LOOPBACK),
+              true);
+    EXPECT_EQ(get_host_addr("localhost", addr, 15), -1);
+    EXPECT_EQ(get_host_addr("not a name", addr, 16), -1);
+    ASSERT_NE(get_host_name(), nullptr);
+}
+
+} // namespace

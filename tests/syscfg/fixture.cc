@@ -1,0 +1,133 @@
+#include "tests/syscfg/fixture.h"
+
+#include "app/app.h"
+#include "app/text.h"
+#include "syscfg/registry.h"
+
+#include <md5.h>
+#include <sstream>
+#include <unistd.h>
+
+std::string reported;
+
+void cfgdb_processSyscfgChange(cfgdb *, const char *const *names, int count)
+{
+    for (int i = 0; i < count; ++i)
+        reported += (i ? " " : "") + std::string(names[i]);
+    reported += names[count] ? "!" : ";";
+}
+
+std::vector<std::vector<std::string>> rows(std::string_view text)
+{
+    std::vector<std::vector<std::string>> result;
+    for (std::string_view line; !text.empty();) {
+        line = cut_until(text, '\n');
+        std::vector<std::string> columns;
+        for (bool more = !skip_space(line).empty(); more;) {
+            more = line.find('|') != line.npos;
+            std::string column(trim_end(skip_space(cut_until(line, '|'))));
+            for (size_t at; (at = column.find("\\n")) != column.npos;)
+                column.replace(at, 2, "\n");
+            columns.push_back(column);
+        }
+        if (!columns.empty())
+            result.push_back(columns);
+    }
+    return result;
+}
+
+static void free_records(syscfg_var *var)
+{
+    while (var) {
+        drop_value(var);
+        EXPECT_EQ(var->waiters, nullptr);
+        for (char **name = var->type == VAR_ALIAS || var->type == VAR_CHOICE ? var->list : nullptr;
+             name && *name;)
+            free(*name++);
+        free(var->pattern);
+        free(var->name);
+        free(std::exchange(var, var->next));
+    }
+}
+
+void free_database(syscfg *db)
+{
+    app_remove_ctx(db);
+    app_poll_once(); // so that the loop takes its place back
+    if (db->server_fd >= 0)
+        close(db->server_fd);
+    free_records(db->vars);
+    free_records(db->aliases);
+    free(db->var_tbl);
+    free(db->alias_tbl);
+    free(db);
+}
+
+database declare(std::string_view definition)
+{
+    support::write_file("/etc/syscfg.def", definition);
+    database db(create_syscfg(nullptr), free_database);
+    char line[256];
+    EXPECT_EQ(parse_definition(db.get(), "/etc/syscfg.def", line, sizeof line), 0);
+    build_var_tbl(db.get());
+    build_alias_tbl(db.get());
+    return db;
+}
+
+database start(std::string_view definition)
+{
+    support::write_file("/etc/syscfg.def", definition);
+    database db(create_syscfg(nullptr), free_database);
+    if (db && db->ops->init(db.get()) < 0)
+        db.reset();
+    return db;
+}
+
+std::string show(const syscfg *db)
+{
+    std::ostringstream all;
+    for (const syscfg_var *var = db->vars; var; var = var->next)
+        all << var->name << "=" << var->text() << "/" << std::hex << var->flags << " ";
+    return all.str();
+}
+
+int set(const syscfg *db, const std::string &name, const std::string &value)
+{
+    syscfg_var *var = find_var(db, name);
+    return var ? var_types[var->type].set(db, var, value.c_str()) : -1000;
+}
+
+void write_flash(std::string_view device, const std::vector<flash_entry> &table,
+                 const std::map<size_t, std::string> &texts, size_t size)
+{
+    std::string image(size, '\0');
+    image.replace(0, 4, "REG\0", 4);
+    for (size_t i = 0; i < table.size(); ++i) {
+        const size_t at = 20 + 24 * i;
+        image.replace(at, table[i].name.size(), table[i].name);
+        memcpy(&image[at + 16], &table[i].capacity, 4);
+        memcpy(&image[at + 20], &table[i].length, 4);
+    }
+    MD5_CTX context;
+    MD5Init(&context);
+    MD5Update(&context, reinterpret_cast<const uint8_t *>(&image[20]), 192);
+    MD5Final(reinterpret_cast<uint8_t *>(&image[4]), &context);
+    for (const auto &[at, text] : texts)
+        image.replace(at, text.size(), text);
+    support::write_file(device, image);
+}
+
+void write_blob(std::string_view device, const std::string &name, const std::string &text)
+{
+    const auto length = static_cast<uint32_t>(text.size());
+    const bool first = name == "hwinfo";
+    write_flash(device, {{"hwinfo", 512, first ? length : 0}, {"syscfg", 65536, first ? 0 : length}},
+                {{first ? 256 : 768, text}});
+}
+
+syscfg_test::syscfg_test()
+{
+    reported.clear();
+    write_blob(flash5, "syscfg", "");
+    write_blob(flash6, "hwinfo", "");
+}

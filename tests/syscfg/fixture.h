@@ -1,0 +1,44 @@
+// A database on a device of the test's own.
+#pragma once
+
+#include "syscfg/store.h"
+#include "syscfg/syscfg.h"
+#include "tests/support/support.h"
+
+#include <map>
+#include <memory>
+
+// What the service manager was told, "A B;" for one report of two names.
+extern std::string reported;
+
+// Cases, one a line, their columns between "|", outer blanks dropped; "\n" in a case is a line end.
+std::vector<std::vector<std::string>> rows(std::string_view text);
+
+void free_database(syscfg *db);
+using database = std::unique_ptr<syscfg, void (*)(syscfg *)>;
+
+// With the lines of definition declared and the tables built.
+database declare(std::string_view definition);
+// The same started as the daemon does; null when that fails.
+database start(std::string_view definition);
+// "NAME=value/flags " of every variable.
+std::string show(const syscfg *db);
+int set(const syscfg *db, const std::string &name, const std::string &value);
+
+struct flash_entry {
+    std::string name; // 16 bytes are taken
+    uint32_t capacity;
+    uint32_t length;
+};
+// A device with that table (its digest right) and these texts at their offsets.
+void write_flash(std::string_view device, const std::vector<flash_entry> &table,
+                 const std::map<size_t, std::string> &texts = {}, size_t size = 128 << 10);
+// A default device that holds text as what name stands for.
+void write_blob(std::string_view device, const std::string &name, const std::string &text);
+constexpr char flash5[] = "/dev/mtdblock/5";
+constexpr char flash6[] = "/dev/mtdblock/6";
+
+class syscfg_test : public support::test {
+  protected:
+    syscfg_test();
+};

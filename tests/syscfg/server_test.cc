@@ -1,0 +1,343 @@
+#include "app/app.h"
+#include "syscfg/computed.h"
+#include "tests/syscfg/fixture.h"
+
+#include <chrono>
+#include <numeric>
+#include <random>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+using support::captured_log;
+using support::write_file;
+
+// A requester with a socket of its own; one without a name cannot be answered.
+class client {
+  public:
+    explicit client(const std::string &name)
+    {
+        sockaddr_un addr = {AF_UNIX, {}};
+        support::device_path("/tmp/" + name).copy(addr.sun_path, sizeof addr.sun_path - 1);
+        if (!name.empty())
+            EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    }
+    ~client() { close(fd); }
+    client(const client &) = delete;
+    client &operator=(const client &) = delete;
+
+    void send(const std::string &request) const
+    {
+        const sockaddr_un to = {AF_UNIX, "/tmp/.syscfg-server"};
+        sendto(fd, request.data(), request.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+    }
+    // The next answer, or "none".
+    std::string receive() const
+    {
+        char answer[8192];
+        const ssize_t length = recv(fd, answer, sizeof answer, MSG_DONTWAIT);
+        return length < 0 ? "none" : std::string(answer, static_cast<size_t>(length));
+    }
+    std::string ask(const std::string &request) const
+    {
+        send(request);
+        app_poll_once();
+        return receive();
+    }
+
+  private:
+    int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+};
+
+// Asked and received in that order.
+std::string all(std::initializer_list<std::string> answers)
+{
+    return std::accumulate(answers.begin(), answers.end(), std::string());
+}
+
+class server_test : public syscfg_test {
+  protected:
+    captured_log log;
+    database db = start(
+        "IFACE string\nEMPTY string\nBOOL bool\nNUM integer\nRO -r string\nCH choice on,off\nBOOL alias b\n"
+        "on alias yes\nLONG string\n_x -n sn\nPAT string [0-9]*\n");
+    const client one{"1"}, two{"2"}, three{"3"};
+};
+
+// A request and its answer, one after the other over the same values.
+TEST_F(server_test, requests_and_answers)
+{
+    write_file("/usr/etc/syscfg.default", "NUM=3\nIFACE=default\n");
+    for (const auto &row : rows(R"(
+        ?EMPTY              | >                   |
+        ?BOOL               | >                   |
+        ?CH                 | >on                 |
+        ?NONE               | !ERR NOENT          |
+        ?                   | !ERR NOENT          |
+        IFACE = "a b&c" x   | !OK                 |
+        ?IFACE              | >a b&c              |
+        ?IFACE%url          | >a+b%26c            |
+        ?IFACE%             | >a b&c              |
+        b=true              | !OK                 |
+        ?BOOL%no:yes        | >yes                |
+        ?b                  | >1                  |
+        NUM=26              | !OK                 |
+        ?NUM%04x            | >001a               |
+        ?NUM%n              | >26                 |
+        NUM=x               | !ERR INVAL          |
+        PAT=x               | !ERR INVAL          |
+        CH=YES              | !ERR INVAL          |
+        RO=1                | !ERR ACCESS         |
+        NONE=1              | !ERR NOENT          |
+        _x= 1 2             | !OK                 |
+        ?_x                 | >12                 |
+        @time=1             | !ERR RONLY          |
+        1abc=2              | !ERR BADNAM         |
+        =2                  | !ERR BADNAM         |
+        BOOL                | !ERR                |
+        BOOL="1             | !ERR                |
+        ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456=1 | !ERR |
+        ?@nothing           | !ERR NOENT          |
+        ?@version           | >00.00              |
+        %apply:NUM,,EMPTY b IFACE | !OK           | IFACE NUM BOOL
+        %apply: EMPTY NONE  | !OK                 |
+        %apply:             | !OK                 |
+        %apply              | !OK                 | _x NUM BOOL IFACE;
+        %apply:NUM          | !OK                 |
+        %apply              | !OK                 | ;
+        %apply x            | !ERR                |
+        NUM=27              | !OK                 |
+        %save               | !OK                 | NUM;
+        NUM=28              | !OK                 |
+        %reload             | !OK                 |
+        ?NUM                | >27                 |
+        %reset              | !OK                 |
+        ?NUM                | >3                  |
+        ?IFACE              | >default            |
+        %list_              | !ERR                |
+        %                   | !ERR                |
+        %wait BOOL=true     | !OK                 |
+        %wait BOOL=on       | !ERR NOENT          |
+        %wait NONE=1        | !ERR NOENT          |
+        %wait BOOL          | !ERR INVAL          |
+        %wait RO=           | !OK                 |
+        %wait CH=YES        | !ERR NOENT          |
+        %wait PAT=a         | !ERR NOENT          |)")) {
+        reported.clear();
+        std::string expected = row[2];
+        if (row[0].starts_with("%apply:NUM,,"))
+            expected = "NUM BOOL IFACE;"; // in the order of the request
+        EXPECT_EQ(one.ask(row[0]), row[1]) << row[0];
+        EXPECT_EQ(reported, expected) << row[0];
+        EXPECT_EQ(one.receive(), "none") << row[0];
+    }
+    EXPECT_EQ(one.ask("%list "), "!ERR");
+    EXPECT_EQ(one.ask("NUM=5" + std::string(2000, ' ')), "!OK") << "cut at 1,024 bytes";
+    EXPECT_EQ(all({one.ask("LONG=" + std::string(1019, 'l')), one.ask("?LONG")}),
+              "!OK>" + std::string(1019, 'l'));
+    for (const char *line : {"wait_syscfg: invalid expr:  BOOL\n", "wait_syscfg: no var named: NONE\n",
+                             "syscfg_exec_cmd: list_\nsyscfg_exec_cmd: unknown command list_\n"})
+        EXPECT_NE(log.messages().find(line), std::string::npos) << line;
+}
+
+TEST_F(server_test, commands_that_fail_say_so)
+{
+    EXPECT_EQ(one.ask("%reset"), "!ERR") << "there are no defaults";
+    write_file("/usr/etc/syscfg.default", "NUM=3\n");
+    write_file(flash5, "");
+    EXPECT_EQ(one.ask("%save"), "!ERR");
+    EXPECT_EQ(reported, ";") << "applied all the same";
+    EXPECT_EQ(all({one.ask("%reset"), one.ask("%reload")}), "!ERR!ERR");
+}
+
+TEST_F(server_test, waiters_are_answered_when_their_value_comes)
+{
+    EXPECT_EQ(all({one.ask("%wait CH=OFF"), two.ask("%wait CH=off"), three.ask("%wait NUM=5")}),
+              "nonenonenone");
+    EXPECT_EQ(one.ask("?CH"), ">on") << "a wait holds nobody else";
+    const client setter("4");
+    EXPECT_EQ(all({setter.ask("NUM=4"), three.receive()}), "!OKnone");
+    EXPECT_EQ(all({setter.ask("NUM=5"), three.receive(), one.receive()}), "!OK!OKnone");
+    EXPECT_EQ(all({setter.ask("CH=off"), one.receive(), two.receive()}), "!OK!OK!OK");
+    EXPECT_EQ(all({setter.ask("CH=on"), setter.ask("CH=off"), one.receive(), two.receive()}),
+              "!OK!OKnonenone");
+    EXPECT_EQ(all({one.ask("%wait IFACE=x"), setter.ask("IFACE=x"), one.receive()}), "none!OK!OK");
+    EXPECT_EQ(all({one.ask("%wait IFACE="), setter.ask("IFACE="), one.receive()}), "none!OK!OK");
+}
+
+TEST_F(server_test, the_oldest_of_1025_waits_is_told)
+{
+    const client old("old"), setter("4");
+    EXPECT_EQ(all({old.ask("%wait BOOL=1"), two.ask("%wait NUM=1"), one.ask("%wait BOOL=1")}),
+              "nonenonenone");
+    for (int i = 0; i < 1021; ++i)
+        EXPECT_EQ(one.ask("%wait IFACE=x"), "none");
+    EXPECT_EQ(old.receive(), "none");
+    EXPECT_EQ(all({three.ask("%wait NUM=1"), old.receive(), two.receive()}), "none!ERRnone");
+    EXPECT_EQ(all({three.ask("%wait NUM=2"), two.receive(), three.receive()}), "none!ERRnone");
+    EXPECT_TRUE(log.has("more than 1024 waits, dropped: NUM=1\n"));
+    for (const char *request : {"BOOL=1", "NUM=1", "NUM=2"})
+        EXPECT_EQ(setter.ask(request), "!OK");
+    EXPECT_EQ(all({one.receive(), three.receive(), three.receive(), old.receive()}), "!OK!OK!OKnone");
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(setter.ask("IFACE=x"), "!OK"); // 1,021 answers to one who reads none
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(400));
+}
+
+// More variables than a requester's queue has room for.
+TEST_F(server_test, a_list_reaches_a_slow_reader_and_is_given_up_for_one_who_reads_nothing)
+{
+    db.reset();
+    std::string definition;
+    for (int i = 0; i < 700; ++i)
+        definition += "V" + std::to_string(i) + " string\n";
+    db = start(definition);
+    set(db.get(), "V699", std::string(2000, 'x'));
+    const client never("never");
+    EXPECT_EQ(never.ask("%list").substr(0, 1030), ">V699=\"" + std::string(1017, 'x'));
+    EXPECT_EQ(one.ask("%list").size(), 1024u);
+    EXPECT_EQ(two.ask("?V1"), ">") << "no list holds another requester";
+    support::real_time = true;
+    for (int i = 698; i >= -1; --i) {
+        std::string line = "none";
+        support::run_until([&] { return line != "none" || (line = one.receive()) != "none"; }, 1000);
+        ASSERT_EQ(line, i < 0 ? "!OK" : ">V" + std::to_string(i) + "=\"\"\n");
+    }
+    const int descriptors = support::open_descriptors();
+    EXPECT_TRUE(
+        support::run_until([&] { return log.has("list given up: its reader takes nothing\n"); }, 4000));
+    EXPECT_EQ(support::open_descriptors(), descriptors - 1) << "the retries have ended";
+    one.ask("%list"), one.ask("?V1");
+    EXPECT_TRUE(log.has("list given up: its requester asks anew\n"));
+}
+
+TEST_F(server_test, who_does_not_read_holds_the_daemon_for_200_ms_at_most)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 15; ++i) {
+        one.send("?CH");
+        app_poll_once();
+        EXPECT_EQ(two.ask("?CH"), ">on") << i;
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(350));
+    std::string answers;
+    for (std::string answer = one.receive(); answer != "none"; answer = one.receive())
+        answers += answer;
+    EXPECT_GE(answers.size(), 30u);
+    EXPECT_EQ(one.ask("?CH"), ">on");
+}
+
+TEST_F(server_test, hostile_datagrams_change_nothing)
+{
+    const client nameless("");
+    for (const char *request : {"?CH", "%list", "%wait CH=off", "x", "CH=off"})
+        EXPECT_EQ(nameless.ask(request), "none");
+    EXPECT_EQ(one.ask("?CH"), ">off") << "unnamed, yet obeyed";
+    log.clear();
+    EXPECT_EQ(one.ask(""), "none");
+    EXPECT_EQ(log.messages(), "FAILED: syscfg_recvCallback\n");
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::minstd_rand random(seed);
+    const std::string starts = "?%=@N",
+                      words[] = {"?IFACE%", "?NUM%", "%wait ", "%apply:", "NUM=", "PAT=", "?@dns"};
+    for (int i = 0; i < 20000; ++i) {
+        std::string request =
+            random() % 2 ? words[random() % std::size(words)] : std::string(1, starts[random() % 5]);
+        for (size_t length = random() % 40; request.size() < length;)
+            request += static_cast<char>(random() % 4 ? ' ' + random() % 95 : random());
+        const std::string answer = one.ask(request);
+        ASSERT_TRUE(answer == "none" || answer[0] == '>' || answer.starts_with("!OK") ||
+                    answer.starts_with("!ERR"))
+            << request;
+        ASSERT_EQ(answer == "none", request.starts_with("%wait ") && answer == "none") << request;
+    }
+    EXPECT_EQ(one.ask("?CH"), ">off");
+    EXPECT_EQ(one.ask("?NONE"), "!ERR NOENT");
+}
+
+TEST_F(server_test, a_failing_call_in_a_request_leaves_nothing_behind)
+{
+    using namespace support;
+    one.ask("%wait IFACE=warm"), one.ask("IFACE=warm"), one.receive();
+    const std::string requests[] = {"IFACE=abc", "IFACE=",  "NUM=1", "NUM=",         "?NUM%d",
+                                    "?@version", "?@lo_ip", "%save", "%wait IFACE=x"};
+    for (const unsigned kinds : {unsigned{ALLOC}, unsigned{OPEN | SOCKET}, unsigned{READ | WRITE | LSEEK}}) {
+        for_each_failure(kinds, [&] {
+            for (const std::string &request : requests)
+                one.ask(request);
+            end_failing();
+            EXPECT_EQ(two.ask("IFACE=x"), "!OK");
+            EXPECT_EQ(all({two.ask("IFACE="), two.ask("NUM=")}), "!OK!OK");
+            one.receive();
+        });
+    }
+}
+
+TEST_F(syscfg_test, computed_variables)
+{
+    const captured_log log;
+    const std::string head =
+        "Iface\tDestination\tGateway\tFlags\tRefCnt\tUse\tMetric\tMask\tMTU\tWindow\tIRTT\n";
+    const std::string lan = "eth0\t0001A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
+    const std::string wan = "eth1\t00000000\tFE01A8C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n";
+    const std::string servers =
+        "# x\nsearch y\n  nameserver \t10.0.0.1 # z\nnameserver 10.0.0.2\nnameserver 10.0.0.3";
+    const struct {
+        const char *name;
+        const char *path;
+        std::string text;
+        const char *value; // null: none
+    } cases[] = {
+        {"default_route", nullptr, "", "0.0.0.0"},
+        {"default_route", "/proc/net/route", head + lan, nullptr},
+        {"default_route", "/proc/net/route", head + lan + "x\n" + wan + "p\t0\t1\t3\t0\t0\t0\t0\n",
+         "192.168.1.254"},
+        {"default_route", "/proc/net/route", wan, "192.168.1.254"},
+        {"version", nullptr, "", "00.00"},
+        {"version", "/usr/etc/VERSION", "VERSION=1.2.3 \nx=9\n", "1.2.3.00"},
+        {"version", "/usr/etc/PATCH", "PATCH=05", "1.2.3.05"},
+        {"version", "/usr/etc/VERSION", "PRODUCT=" + std::string(30, '7'), "77777777777777777777.05"},
+        {"version", "/usr/etc/VERSION", "1.2.3\n", "00.05"},
+        {"version", "/usr/etc/VERSION", "", "00.05"},
+        {"dns", nullptr, "", nullptr},
+        {"dns", "/etc/resolv.conf", servers, "10.0.0.1"},
+        {"dns1", nullptr, "", "10.0.0.1"},
+        {"dns2", nullptr, "", "10.0.0.2"},
+        {"dns3", nullptr, "", "10.0.0.3"},
+        {"dns4", nullptr, "", nullptr},
+        {"dns0", nullptr, "", nullptr},
+        {"dns_ip", nullptr, "", nullptr},
+        {"dns4294967297", nullptr, "", nullptr},
+        {"lo_ip", nullptr, "", "127.0.0.1"},
+        {"lo_netmask", nullptr, "", "255.0.0.0"},
+        {"nosuch_ip", nullptr, "", nullptr},
+        {"_ip", nullptr, "", nullptr},
+        {"abcdefghijklmnopq_ip", nullptr, "", nullptr},
+        {"lo_ipx", nullptr, "", nullptr},
+        {"", nullptr, "", nullptr},
+    };
+    for (const auto &c : cases) {
+        char output[64] = "";
+        if (c.path)
+            write_file(c.path, c.text);
+        EXPECT_EQ(get_computed(c.name, output), c.value ? 0 : -1) << c.name;
+        if (c.value)
+            EXPECT_STREQ(output, c.value) << c.name;
+    }
+    EXPECT_EQ(log.text(), "open /proc/net/route: No such file or directory\n");
+    char output[64] = "", small[15];
+    EXPECT_EQ(get_computed("default_route", small), -1);
+    setenv("TZ", "XYZ-14", 1);
+    tzset();
+    const time_t before = time(nullptr) + 14 * 3600;
+    EXPECT_EQ(get_computed("time", output), 0);
+    tm shown = {};
+    ASSERT_TRUE(strptime(output, "%Y-%m-%d %H:%M:%S", &shown));
+    EXPECT_LE(timegm(&shown) - before, 2);
+    EXPECT_GE(timegm(&shown), before);
+}
+
+} // namespace

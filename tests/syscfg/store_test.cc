@@ -1,0 +1,180 @@
+#include "syscfg/registry.h"
+#include "tests/syscfg/fixture.h"
+
+#include <climits>
+#include <unistd.h>
+
+namespace {
+
+using support::captured_log;
+using support::read_file;
+using support::write_file;
+
+std::string saved()
+{
+    return read_file(flash5).substr(768, strlen(read_file(flash5).c_str() + 768));
+}
+
+TEST_F(syscfg_test, assignments)
+{
+    const std::string n32(32, 'n'), v4096(4096, 'v');
+    const struct {
+        std::string line;
+        const char *name; // null: refused
+        std::string value;
+    } cases[] = {
+        {"A=b", "A", "b"},
+        {"  A b \t=\t c d \r", "A b", "c d"},
+        {"A=", "A", ""},
+        {"=x", "", "x"},
+        {"A=\" b \" # c", "A", " b "},
+        {"A=\"b", nullptr, ""},
+        {"A=b\"c", "A", "b\"c"},
+        {"A==b", "A", "=b"},
+        {"A", nullptr, ""},
+        {"", nullptr, ""},
+        {n32 + "=x", n32.c_str(), "x"},
+        {n32 + "n=x", nullptr, ""},
+        {"A=" + v4096, "A", v4096},
+        {"A=" + v4096 + "v", nullptr, ""},
+        {"A=\"" + v4096 + "\"", "A", v4096},
+    };
+    for (const auto &c : cases) {
+        char name[var_name_max + 1], value[var_value_max + 1];
+        EXPECT_EQ(parse_assignment(c.line, name, value), c.name ? 0 : -1) << c.line;
+        if (c.name)
+            EXPECT_EQ(name + std::string("/") + value, c.name + ("/" + c.value));
+    }
+}
+
+constexpr char definition[] =
+    "V -r string\nV alias VENID\nVENID -r string\nHW string\nC string\nCH choice a,b,c\n"
+    "S string(8)\nP string\nI integer\nM mac\n";
+
+TEST_F(syscfg_test, each_source_loads_over_the_one_before_except_what_is_read_only)
+{
+    write_blob(flash6, "hwinfo", "VENID=acme\nNEW=1\nHW=x\nlost=1");
+    write_blob(flash5, "syscfg", "I=\"7\"\nP=\"saved\"\nVENID=\"evil\"\nC=saved\nI=seven\nlost=1");
+    write_file("/usr/etc/syscfg.constant", "C=const\nCH=b\nS=k\n");
+    write_file("/usr/etc/syscfg.constant.acme", "M=001122334455\nHW=y\n");
+    write_file("/usr/etc/syscfg.default",
+               "C=other\nCH=C\nP=\"d e\" x\nbad line\n\nNONE=1\nI=1\nS=too long!\n");
+    write_file("/usr/etc/syscfg.default.acme", "P=vendor\nM=000000000000\n");
+    const captured_log log;
+    const database db = start(definition);
+    ASSERT_TRUE(db);
+    EXPECT_EQ(
+        show(db.get()),
+        "NEW=1/3 M=00:11:22:33:44:55/3 I=7/0 P=saved/0 S=k/0 CH=c/0 C=const/3 HW=y/3 VENID=acme/3 V=/3 ");
+    for (const char *line :
+         {"load_config: add var: NEW=\"1\"\n", "load_config: set var: HW=\"y\"\n",
+          "load_config: cannot change existing var: VENID=acme\n\n",
+          "load_config: var I exist: value=1 flags=8000\n\nset_integer: old=1 l=7\nload_config: set var: "
+          "I=\"7\"\n",
+          "load_config: I: invalid value: seven\n", "load_config: S: invalid value: too long!\n",
+          "invalid syscfg line: bad line\n", "invalid syscfg line: \n", "no var definition for NONE\n"})
+        EXPECT_NE(log.messages().find(line), std::string::npos) << line << "\n" << log.messages();
+    EXPECT_FALSE(log.has("lost"));
+    EXPECT_EQ(reported, "");
+}
+
+TEST_F(syscfg_test, the_first_start_saves_the_defaults_and_nothing_stops_it)
+{
+    captured_log log;
+    write_file("/usr/etc/syscfg.default", "P=a \"b\nI=1\nM=001122334455\nC=no end");
+    database db = start(definition);
+    ASSERT_TRUE(db);
+    EXPECT_EQ(saved(), "M=\"00:11:22:33:44:55\"\nI=\"1\"\nP=\"a \"b\"\nS=\"\"\nCH=\"a\"\n");
+    EXPECT_EQ(show(db.get()), "M=00:11:22:33:44:55/0 I=1/0 P=a /0 S=/0 CH=a/0 C=/0 HW=/0 VENID=/3 V=/3 ");
+    EXPECT_EQ(support::sync_count, 3);
+    db.reset();
+    support::write_file(flash5, "");
+    support::write_file(flash6, "");
+    unlink("/usr/etc/syscfg.default");
+    log.clear();
+    db = start(definition);
+    ASSERT_TRUE(db);
+    for (const char *line :
+         {"failed to read hwinfo\nload hwinfo failed\n",
+          "cannot open default syscfg\ncannot open default syscfg\n",
+          "failed to read syscfg, using default...\n", "failed to save syscfg\n", "load syscfg failed\n"})
+        EXPECT_TRUE(log.has(line)) << line << "\n" << log.text();
+    EXPECT_EQ(db->ops->get(db.get(), "CH"), std::string("a"));
+    EXPECT_EQ(db->ops->get(db.get(), "NONE"), nullptr);
+    db.reset();
+    unlink("/etc/syscfg.def");
+    database none(create_syscfg(nullptr), free_database);
+    EXPECT_EQ(none->ops->init(none.get()), -1);
+    EXPECT_TRUE(log.has("cannot load syscfg definition!\n"));
+}
+
+TEST_F(syscfg_test, apply_reports_what_has_changed_1023_at_a_time)
+{
+    const captured_log log;
+    std::string text, first;
+    for (int i = 0; i < 1100; ++i)
+        text += "B" + std::to_string(i) + " bool\n";
+    const database db = declare(text);
+    EXPECT_EQ(apply_syscfg(db.get()), 0);
+    EXPECT_EQ(reported, ";");
+    for (int i = 1099; i >= 0; --i) {
+        set(db.get(), "B" + std::to_string(i), "1");
+        first += i >= 77 ? "B" + std::to_string(i) + (i == 77 ? ";" : " ") : "";
+    }
+    reported.clear();
+    apply_syscfg(db.get());
+    EXPECT_EQ(reported, first);
+    reported.clear();
+    EXPECT_GT(save_syscfg(db.get(), true), 0);
+    EXPECT_EQ(reported.substr(0, 8) + reported.substr(reported.size() - 6), "B76 B75 B1 B0;");
+    EXPECT_NE(log.messages().find("apply_syscfg: flags=8000 B1099=1\n"), std::string::npos);
+    EXPECT_EQ(show(db.get()).find("8000"), std::string::npos);
+}
+
+// 65,536 bytes can be saved; a table with more room for them does not let half of a longer text pass.
+TEST_F(syscfg_test, a_text_too_long_is_not_saved)
+{
+    for (const uint32_t capacity : {65536u, 100000u}) {
+        const captured_log log;
+        write_flash(flash5, {{"hwinfo", 512, 0}, {"syscfg", capacity, 0}});
+        std::string text;
+        for (int i = 10; i < 26; ++i)
+            text += "V" + std::to_string(i) + " string\n";
+        const database db = declare(text);
+        for (int i = 10; i < 26; ++i)
+            set(db.get(), "V" + std::to_string(i), std::string(4089, 'x'));
+        EXPECT_EQ(save_syscfg(db.get(), false), 65536);
+        EXPECT_EQ(registry_read("syscfg", text_buffer, INT_MAX), 65536);
+        const std::string before = read_file(flash5);
+        set(db.get(), "V17", std::string(4090, 'x'));
+        EXPECT_EQ(save_syscfg(db.get(), true), -1);
+        EXPECT_TRUE(log.has("registry:102: registry syscfg overflow!\nfailed to save syscfg\n"))
+            << log.text();
+        EXPECT_EQ(read_file(flash5), before);
+        EXPECT_NE(reported.find("V17"), std::string::npos) << "applied all the same";
+    }
+}
+
+TEST_F(syscfg_test, a_failing_call_at_start_save_and_load_leaves_nothing_behind)
+{
+    const captured_log log;
+    write_blob(flash6, "hwinfo", "VENID=acme\nNEW=1\n");
+    write_file("/usr/etc/syscfg.constant", "C=const\n");
+    write_file("/usr/etc/syscfg.default", "P=1\nI=1\nS=x\n");
+    write_file("/etc/b", "B choice x,y\n");
+    const auto scenario = [] {
+        const database db = start(std::string(definition) + "%include /etc/b\n");
+        if (!db)
+            return;
+        set(db.get(), "P", "a");
+        save_syscfg(db.get(), true);
+        load_syscfg(db.get());
+    };
+    scenario(); // the loop's table is kept
+    using namespace support;
+    for (const unsigned kinds : {unsigned{ALLOC}, unsigned{OPEN}, unsigned{READ}, unsigned{WRITE},
+                                 unsigned{LSEEK}, unsigned{SOCKET | BIND}})
+        EXPECT_GE(for_each_failure(kinds, scenario), 1) << kinds;
+}
+
+} // namespace

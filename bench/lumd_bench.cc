@@ -132,7 +132,7 @@ void settle(int client)
 int64_t take_report(int reports)
 {
     pollfd wait = {reports, POLLIN, 0};
-    int64_t at;
+    int64_t at = 0;
     expect(poll(&wait, 1, patience_ms) == 1 && read(reports, &at, sizeof at) == sizeof at,
            "the program did not start");
     return at;

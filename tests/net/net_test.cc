@@ -27,60 +27,45 @@ struct net_test : support::test {
 
 TEST_F(net_test, addresses_are_read_and_printed)
 {
-    const char *const cases[][2] = {
-        {"10.0.0.1", "10.0.0.1"},
-        {"10.0.0.1:65535", "10.0.0.1:65535"},
-        {" 1.2.3.4:0", "1.2.3.4"},
-        {"1.2.3.4 x", "1.2.3.4"},
-        {"255.255.255.255:53x", "255.255.255.255:53"},
-        {"010.1.1.1", "10.1.1.1"},
-        {"10.0.0.1:65536", nullptr},
-        {"10.0.0.256", nullptr},
-        {"10.0.0", nullptr},
-        {"10.0.0.1:", nullptr},
-        {"10.0.0.-1", nullptr},
-        {"1..2.3", nullptr},
-        {"", nullptr},
-        {"99999999999999999999.1.1.1", nullptr},
+    const char *const good[][2] = {
+        {"10.0.0.1", "10.0.0.1"}, {"10.0.0.1:65535", "10.0.0.1:65535"},          {" 1.2.3.4:0", "1.2.3.4"},
+        {"1.2.3.4 x", "1.2.3.4"}, {"255.255.255.255:53x", "255.255.255.255:53"}, {"010.1.1.1", "10.1.1.1"},
     };
-    for (const auto &[text, printed] : cases) {
-        EXPECT_EQ(parse(text), printed ? 0 : -1) << text;
-        if (printed)
-            EXPECT_STREQ(sockaddr_ntop(addr, 0), printed);
+    for (const auto &[text, printed] : good) {
+        EXPECT_EQ(parse(text), 0) << text;
+        EXPECT_STREQ(sockaddr_ntop(addr, 0), printed);
     }
+    for (const char *bad : {"10.0.0.1:65536", "10.0.0.256", "10.0.0", "10.0.0.1:", "10.0.0.-1", "1..2.3", "",
+                            "99999999999999999999.1.1.1", "1.2.3.4:-1", "  1.2.3.4:99999999999999999999"})
+        EXPECT_EQ(parse(bad), -1) << bad;
     EXPECT_EQ(parse("1.2.3.4", 15), -1);
     parse("1.2.3.4:258");
     EXPECT_EQ(in.sin_port, htons(258));
-    EXPECT_EQ(sockaddr_get_port(addr), 258);
-    EXPECT_EQ(sockaddr_set_port(addr, 513), 513);
-    EXPECT_STREQ(sockaddr_ntop(addr, 0), "1.2.3.4:513");
+    EXPECT_EQ(sockaddr_set_port(addr, 513) + sockaddr_get_port(addr), 1026);
 }
 
 TEST_F(net_test, only_ipv4_addresses_are_valid)
 {
     sockaddr_in other = {};
-    for (const char *multicast : {"224.0.0.1", "239.255.255.255"})
-        EXPECT_EQ(parse(multicast) + sockaddr_is_multicast(addr, 16), 1) << multicast;
-    for (const char *single : {"223.255.255.255", "240.0.0.0"})
-        EXPECT_EQ(parse(single) + sockaddr_is_multicast(addr, 0), 0) << single;
-    EXPECT_EQ(sockaddr_copy(reinterpret_cast<sockaddr *>(&other), addr), 16);
-    EXPECT_EQ(sockaddr_cmp(addr, reinterpret_cast<sockaddr *>(&other)), 0);
-    EXPECT_EQ(sockaddr_copy(reinterpret_cast<sockaddr *>(&other), 15, addr, 16), -1);
+    auto *copy = reinterpret_cast<sockaddr *>(&other);
+    const std::pair<const char *, int> cases[] = {
+        {"224.0.0.1", 1}, {"239.255.255.255", 1}, {"223.255.255.255", 0}, {"240.0.0.0", 0}};
+    for (const auto &[text, multicast] : cases)
+        EXPECT_EQ(parse(text) + sockaddr_is_multicast(addr, 16), multicast) << text;
+    EXPECT_EQ(sockaddr_copy(copy, addr) + sockaddr_cmp(addr, copy), 16);
+    EXPECT_EQ(sockaddr_copy(copy, 15, addr, 16), -1);
     other.sin_port = 1;
-    EXPECT_LT(sockaddr_cmp(addr, reinterpret_cast<sockaddr *>(&other)), 0);
-    EXPECT_EQ(log.text(), "");
+    EXPECT_LT(sockaddr_cmp(addr, copy), 0);
     EXPECT_EQ(is_valid_addr(addr, 8), 0);
     EXPECT_EQ(is_valid_addr(addr, 0) + is_valid_addr(addr, 16), 2);
-    EXPECT_EQ(log.messages(), "FAILED: is_valid_addr\n");
     for (const sa_family_t family : {AF_UNIX, AF_INET6}) {
         in.sin_family = family;
         EXPECT_EQ(sockaddr_len(addr), family == AF_UNIX ? 110u : 16u);
         EXPECT_EQ(sockaddr_get_port(addr) + sockaddr_set_port(addr, 1) + sockaddr_is_multicast(addr, 0), -3);
-        EXPECT_EQ(sockaddr_copy(addr, addr) + sockaddr_cmp(addr, reinterpret_cast<sockaddr *>(&other)), -2);
+        EXPECT_EQ(sockaddr_copy(addr, addr) + sockaddr_cmp(addr, copy), -2);
         EXPECT_EQ(sockaddr_ntop(addr, 0), nullptr);
-        EXPECT_EQ(tcp_bind(-1, addr, 16) + tcp_connect(-1, addr, 16) + udp_connect(-1, addr, 16) +
-                      udp_bind(-1, addr, 16),
-                  -4);
+        EXPECT_EQ(tcp_bind(-1, addr, 16) + tcp_connect(-1, addr, 16) + udp_connect(-1, addr, 16), -3);
+        EXPECT_EQ(udp_bind(-1, addr, 16), -1);
     }
     EXPECT_EQ(log.messages(), "FAILED: is_valid_addr\nFAILED: udp_bind\nFAILED: udp_bind\n");
 }
@@ -99,24 +84,21 @@ TEST_F(net_test, constructors)
     socklen_t len = sizeof there;
     getsockname(tcp, peer, &len);
     const struct {
-        const char *name;
         int domain, type, none; // the highest descriptor that stands for none
         std::function<int(int)> make;
     } cases[] = {
-        {"unix_datagram_listen", AF_UNIX, SOCK_DGRAM, -1,
-         [&](int fd) { return unix_datagram_listen(fd, path.c_str()); }},
-        {"unix_listen", AF_UNIX, SOCK_STREAM, -1, [&](int fd) { return unix_listen(fd, path.c_str()); }},
-        {"unix_connect", AF_UNIX, SOCK_STREAM, -1,
-         [&](int fd) { return unix_connect(fd, far_path.c_str()); }},
-        {"tcp_bind", AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_bind(fd, addr, 16); }},
-        {"tcp_listen", AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_listen(fd, addr, 16); }},
-        {"tcp_connect", AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_connect(fd, peer, 16); }},
-        {"udp_bind", AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_bind(fd, addr, 16); }},
-        {"udp_connect", AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_connect(fd, peer, 16); }},
+        {AF_UNIX, SOCK_DGRAM, -1, [&](int fd) { return unix_datagram_listen(fd, path.c_str()); }},
+        {AF_UNIX, SOCK_STREAM, -1, [&](int fd) { return unix_listen(fd, path.c_str()); }},
+        {AF_UNIX, SOCK_STREAM, -1, [&](int fd) { return unix_connect(fd, far_path.c_str()); }},
+        {AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_bind(fd, addr, 16); }},
+        {AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_listen(fd, addr, 16); }},
+        {AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_bind(fd, addr, 16); }},
+        {AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_connect(fd, peer, 16); }},
+        {AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_connect(fd, peer, 16); }},
     };
     for (const auto &c : cases) {
         for (const bool given : {false, true}) {
-            SCOPED_TRACE(c.name + std::string(given ? " given" : " own"));
+            SCOPED_TRACE(std::to_string(&c - cases) + (given ? " given" : " own"));
             const unsigned kinds = (given ? 0U : unsigned{SOCKET}) | BIND | CONNECT | LISTEN | SETSOCKOPT;
             const int failures = for_each_failure(kinds, [&] {
                 in.sin_port = 0;
@@ -126,9 +108,8 @@ TEST_F(net_test, constructors)
                 const bool failed = end_failing();
                 EXPECT_EQ(made < 0, failed);
                 EXPECT_EQ(log.messages().starts_with("SYSERROR: "), failed);
-                EXPECT_EQ(log.has("tcp_connect(): net: ") && log.has(": close "),
-                          failed && !given && c.name == std::string("tcp_connect") &&
-                              !log.has("Too many open files"));
+                const bool says_so = &c == std::end(cases) - 1 && !given && !log.has("Too many open files");
+                EXPECT_EQ(log.has("tcp_connect(): net: ") && log.has(": close "), failed && says_so);
                 int type = c.type;
                 if (made >= 0)
                     getsockopt(made, SOL_SOCKET, SO_TYPE, &type, &(len = sizeof type));
@@ -184,33 +165,25 @@ TEST_F(net_test, messages_carry_names_data_and_descriptors)
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
     const int before = support::open_descriptors();
+    const std::string n32(32, 'n');
     const struct {
-        const char *label;
         std::string name;
         uint32_t sent, room, data_room;
-        std::string got_name;
-    } cases[] = {
-        {"plain", "start", 0, 0, 8, "start"},
-        {"descriptors", "start", 2, 4, 8, "start"},
-        {"more than room", "start", 3, 1, 8, "start"},
-        {"no room", "start", 2, 0, 8, "start"},
-        {"short data", "start", 0, 0, 3, "start"},
-        {"long name", std::string(32, 'n'), 1, 1, 8, std::string(31, 'n')},
-        {"no name", "", 1, 1, 0, ""},
-        {"most", "x", 253, 253, 8, "x"},
-    };
+    } cases[] = {{"start", 0, 0, 8}, {"start", 2, 4, 8}, {"start", 3, 1, 8}, {"start", 2, 0, 8},
+                 {"start", 0, 0, 3}, {n32, 1, 1, 8},     {"", 1, 1, 0},      {"x", 253, 253, 8}};
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.label);
+        SCOPED_TRACE(c.name + " " + std::to_string(c.sent));
+        const std::string got_name = c.name.substr(0, 31);
         std::array<int, 300> fds;
         fds.fill(ends[0]);
         char data[] = "12345678";
         ctlmsg out = {"", fds.data(), c.sent, data, 8};
         c.name.copy(out.name, sizeof out.name);
-        EXPECT_EQ(send_ctlmsg(ends[0], &out), static_cast<ssize_t>(c.got_name.size() + 9));
+        EXPECT_EQ(send_ctlmsg(ends[0], &out), static_cast<ssize_t>(got_name.size() + 9));
         char received[8] = "";
         ctlmsg in_message = {"", fds.data(), c.room, received, c.data_room};
         EXPECT_GT(recv_ctlmsg(ends[1], &in_message), 0);
-        EXPECT_EQ(in_message.name, c.got_name);
+        EXPECT_EQ(in_message.name, got_name);
         EXPECT_EQ(std::string(received, in_message.datalen), std::string(data, c.data_room));
         ASSERT_EQ(in_message.nfds, std::min(c.sent, c.room));
         for (uint32_t i = 0; i < in_message.nfds; ++i) {

@@ -6,18 +6,13 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <numeric>
-#include <poll.h>
 #include <set>
 #include <sstream>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -28,42 +23,24 @@
     result __real_##name(__VA_ARGS__); \
     result __wrap_##name(__VA_ARGS__)
 // A wrapper that only can fail.
-#define FAILING(kind, error, failed, result, name, parameters, arguments) \
-    result __real_##name parameters;                                      \
-    result __wrap_##name parameters                                       \
-    {                                                                     \
-        return fails(kind, error) ? failed : __real_##name arguments;     \
+#define FAILING(kind, error, failed, result, name, parameters, call) \
+    result __real_##name parameters;                                 \
+    result __wrap_##name parameters                                  \
+    {                                                                \
+        return fails(kind, error) ? failed : call;                   \
     }
 
 namespace support {
-
-int64_t now_us;
-bool real_time;
-std::function<void()> on_idle;
-std::vector<int> poll_timeouts;
-std::string device_root;
-std::vector<std::string> device_prefixes;
-int sync_count;
-bool record_io;
-std::vector<std::string> device_io;
-
 namespace {
-
-constexpr int64_t start_us = 1000000LL * 1000000;
-constexpr int most_failures = 5000;
 
 struct {
     unsigned kinds;
     int left;
-    bool and_later;
-    bool torn;
-    bool happened;
+    bool and_later, torn, happened;
 } failing;
-
-bool capturing;
 std::set<int> flash_fds;
-bool counting_blocks;
-std::set<const void *> blocks;
+std::set<const void *> blocks; // allocated since counting began
+bool counting;
 
 bool fails(calls kind, int error)
 {
@@ -76,32 +53,27 @@ bool fails(calls kind, int error)
 
 void *counted(void *block)
 {
-    if (counting_blocks && block)
+    if (counting && block)
         blocks.insert(block);
     return block;
 }
 
 void *uncounted(void *block)
 {
-    if (counting_blocks)
+    if (counting)
         blocks.erase(block);
     return block;
 }
 
-bool is_device_path(std::string_view path)
-{
-    return !device_root.empty() &&
-           std::any_of(device_prefixes.begin(), device_prefixes.end(),
-                       [path](const std::string &prefix) { return path.starts_with(prefix); });
-}
-
 std::string redirected(std::string_view path)
 {
-    return is_device_path(path) ? device_path(path) : std::string(path);
+    const auto leads = [path](const std::string &prefix) { return path.starts_with(prefix); };
+    const bool ours =
+        !device_root.empty() && std::any_of(device_prefixes.begin(), device_prefixes.end(), leads);
+    return ours ? device_path(path) : std::string(path);
 }
 
 // An address as the kernel is to see it.
-#define MOVED(addr, len) redirected_address(addr, len).addr, redirected_address(addr, len).len
 struct redirected_address {
     sockaddr_un moved = {};
     const sockaddr *addr;
@@ -112,50 +84,43 @@ struct redirected_address {
         constexpr size_t path_at = offsetof(sockaddr_un, sun_path);
         if (!given || given_len <= path_at || given->sa_family != AF_UNIX)
             return;
-        const auto *un = reinterpret_cast<const sockaddr_un *>(given);
-        const std::string path(un->sun_path, strnlen(un->sun_path, given_len - path_at));
-        if (!is_device_path(path))
+        const char *path = reinterpret_cast<const sockaddr_un *>(given)->sun_path;
+        const std::string there = redirected({path, strnlen(path, given_len - path_at)});
+        if (there == path)
             return;
-        const std::string below = device_path(path).substr(0, sizeof moved.sun_path - 1);
         moved.sun_family = AF_UNIX;
-        memcpy(moved.sun_path, below.data(), below.size());
+        there.copy(moved.sun_path, sizeof moved.sun_path - 1);
         addr = reinterpret_cast<const sockaddr *>(&moved);
-        len = given_len == sizeof moved ? given_len : static_cast<socklen_t>(path_at + below.size());
+        len = given_len == sizeof moved ? given_len : static_cast<socklen_t>(path_at + there.size());
     }
 };
-
-std::string shortened(const std::string &line)
-{
-    const size_t func = line.find("(): ");
-    const size_t number = func == line.npos ? func : line.find(": ", func + 4);
-    if (!line.starts_with("  ") || number == line.npos)
-        return line;
-    return line.substr(2, func - 2) + line.substr(line.find_first_not_of("0123456789", number + 2));
-}
+#define MOVED(addr, len) redirected_address(addr, len).addr, redirected_address(addr, len).len
 
 void record(int fd, const char *what, long number)
 {
     if (record_io && flash_fds.contains(fd))
-        device_io.push_back(std::string(what) + " " + std::to_string(number));
+        device_io.push_back(what + std::to_string(number));
 }
 
 } // namespace
 
 bool run_until(const std::function<bool()> &done, int64_t ms)
 {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    const auto clock = [&now] { return now.tv_sec * 1000000LL + now.tv_usec; };
-    const int64_t end = clock() + ms * 1000;
+    const auto clock = [] {
+        timeval now;
+        gettimeofday(&now, nullptr);
+        return now.tv_sec * 1000000LL + now.tv_usec;
+    };
+    const long long end = clock() + ms * 1000;
     while (!done()) {
         const int wait = app_poll_once();
-        gettimeofday(&now, nullptr);
-        if (clock() >= end)
+        const long long now = clock();
+        if (now >= end)
             return done();
         if (real_time)
             usleep(1000);
         else if (wait != 0)
-            now_us = wait < 0 ? end : std::min<int64_t>(end, clock() + wait * 1000LL);
+            now_us = wait < 0 ? end : std::min(end, now + wait * 1000LL);
     }
     return true;
 }
@@ -163,11 +128,6 @@ bool run_until(const std::function<bool()> &done, int64_t ms)
 void run_for(int64_t ms)
 {
     run_until([] { return false; }, ms);
-}
-
-std::string device_path(std::string_view path)
-{
-    return device_root + std::string(path);
 }
 
 void write_file(std::string_view path, std::string_view text)
@@ -184,29 +144,18 @@ std::string read_file(std::string_view path)
     return text.str();
 }
 
-std::vector<std::string> captured_log::writes;
-
-captured_log::captured_log()
-{
-    clear();
-    capturing = true;
-}
-
-captured_log::~captured_log()
-{
-    capturing = false;
-}
-
-std::string captured_log::text()
-{
-    return std::accumulate(writes.begin(), writes.end(), std::string());
-}
-
 std::string captured_log::messages()
 {
-    return std::accumulate(
-        writes.begin(), writes.end(), std::string(),
-        [](const std::string &all, const std::string &line) { return all + shortened(line); });
+    std::string all;
+    for (const std::string &line : writes) {
+        const size_t func = line.find("(): ");
+        const size_t number = func == line.npos ? func : line.find(": ", func + 4);
+        const bool shaped = line.starts_with("  ") && number != line.npos;
+        all += shaped
+                   ? line.substr(2, func - 2) + line.substr(line.find_first_not_of("0123456789", number + 2))
+                   : line;
+    }
+    return all;
 }
 
 void fail_call(unsigned kinds, int k, bool and_later, bool torn)
@@ -222,24 +171,21 @@ bool end_failing()
 
 int open_descriptors()
 {
-    int count = -1; // the directory's own
-    DIR *dir = opendir("/proc/self/fd");
-    while (const dirent *entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count;
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<int>(std::distance(begin(all), end(all)));
 }
 
 int for_each_failure(unsigned kinds, const std::function<void()> &scenario)
 {
+    constexpr int most_failures = 5000;
     for (int k = 1; k <= most_failures; ++k) {
         const int descriptors = open_descriptors();
         blocks.clear();
-        counting_blocks = true;
+        counting = true;
         fail_call(kinds, k);
         scenario();
         const bool failed = end_failing();
-        counting_blocks = false;
+        counting = false;
         EXPECT_EQ(open_descriptors(), descriptors) << "after the failure of call " << k;
         EXPECT_EQ(blocks.size(), 0u) << "after the failure of call " << k;
         if (!failed || testing::Test::HasFailure())
@@ -266,7 +212,7 @@ void isolated(const std::function<void()> &body)
 
 test::test()
 {
-    now_us = start_us;
+    now_us = 1000000LL * 1000000;
     real_time = record_io = false;
     sync_count = 0;
     poll_timeouts.clear();
@@ -282,7 +228,7 @@ test::~test()
 {
     end_failing();
     on_idle = nullptr;
-    capturing = false;
+    captured_log::capturing = false;
     std::filesystem::remove_all(std::exchange(device_root, ""));
 }
 
@@ -290,28 +236,32 @@ test::~test()
 
 using namespace support;
 
+// clang-format off
 extern "C" {
 
-WRAP(void *, malloc, size_t size)
-{
-    return fails(ALLOC, ENOMEM) ? nullptr : counted(__real_malloc(size));
-}
-WRAP(void *, calloc, size_t n, size_t size)
-{
-    return fails(ALLOC, ENOMEM) ? nullptr : counted(__real_calloc(n, size));
-}
-WRAP(void *, realloc, void *old, size_t size)
-{
-    return fails(ALLOC, ENOMEM) ? nullptr : counted(__real_realloc(uncounted(old), size));
-}
-WRAP(void *, reallocarray, void *old, size_t n, size_t size)
-{
-    return fails(ALLOC, ENOMEM) ? nullptr : counted(__real_reallocarray(uncounted(old), n, size));
-}
-WRAP(void, free, void *block)
-{
-    __real_free(uncounted(block));
-}
+FAILING(ALLOC, ENOMEM, nullptr, void *, malloc, (size_t size), counted(__real_malloc(size)))
+FAILING(ALLOC, ENOMEM, nullptr, void *, calloc, (size_t n, size_t size), counted(__real_calloc(n, size)))
+FAILING(ALLOC, ENOMEM, nullptr, void *, realloc, (void *old, size_t size),
+        counted(__real_realloc(uncounted(old), size)))
+FAILING(ALLOC, ENOMEM, nullptr, void *, reallocarray, (void *old, size_t n, size_t size),
+        counted(__real_reallocarray(uncounted(old), n, size)))
+WRAP(void, free, void *block) { __real_free(uncounted(block)); }
+FAILING(SOCKET, EMFILE, -1, int, socket, (int domain, int type, int protocol), __real_socket(domain, type, protocol))
+FAILING(BIND, EADDRINUSE, -1, int, bind, (int fd, const sockaddr *addr, socklen_t len),
+        __real_bind(fd, MOVED(addr, len)))
+FAILING(CONNECT, ECONNREFUSED, -1, int, connect, (int fd, const sockaddr *addr, socklen_t len),
+        __real_connect(fd, MOVED(addr, len)))
+FAILING(SENDTO, ENOBUFS, -1, ssize_t, sendto,
+        (int fd, const void *data, size_t size, int flags, const sockaddr *addr, socklen_t len),
+        __real_sendto(fd, data, size, flags, MOVED(addr, len)))
+FAILING(LISTEN, EIO, -1, int, listen, (int fd, int backlog), __real_listen(fd, backlog))
+FAILING(SETSOCKOPT, ENOBUFS, -1, int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
+        __real_setsockopt(fd, level, name, value, size))
+FAILING(MKFIFO, EROFS, -1, int, mkfifo, (const char *path, mode_t mode), __real_mkfifo(redirected(path).c_str(), mode))
+WRAP(int, unlink, const char *path) { return __real_unlink(redirected(path).c_str()); }
+WRAP(int, access, const char *path, int mode) { return __real_access(redirected(path).c_str(), mode); }
+WRAP(void, sync, ) { ++sync_count; }
+// clang-format on
 
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...)
@@ -320,70 +270,56 @@ int __wrap_open(const char *path, int flags, ...)
     va_start(args, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
     va_end(args);
-    if (fails(OPEN, EMFILE))
-        return -1;
-    const int fd = __real_open(redirected(path).c_str(), flags, mode);
+    const int fd = fails(OPEN, EMFILE) ? -1 : __real_open(redirected(path).c_str(), flags, mode);
     flash_fds.erase(fd);
-    if (fd >= 0 && std::string_view(path).starts_with("/dev/") && is_device_path(path))
+    if (std::string_view(path).starts_with("/dev/mtdblock/"))
         flash_fds.insert(fd);
     return fd;
 }
 
 WRAP(ssize_t, read, int fd, void *buffer, size_t size)
 {
-    record(fd, "read", static_cast<long>(size));
+    record(fd, "read ", static_cast<long>(size));
     if (!fails(READ, EIO))
         return __real_read(fd, buffer, size);
     return failing.torn ? __real_read(fd, buffer, size / 2) : -1;
 }
+
 WRAP(ssize_t, write, int fd, const void *buffer, size_t size)
 {
-    if (fd == STDERR_FILENO && capturing)
+    if (fd == STDERR_FILENO && captured_log::capturing)
         captured_log::writes.emplace_back(static_cast<const char *>(buffer), size);
     if (fd == STDERR_FILENO)
-        return capturing ? static_cast<ssize_t>(size) : __real_write(fd, buffer, size);
-    record(fd, "write", static_cast<long>(size));
+        return captured_log::capturing ? static_cast<ssize_t>(size) : __real_write(fd, buffer, size);
+    record(fd, "write ", static_cast<long>(size));
     if (!fails(WRITE, EIO))
         return __real_write(fd, buffer, size);
     return failing.torn ? __real_write(fd, buffer, size / 2) : -1;
 }
+
 WRAP(off_t, lseek, int fd, off_t to, int whence)
 {
-    record(fd, "seek", to);
+    record(fd, "seek ", to);
     return fails(LSEEK, EIO) ? -1 : __real_lseek(fd, to, whence);
 }
-
-FAILING(SOCKET, EMFILE, -1, int, socket, (int domain, int type, int protocol), (domain, type, protocol))
-FAILING(BIND, EADDRINUSE, -1, int, bind, (int fd, const sockaddr *addr, socklen_t len),
-        (fd, MOVED(addr, len)))
-FAILING(CONNECT, ECONNREFUSED, -1, int, connect, (int fd, const sockaddr *addr, socklen_t len),
-        (fd, MOVED(addr, len)))
-FAILING(SENDTO, ENOBUFS, -1, ssize_t, sendto,
-        (int fd, const void *data, size_t size, int flags, const sockaddr *addr, socklen_t len),
-        (fd, data, size, flags, MOVED(addr, len)))
-FAILING(LISTEN, EIO, -1, int, listen, (int fd, int backlog), (fd, backlog))
-FAILING(SETSOCKOPT, ENOBUFS, -1, int, setsockopt,
-        (int fd, int level, int name, const void *value, socklen_t size), (fd, level, name, value, size))
-FAILING(MKFIFO, EROFS, -1, int, mkfifo, (const char *path, mode_t mode), (redirected(path).c_str(), mode))
 
 WRAP(int, poll, pollfd *fds, nfds_t count, int timeout)
 {
     poll_timeouts.push_back(timeout);
     if (fails(POLL, EINTR))
         return -1;
-    if (real_time)
-        return __real_poll(fds, count, timeout);
-    int ready = __real_poll(fds, count, 0);
-    if (ready == 0 && timeout != 0 && on_idle) {
+    int ready = __real_poll(fds, count, real_time ? timeout : 0);
+    if (ready != 0 || timeout == 0 || real_time)
+        return ready;
+    if (on_idle)
         on_idle();
-        ready = __real_poll(fds, count, 0);
-    } else if (ready == 0 && timeout < 0) {
+    else if (timeout < 0)
         abort(); // nothing could ever happen
-    }
-    if (ready == 0 && timeout > 0)
-        now_us += timeout * 1000LL;
+    ready = __real_poll(fds, count, 0);
+    now_us += ready == 0 && timeout > 0 ? timeout * 1000LL : 0;
     return ready;
 }
+
 WRAP(int, gettimeofday, timeval *now, void *zone)
 {
     if (real_time)
@@ -391,19 +327,6 @@ WRAP(int, gettimeofday, timeval *now, void *zone)
     *now = {now_us / 1000000, now_us % 1000000};
     ++now_us;
     return 0;
-}
-
-WRAP(int, unlink, const char *path)
-{
-    return __real_unlink(redirected(path).c_str());
-}
-WRAP(int, access, const char *path, int mode)
-{
-    return __real_access(redirected(path).c_str(), mode);
-}
-WRAP(void, sync, )
-{
-    ++sync_count;
 }
 
 } // extern "C"

@@ -1,63 +1,64 @@
 // What lies under the objects in a test program, by -Wl,--wrap: a virtual clock, a device's root, the log,
-// and a ledger that fails the k-th call. Calls that libc makes inside itself, and operator new, are not
-// wrapped.
-//
-// Use support::test as the fixture: it begins and ends every test with a virtual clock at 1,000,000 s, an
-// empty device root, no capture and no failure.
+// and calls that fail. Calls that libc makes inside itself, and operator new, are not wrapped. The fixture
+// support::test begins and ends every test with the clock at 1,000,000 s, an empty root, no capture and no
+// failure.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <functional>
+#include <numeric>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace support {
 
-// The virtual clock, in microseconds; each gettimeofday reads it and adds one, as time passes in a pass of
-// the loop. poll never waits: when nothing is ready it runs on_idle, then looks again, then adds the time-out
-// to the clock. A poll without end (-1) and without on_idle ends the program, since nothing could ever
-// happen.
-extern int64_t now_us;
-extern bool real_time; // poll and gettimeofday as they are
-extern std::function<void()> on_idle;
-extern std::vector<int> poll_timeouts; // of all polls since the test began
+// The virtual clock, in microseconds; each gettimeofday adds one, as time passes in a pass of the loop. poll
+// never waits: when nothing is ready it runs on_idle, looks again, then adds the time-out to the clock.
+// Without on_idle a poll without end aborts, since nothing could ever happen.
+inline int64_t now_us;
+inline bool real_time; // poll and gettimeofday as they are
+inline std::function<void()> on_idle;
+inline std::vector<int> poll_timeouts; // of all polls since the test began
 
-// Passes of the loop, with the clock going from timer to timer, until done() or ms of its time have passed;
-// the last value of done(). In real time it waits 1 ms between the passes.
+// Passes of the loop, with the clock going from timer to timer, until done() or ms have passed; the last
+// done(). In real time it waits 1 ms between the passes.
 bool run_until(const std::function<bool()> &done, int64_t ms);
 void run_for(int64_t ms);
 
 // The device's files: a path that begins with one of device_prefixes is taken below device_root by open,
 // unlink, mkfifo, access and by bind, connect and sendto of Unix sockets. No other path is touched.
-extern std::vector<std::string> device_prefixes;
-extern std::string device_root; // a temporary directory, made and removed by the fixture
-std::string device_path(std::string_view path);
+inline std::vector<std::string> device_prefixes;
+inline std::string device_root; // a temporary directory, made and removed by the fixture
+inline std::string device_path(std::string_view path)
+{
+    return device_root + std::string(path);
+}
 void write_file(std::string_view path, std::string_view text); // a path of the device
 std::string read_file(std::string_view path);
-extern int sync_count; // sync only counts
-// While record_io: "seek 0", "read 212", "write 4096" of the descriptors that were opened in a /dev of the
-// device.
-extern bool record_io;
-extern std::vector<std::string> device_io;
+inline int sync_count; // sync only counts
+// While record_io: "seek 0", "read 212", "write 4096" of the descriptors that were opened in the device's
+// /dev.
+inline bool record_io;
+inline std::vector<std::string> device_io;
 
 // Keeps what is written to standard error, one string a write, from its beginning to its end.
 struct captured_log {
-    captured_log();
-    ~captured_log();
-    static std::vector<std::string> writes;
-    static std::string text();     // all of it
+    captured_log() { clear(), capturing = true; }
+    ~captured_log() { capturing = false; }
+    static std::string text() { return std::accumulate(writes.begin(), writes.end(), std::string()); }
     static std::string messages(); // the same, "  func(): module: 12: text" shortened to "func: text"
     static bool has(std::string_view part) { return text().find(part) != std::string::npos; }
     static void clear() { writes.clear(); }
+    static inline std::vector<std::string> writes;
+    static inline bool capturing;
 };
 
-// Kinds of calls that can fail. ALLOC is malloc, calloc, realloc and reallocarray; writes to standard error
-// do not count as WRITE.
+// Kinds of calls that can fail; a write to standard error never does.
 enum calls : unsigned {
-    ALLOC = 1,
+    ALLOC = 1, // malloc, calloc, realloc, reallocarray
     OPEN = 2,
     READ = 4,
     WRITE = 8,
@@ -72,9 +73,8 @@ enum calls : unsigned {
     MKFIFO = 4096
 };
 
-// From here on the k-th (from 1) call of these kinds fails with ENOMEM, EIO, EMFILE ... as fits the call, and
-// with and_later every one after it. With torn a failing read or write does half of its work and says so
-// instead.
+// From here on the k-th (from 1) call of these kinds fails, with and_later every one after it too. With torn
+// a failing read or write does half of its work and says so.
 void fail_call(unsigned kinds, int k, bool and_later = false, bool torn = false);
 bool end_failing(); // true when a call was failed; nothing fails from here on
 
@@ -88,8 +88,7 @@ int open_descriptors();
 // count.
 void isolated(const std::function<void()> &body);
 
-class test : public testing::Test {
-  protected:
+struct test : testing::Test {
     test();
     ~test() override;
 };

@@ -39,8 +39,8 @@ std::vector<std::vector<std::string>> rows(std::string_view text)
 static void free_records(syscfg_var *var)
 {
     while (var) {
-        drop_value(var);
         EXPECT_EQ(var->waiters, nullptr);
+        drop_value(var);
         for (char **name = var->type == VAR_ALIAS || var->type == VAR_CHOICE ? var->list : nullptr;
              name && *name;)
             free(*name++);
@@ -117,17 +117,9 @@ void write_flash(std::string_view device, const std::vector<flash_entry> &table,
     support::write_file(device, image);
 }
 
-void write_blob(std::string_view device, const std::string &name, const std::string &text)
-{
-    const auto length = static_cast<uint32_t>(text.size());
-    const bool first = name == "hwinfo";
-    write_flash(device, {{"hwinfo", 512, first ? length : 0}, {"syscfg", 65536, first ? 0 : length}},
-                {{first ? 256 : 768, text}});
-}
-
 syscfg_test::syscfg_test()
 {
     reported.clear();
-    write_blob(flash5, "syscfg", "");
-    write_blob(flash6, "hwinfo", "");
+    for (const char *device : {flash5, flash6})
+        write_flash(device, {{"hwinfo", 512, 0}, {"syscfg", 65536, 0}});
 }

@@ -17,9 +17,9 @@ std::vector<std::vector<std::string>> rows(std::string_view text);
 void free_database(syscfg *db);
 using database = std::unique_ptr<syscfg, void (*)(syscfg *)>;
 
-// With the lines of definition declared and the tables built.
+// With the lines of definition declared and the tables built; or started as the daemon does, null when that
+// fails.
 database declare(std::string_view definition);
-// The same started as the daemon does; null when that fails.
 database start(std::string_view definition);
 // "NAME=value/flags " of every variable.
 std::string show(const syscfg *db);
@@ -33,12 +33,9 @@ struct flash_entry {
 // A device with that table (its digest right) and these texts at their offsets.
 void write_flash(std::string_view device, const std::vector<flash_entry> &table,
                  const std::map<size_t, std::string> &texts = {}, size_t size = 128 << 10);
-// A default device that holds text as what name stands for.
-void write_blob(std::string_view device, const std::string &name, const std::string &text);
 constexpr char flash5[] = "/dev/mtdblock/5";
 constexpr char flash6[] = "/dev/mtdblock/6";
 
-class syscfg_test : public support::test {
-  protected:
+struct syscfg_test : support::test {
     syscfg_test();
 };

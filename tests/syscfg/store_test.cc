@@ -10,6 +10,12 @@ using support::captured_log;
 using support::read_file;
 using support::write_file;
 
+void put(const char *device, const std::string &text)
+{
+    const char *name = device == flash6 ? "hwinfo" : "syscfg";
+    EXPECT_GT(writeregistry(device, name, text.data(), static_cast<int>(text.size()), 0), 0);
+}
+
 std::string saved()
 {
     return read_file(flash5).substr(768, strlen(read_file(flash5).c_str() + 768));
@@ -53,14 +59,14 @@ constexpr char definition[] =
 
 TEST_F(syscfg_test, each_source_loads_over_the_one_before_except_what_is_read_only)
 {
-    write_blob(flash6, "hwinfo", "VENID=acme\nNEW=1\nHW=x\nlost=1");
-    write_blob(flash5, "syscfg", "I=\"7\"\nP=\"saved\"\nVENID=\"evil\"\nC=saved\nI=seven\nlost=1");
+    const captured_log log;
+    put(flash6, "VENID=acme\nNEW=1\nHW=x\nlost=1");
+    put(flash5, "I=\"7\"\nP=\"saved\"\nVENID=\"evil\"\nC=saved\nI=seven\nlost=1");
     write_file("/usr/etc/syscfg.constant", "C=const\nCH=b\nS=k\n");
     write_file("/usr/etc/syscfg.constant.acme", "M=001122334455\nHW=y\n");
     write_file("/usr/etc/syscfg.default",
                "C=other\nCH=C\nP=\"d e\" x\nbad line\n\nNONE=1\nI=1\nS=too long!\n");
     write_file("/usr/etc/syscfg.default.acme", "P=vendor\nM=000000000000\n");
-    const captured_log log;
     const database db = start(definition);
     ASSERT_TRUE(db);
     EXPECT_EQ(
@@ -158,7 +164,7 @@ TEST_F(syscfg_test, a_text_too_long_is_not_saved)
 TEST_F(syscfg_test, a_failing_call_at_start_save_and_load_leaves_nothing_behind)
 {
     const captured_log log;
-    write_blob(flash6, "hwinfo", "VENID=acme\nNEW=1\n");
+    put(flash6, "VENID=acme\nNEW=1\n");
     write_file("/usr/etc/syscfg.constant", "C=const\n");
     write_file("/usr/etc/syscfg.default", "P=1\nI=1\nS=x\n");
     write_file("/etc/b", "B choice x,y\n");

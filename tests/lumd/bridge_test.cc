@@ -1,0 +1,149 @@
+#include "tests/lumd/fixture.h"
+
+#include "app/app.h"
+#include "lumd/control.h"
+#include "lumd/time_zone.h"
+
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+struct bridge : lumd_test {};
+
+TEST_F(bridge, names_of_values)
+{
+    load("service a");
+    play("start a > start a");
+    const std::string longest(255, 'N');
+    variables = {{"TZ", "+8"}, {"A:B", "ab"}, {"", "nameless"}, {"HOME", "here"}, {longest, "long"}};
+    for (const auto &[name, value, logged] :
+         table("TZ => +8\nsyscfg:TZ => +8\nsyscfg:A:B => ab\nsyscfg: => nameless\n"
+               "tz\nSyscfg:TZ =>  => FAILED: \n:TZ =>  => FAILED: \n"
+               "env:HOME =>  => CHECKPOINT: \nfoo:TZ =>  => FAILED: \n" +
+               longest + "M => long")) {
+        log.clear();
+        const char *found = svcent_getSyscfg(slot("a")->svcent, name.c_str());
+        EXPECT_EQ(found ? found : "", value) << name;
+        EXPECT_EQ(log.text().find(logged), logged.empty() ? 0u : 2u) << name;
+    }
+}
+
+TEST_F(bridge, time_zones)
+{
+    const std::string zeros(127, '0'); // fill a zone
+    const time_t epoch = 0;
+    for (const auto &[value, zone, east] :
+         table("+8 => STD-8 => 480\n-3:30 => STD+3:30 => -210\nUTC => UTC => 0\n"
+               "CST+8 => CST-8 => 480\nGMT-2 => GMT+2 => -120\nA+1-2 => A-1-2\n"
+               "B-1+2 => B-1-2\n+" +
+               zeros + " => STD-" + zeros + "\n+0" + zeros)) {
+        unsetenv("TZ");
+        EXPECT_EQ(init_tz(value.c_str()), 0);
+        EXPECT_EQ(getenv("TZ") ? getenv("TZ") : "", zone) << value;
+        EXPECT_TRUE(east.empty() || localtime(&epoch)->tm_gmtoff == stoi(east) * 60) << value;
+    }
+    unsetenv("TZ");
+    init_tz("");
+    EXPECT_EQ(getenv("TZ"), nullptr);
+    setenv("TZ", "STD+5", 1);
+    init_tz("+8");
+    EXPECT_STREQ(getenv("TZ"), "STD+5");
+    unsetenv("TZ");
+}
+
+struct control : lumd_test {
+    void write_fifo(std::string_view text)
+    {
+        const int fd = open(support::device_path("/tmp/svcctl").c_str(), O_WRONLY | O_NONBLOCK);
+        EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        close(fd);
+        log.clear();
+        app_poll_once();
+    }
+};
+
+TEST_F(control, requests)
+{
+    load("service a;exec fake eager;service b;exec fake eager;service ped;exec fake eager;service two words");
+    ASSERT_EQ(open_control_fifo(manager), 0);
+    const std::string cut =
+        "start b" + std::string(244, ' ') + "\nstart ped\n"; // a read ends in its second line
+    const std::string rows[] = {"start b a\n",
+                                "start b, start a",
+                                "  \tstop   a\n",
+                                "stop a, release a",
+                                "startped\n",
+                                "start ped",
+                                "stopped\n",
+                                "stop ped, release ped",
+                                "start a\nstop b",
+                                "start a, stop b, release b",
+                                "start nobody b\n\n\r\nstop\nstart \n",
+                                "start b",
+                                "restart a\nSTOP a\nstar a\nstart two words\n",
+                                "",
+                                "start\tb\r\nstop a\vb\r\n",
+                                "stop a, release a, stop b, release b",
+                                {"start a\0start b\n", 16},
+                                "start a",
+                                cut,
+                                "start b"};
+    for (const std::string *row = rows; row != std::end(rows); row += 2) {
+        write_fifo(row[0]);
+        EXPECT_EQ(trace(), row[1]) << row[0];
+        EXPECT_EQ(log.text().find("  lumd_recvCallback(): lumd: "), 0u);
+        app_poll_once();
+        EXPECT_EQ(trace(), "");
+    }
+    log.clear();
+    app_poll_once(); // the daemon's own writer keeps the FIFO from ending
+    EXPECT_EQ(log.text(), "");
+    app_remove_ctx(manager);
+}
+
+// Only a directory, which may hold somebody's files, keeps the daemon from its FIFO.
+TEST_F(control, what_stands_in_the_place_of_the_fifo)
+{
+    const std::string path = support::device_path("/tmp/svcctl"), other = path + "2";
+    const std::pair<const char *, std::function<void()>> rows[] = {
+        {"nothing", [] {}},
+        {"another FIFO", [&] { mkfifo(path.c_str(), 0600); }},
+        {"a file", [] { support::write_file("/tmp/svcctl", "start a\n"); }},
+        {"a link to nothing", [&] { std::filesystem::create_symlink(other, path); }},
+        {"a link to a FIFO",
+         [&] { mkfifo(other.c_str(), 0600), std::filesystem::create_symlink(other, path); }},
+        {"a socket",
+         [&] {
+             sockaddr_un address = {AF_UNIX, {}};
+             path.copy(address.sun_path, sizeof address.sun_path - 1);
+             const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+             bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+             close(fd);
+         }},
+        {"a directory", [&] { std::filesystem::create_directory(path); }}};
+    for (const auto &[name, put] : rows) {
+        SCOPED_TRACE(name);
+        load("service a");
+        std::filesystem::remove(path);
+        put();
+        const int before = support::open_descriptors();
+        const bool replaced = std::string_view(name) != "a directory";
+        EXPECT_EQ(open_control_fifo(manager), replaced ? 0 : -1);
+        EXPECT_EQ(support::open_descriptors(), before + (replaced ? 2 : 0));
+        EXPECT_EQ(std::filesystem::is_fifo(std::filesystem::symlink_status(path)), replaced);
+        if (replaced && !HasFailure()) {
+            write_fifo("start a\n");
+            EXPECT_EQ(trace(), "start a");
+            end_services();
+        }
+        app_remove_ctx(manager);
+    }
+}
+
+} // namespace

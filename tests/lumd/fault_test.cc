@@ -1,0 +1,87 @@
+#include "tests/lumd/fixture.h"
+
+#include "app/app.h"
+
+#include <algorithm>
+#include <csignal>
+#include <sys/wait.h>
+
+namespace {
+
+struct faults : lumd_test {};
+
+// Every failing call of the start-up is told; the database keeps its socket as long as the process lives, and
+// the FIFO has two descriptors.
+TEST_F(faults, of_the_start_up)
+{
+    support::write_file("/etc/syscfg.def", "A string\nB choice x,y\nx alias z\n%include /etc/more.def\n");
+    support::write_file("/etc/more.def", "C integer\n");
+    support::write_file("/usr/etc/syscfg.constant", "C=3\n");
+    support::write_file("/usr/etc/syscfg.default", "A=1\nB=x\n");
+    support::write_file("/dev/mtdblock/5", std::string(131072, '\0'));
+    support::write_file("/dev/mtdblock/6", std::string(8192, '\0'));
+    support::write_file("/etc/svc.conf",
+                        "service a\nexec sleep 99\nstop -kill 9\ndepends A=1 b\nsyscfg A* B\nservice b\n");
+    for (const unsigned kind : {support::ALLOC, support::OPEN, support::SOCKET, support::BIND}) {
+        int status = 1 << 8;
+        for (int k = 1; status == 1 << 8 && k < 1000; ++k) { // until no call was left to fail
+            const pid_t child = fork();
+            if (child == 0) {
+                const int before = support::open_descriptors();
+                support::fail_call(kind, k);
+                lumd *fresh = lumd_create();
+                const int result = fresh ? lumd_init(fresh, "/etc/svc.conf") : -1;
+                const bool failed = support::end_failing();
+                const bool told = log.has("FAILED") || log.has("SYSERROR") || log.has("failed to") ||
+                                  log.has("cannot ") || log.has("invalid ");
+                EXPECT_TRUE(failed ? told : result == 0) << "call " << k << " of kind " << kind << log.text();
+                EXPECT_LE(support::open_descriptors(), before + (result < 0 ? 1 : 3)) << k << " of " << kind;
+                _exit(HasFailure() ? 2 : failed);
+            }
+            waitpid(child, &status, 0);
+        }
+        EXPECT_EQ(status, 0);
+    }
+}
+
+// Two services start, die, wait for their restart and are released.
+TEST_F(faults, of_a_start)
+{
+    const auto round = [this] {
+        log.clear();
+        step("start b");
+        for (int i = 0; i < 5; ++i)
+            app_poll_once();
+        for (const char *name : {"a", "b"}) {
+            if (process(name) && process(name)->pid > 0)
+                kill(process(name)->pid, SIGKILL);
+        }
+        EXPECT_TRUE(eventually(no_child_left));
+        for (int i = 0; i < 5; ++i)
+            app_poll_once();
+        end_services();
+        timer_free(std::exchange(app_scheduler.timer, nullptr)); // which round makes it is of no matter
+    };
+    load("service a;exec sleep 99;service b;exec sleep 99;depends a");
+    round();
+    EXPECT_GE(support::for_each_failure(support::ALLOC, round), 8); // entry, name, notice, restart of each
+    failing_vfork = 1;
+    play("start a / log SYSERROR: proc_svcent_start(): proc_se:  / log FAILED: lumd_do_start() / state a 0");
+    EXPECT_EQ(app_scheduler.head, nullptr);
+    play("start a / runs a");
+}
+
+// Without the pipe services start all the same, and none of their ends is lost once there is one.
+TEST_F(faults, of_the_pipe)
+{
+    if (notice_end() >= 0)
+        GTEST_SKIP() << "there is a pipe already: run this test alone";
+    load("service a;exec sleep 99;service b;exec sleep 99");
+    failing_pipe2 = 1;
+    play("start a / log FAILED: proc_svcent_signal_init() / runs a / kill a 9 / log FAILED: sig_handler() / "
+         "start "
+         "b / runs b / "
+         "kill b 9 / back a / runs b");
+}
+
+} // namespace

@@ -1,0 +1,58 @@
+// A service manager over configuration text, with variables and service kinds that the test plays itself.
+//
+// A service without an exec line, or with "exec fake WORD", is a fake: its operations go into the trace, and
+// the test reports its starts and ends. "eager" reports its start from inside it, "fails" refuses to start,
+// "stubborn" does not stop, "missing" cannot be created. All else is a process.
+#pragma once
+
+#include "lumd/lumd.h"
+#include "lumd/proc_se.h"
+#include "tests/support/support.h"
+
+#include <array>
+#include <map>
+#include <string>
+#include <vector>
+
+extern std::map<std::string, std::string> variables;
+extern std::map<std::string, int> start_calls, stop_calls; // of fakes, also those that changed nothing
+extern int fakes_alive;
+extern int failing_pipe2, failing_vfork; // the k-th call from now fails; 0: none
+extern bool old_kernel;                  // there is no close_range
+
+struct lumd_test : support::test {
+    lumd_test();
+    ~lumd_test() override;
+
+    // Reads configuration text, in which ";^$" stand for line end, tab and carriage return, into a new
+    // manager; the last index. load also makes it as lumd_init leaves it, but without control FIFO and with
+    // the test's variables.
+    int parse(std::string conf);
+    void load(const std::string &conf);
+
+    // Plays steps such as "start a > start b, start a / up b": each with what it adds to the trace.
+    void play(const std::string &script);
+    void step(const std::string &text);
+    // The same for each line "what it shows => services => steps".
+    void play_all(std::string_view scripts);
+
+    service_info *slot(std::string_view name) const;
+    proc_svcent *process(std::string_view name) const; // null for a fake and without an entry
+    void apply(std::string_view assignments) const;    // "A=1 B=2"
+    void end_services();                               // without trace; expects that nothing of them is left
+    static std::string trace();                        // the operations since the last call
+
+    lumd *manager = nullptr;
+    support::captured_log log;
+};
+
+// The cells of the lines of a table, "a => b => c"; three, padded with empty ones. A line that begins with a
+// blank goes on where the one before ended.
+std::vector<std::array<std::string, 3>> table(std::string_view text);
+
+// Passes of the loop in real time, at a virtual clock that stands still, until done; false after ten seconds.
+bool eventually(const std::function<bool()> &done);
+bool no_child_left();
+
+// The end of the SIGCHLD pipe that the handler writes to, -1 before there is one.
+int notice_end();

@@ -326,7 +326,7 @@ TEST_F(app_test, what_a_callback_removes_is_not_called_and_what_it_adds_only_aft
     for (const auto &[first, calls] : cases) {
         for (act *each : {&a, &b, &c})
             add(*each, ready);
-        a.then = [&] { std::exchange(a.then, nullptr), first(); };
+        a.then = [this, &change = first] { std::exchange(a.then, nullptr), change(); };
         EXPECT_EQ(passes(2), calls);
         remove_all();
     }

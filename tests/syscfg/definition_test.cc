@@ -2,8 +2,6 @@
 
 namespace {
 
-using support::captured_log;
-
 // "NAME type flags size spec; " of every variable; a choice's spec is its list and its value.
 std::string declared(const syscfg *db)
 {
@@ -22,7 +20,7 @@ std::string declared(const syscfg *db)
 
 TEST_F(syscfg_test, declarations)
 {
-    support::write_file("/etc/b.def", "B bool\n");
+    write_file("/etc/b.def", "B bool\n");
     for (const auto &row : rows(R"(
         FOO string(32)  [a-z0-9-]*  | FOO string 0 32 [a-z0-9-]*;  |
         FOO string (32)             | FOO string 0 0 (32);         |
@@ -51,18 +49,11 @@ TEST_F(syscfg_test, declarations)
         A bool\n %include  /etc/b.def  \n | B bool 0; A bool 0;    |
         %include /etc/none\nA bool  | A bool 0;                    | parse_definition: cannot open: /etc/none\n
         A url\nB domain\nC sn\nD ip | D ip 0; C sn 0; B domain 0; A url 0; |)")) {
-        const captured_log log;
+        log.clear();
         const database db = declare(row[0] + "\n");
         EXPECT_EQ(declared(db.get()), row[1]) << row[0];
         EXPECT_EQ(log.messages(), row[2]) << row[0];
     }
-}
-
-TEST_F(syscfg_test, a_line_of_more_than_255_characters_is_two)
-{
-    const captured_log log;
-    const database db = declare("A string " + std::string(246, 'x') + "B bool\n");
-    EXPECT_EQ(declared(db.get()), "B bool 0; A string 0 0 " + std::string(246, 'x') + ";");
 }
 
 TEST_F(syscfg_test, includes_end)
@@ -70,13 +61,12 @@ TEST_F(syscfg_test, includes_end)
     std::string many, lines(70000, '\n');
     for (int i = 0; i < 300; ++i) {
         const std::string path = "/etc/" + std::to_string(i);
-        support::write_file(path,
-                            "V" + std::to_string(i) + " bool\n%include /etc/" + std::to_string(i + 1) + "\n");
-        support::write_file(path + "x", "V" + std::to_string(i) + " bool\n");
+        write_file(path, "V" + std::to_string(i) + " bool\n%include /etc/" + std::to_string(i + 1) + "\n");
+        write_file(path + "x", "V" + std::to_string(i) + " bool\n");
         many += "%include " + path + "x\n";
     }
-    support::write_file("/etc/a", "A bool\n%include /etc/b\nC bool\n");
-    support::write_file("/etc/b", "B bool\n%include /etc/a\n%include /etc/syscfg.def\n");
+    write_file("/etc/a", "A bool\n%include /etc/b\nC bool\n");
+    write_file("/etc/b", "B bool\n%include /etc/a\n%include /etc/syscfg.def\n");
     const struct {
         std::string text;
         int count;
@@ -88,35 +78,28 @@ TEST_F(syscfg_test, includes_end)
         {"%include /etc/0\nZ bool\n", 16, "not included, nested too deep: /etc/15\n"},
         {many + "Z bool\n", 256, "not included, too many files: /etc/299x\n"},
         {"A bool\n" + lines + "Z bool\n", 1, "too many lines, the rest is ignored\n"},
+        {"A string " + std::string(246, 'x') + "B bool\n", 2, ""}, // a line ends at 255 characters
     };
     for (const auto &c : cases) {
-        const captured_log log;
+        log.clear();
         const database db = declare(c.text);
         EXPECT_EQ(db->count, c.count) << c.message;
         EXPECT_TRUE(log.has(c.message)) << log.text();
     }
 }
 
-TEST_F(syscfg_test, hash_of_a_name)
-{
-    EXPECT_EQ(syscfg_hash(""), 0u);
-    EXPECT_EQ(syscfg_hash("a"), 17138u);
-    EXPECT_EQ(syscfg_hash("LAN_IPADDR"), 3062721753u);
-    EXPECT_EQ(syscfg_hash("\xff"), 4294967109u);
-    EXPECT_EQ(syscfg_hash("\x80z"), 4294740069u);
-}
-
 TEST_F(syscfg_test, variables_are_found_by_their_names_and_aliases)
 {
+    const std::pair<const char *, uint32_t> hashes[] = {
+        {"", 0}, {"a", 17138}, {"LAN_IPADDR", 3062721753}, {"\xff", 4294967109}, {"\x80z", 4294740069}};
+    for (const auto &[name, hash] : hashes)
+        EXPECT_EQ(syscfg_hash(name), hash);
     std::string text = "X string\nX alias a, b\nb alias c\nnone alias d\n";
     for (int i = 0; i < 500; ++i)
         text += "NAME" + std::to_string(i) + " integer\n";
     const database db = declare(text);
-    for (int i = 0; i < 500; ++i) {
-        const syscfg_var *var = find_var(db.get(), "NAME" + std::to_string(i));
-        ASSERT_TRUE(var);
-        EXPECT_EQ(var->name, "NAME" + std::to_string(i));
-    }
+    for (int i = 0; i < 500; ++i)
+        ASSERT_EQ(find_var(db.get(), "NAME" + std::to_string(i))->name, "NAME" + std::to_string(i));
     for (const char *name : {"X", "a", "b"})
         EXPECT_STREQ(find_var(db.get(), name)->name, "X");
     for (const char *name : {"c", "d", "none", "x", "NAME", "NAME500", ""})
@@ -124,11 +107,10 @@ TEST_F(syscfg_test, variables_are_found_by_their_names_and_aliases)
     free(std::exchange(db->var_tbl, nullptr)); // as before the tables are built
     EXPECT_STREQ(find_var(db.get(), "a")->name, "X");
     EXPECT_EQ(find_var(db.get(), "Y"), nullptr);
-    support::fail_call(support::ALLOC, 1, true);
-    captured_log log;
+    fail_call(ALLOC, 1, true);
     build_var_tbl(db.get());
     build_alias_tbl(db.get());
-    support::end_failing();
+    end_failing();
     EXPECT_EQ(log.messages(), "SYSERROR: build_var_tbl: Cannot allocate memory\n"
                               "SYSERROR: build_alias_tbl: Cannot allocate memory\n");
     EXPECT_STREQ(find_var(db.get(), "NAME3")->name, "NAME3");

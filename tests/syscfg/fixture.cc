@@ -20,18 +20,17 @@ void cfgdb_processSyscfgChange(cfgdb *, const char *const *names, int count)
 std::vector<std::vector<std::string>> rows(std::string_view text)
 {
     std::vector<std::vector<std::string>> result;
-    for (std::string_view line; !text.empty();) {
-        line = cut_until(text, '\n');
-        std::vector<std::string> columns;
-        for (bool more = !skip_space(line).empty(); more;) {
+    while (!text.empty()) {
+        std::string_view line = skip_space(cut_until(text, '\n'));
+        if (line.empty())
+            continue;
+        result.emplace_back();
+        for (bool more = true; more;) {
             more = line.find('|') != line.npos;
-            std::string column(trim_end(skip_space(cut_until(line, '|'))));
+            std::string &column = result.back().emplace_back(trim_end(skip_space(cut_until(line, '|'))));
             for (size_t at; (at = column.find("\\n")) != column.npos;)
                 column.replace(at, 2, "\n");
-            columns.push_back(column);
         }
-        if (!columns.empty())
-            result.push_back(columns);
     }
     return result;
 }
@@ -65,7 +64,7 @@ void free_database(syscfg *db)
 
 database declare(std::string_view definition)
 {
-    support::write_file("/etc/syscfg.def", definition);
+    write_file("/etc/syscfg.def", definition);
     database db(create_syscfg(nullptr), free_database);
     char line[256];
     EXPECT_EQ(parse_definition(db.get(), "/etc/syscfg.def", line, sizeof line), 0);
@@ -76,7 +75,7 @@ database declare(std::string_view definition)
 
 database start(std::string_view definition)
 {
-    support::write_file("/etc/syscfg.def", definition);
+    write_file("/etc/syscfg.def", definition);
     database db(create_syscfg(nullptr), free_database);
     if (db && db->ops->init(db.get()) < 0)
         db.reset();
@@ -114,7 +113,7 @@ void write_flash(std::string_view device, const std::vector<flash_entry> &table,
     MD5Final(reinterpret_cast<uint8_t *>(&image[4]), &context);
     for (const auto &[at, text] : texts)
         image.replace(at, text.size(), text);
-    support::write_file(device, image);
+    write_file(device, image);
 }
 
 syscfg_test::syscfg_test()

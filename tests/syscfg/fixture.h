@@ -8,6 +8,8 @@
 #include <map>
 #include <memory>
 
+using namespace support;
+
 // What the service manager was told, "A B;" for one report of two names.
 extern std::string reported;
 
@@ -36,6 +38,7 @@ void write_flash(std::string_view device, const std::vector<flash_entry> &table,
 constexpr char flash5[] = "/dev/mtdblock/5";
 constexpr char flash6[] = "/dev/mtdblock/6";
 
-struct syscfg_test : support::test {
+struct syscfg_test : test {
     syscfg_test();
+    captured_log log;
 };

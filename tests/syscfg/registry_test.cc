@@ -3,8 +3,6 @@
 
 namespace {
 
-using namespace support;
-
 std::string read_blob(const std::string &name, int size = 100000)
 {
     std::string text(100000, '\0');
@@ -17,11 +15,7 @@ int write_blob(const std::string &text, const char *name = "syscfg")
     return registry_write(name, text.data(), static_cast<int>(text.size()));
 }
 
-struct registry_test : syscfg_test {
-    captured_log log;
-};
-
-TEST_F(registry_test, the_first_write_lays_out_the_device)
+TEST_F(syscfg_test, the_first_write_lays_out_the_device)
 {
     std::string image(128 << 10, '\xff');
     write_file(flash5, image);
@@ -38,7 +32,7 @@ TEST_F(registry_test, the_first_write_lays_out_the_device)
     EXPECT_EQ(read_blob("syscfg") + read_blob("syscfg", 2) + read_blob("hwinfo"), "hellohe");
 }
 
-TEST_F(registry_test, only_the_blocks_of_the_header_and_the_blob_are_written)
+TEST_F(syscfg_test, only_the_blocks_of_the_header_and_the_blob_are_written)
 {
     const struct {
         size_t length;
@@ -66,7 +60,7 @@ TEST_F(registry_test, only_the_blocks_of_the_header_and_the_blob_are_written)
     }
 }
 
-TEST_F(registry_test, failures_are_told)
+TEST_F(syscfg_test, failures_are_told)
 {
     write_flash(flash5, {{"hwinfo", 8000, 0}, {"far", 8192, 8000}, {"near", 100, 0}});
     const std::string before = read_file(flash5), data(8000, 'x');
@@ -107,7 +101,7 @@ TEST_F(registry_test, failures_are_told)
 }
 
 // The digest is right: whoever wrote these tables meant them.
-TEST_F(registry_test, absurd_tables_fail_and_nothing_is_written)
+TEST_F(syscfg_test, absurd_tables_fail_and_nothing_is_written)
 {
     constexpr uint32_t huge = 0xFFFFFFFF, top = 0x7FFFFFFF;
     const struct {
@@ -140,7 +134,7 @@ TEST_F(registry_test, absurd_tables_fail_and_nothing_is_written)
 }
 
 // What is on the device is always the new image up to the block that was cut, and the old one from there.
-TEST_F(registry_test, power_lost_in_a_write_leaves_the_blocks_before)
+TEST_F(syscfg_test, power_lost_in_a_write_leaves_the_blocks_before)
 {
     for (const uint32_t first : {512u, 8000u}) {
         const std::string new_text(10000, 'n');

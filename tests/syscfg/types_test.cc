@@ -2,8 +2,6 @@
 
 namespace {
 
-using support::captured_log;
-
 // "left = right" with the blanks around "=" gone.
 std::pair<std::string, std::string> halves(const std::string &text, const std::string &mark)
 {
@@ -38,7 +36,6 @@ TEST_F(syscfg_test, setters)
         sn           | > A B  C = ABC * | ABC > ABC = ABC * | ABC > = *)")) {
         for (size_t i = 1; i < row.size(); ++i) {
             SCOPED_TRACE(row[0] + ": " + row[i]);
-            const captured_log log;
             const auto [texts, after] = halves(row[i], "=");
             const auto [old, text] = halves(texts, ">");
             const database db = declare("V " + row[0] + "\non alias yes\n");
@@ -61,7 +58,7 @@ TEST_F(syscfg_test, setters_log_what_goes)
     const database db = declare("S string\nI integer\n");
     set(db.get(), "S", "old");
     set(db.get(), "I", "0x10");
-    const captured_log log;
+    log.clear();
     set(db.get(), "S", "");
     set(db.get(), "I", "17");
     EXPECT_EQ(log.messages(), "set_string: S=old\nset_integer: old=16 l=17\n");
@@ -79,9 +76,9 @@ TEST_F(syscfg_test, without_memory_a_setter_leaves_the_value)
         for (int k = 1, result = -12; result != 0; ++k) {
             ASSERT_LT(k, 10);
             var->flags = 0;
-            support::fail_call(support::ALLOC, k);
+            fail_call(ALLOC, k);
             result = set(db.get(), "V", row[2]);
-            EXPECT_EQ(result, support::end_failing() ? -12 : 0) << row[0];
+            EXPECT_EQ(result, end_failing() ? -12 : 0) << row[0];
             EXPECT_EQ(var->text() == row[1], result != 0) << row[0];
             EXPECT_EQ(var->changed(), result == 0) << row[0];
         }

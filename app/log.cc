@@ -4,15 +4,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
 
-constexpr size_t message_size = 255;
-constexpr size_t line_size = 299;
+constexpr size_t message_max = 254;
+constexpr size_t line_max = 298;
 
 int log_level = 0;
 int log_fd = STDERR_FILENO;
@@ -27,22 +29,60 @@ class errno_keeper {
     int saved_ = errno;
 };
 
-void write_cut(const char *buffer, int length, size_t size)
-{
-    if (length > 0)
-        log_write(buffer, std::min(static_cast<size_t>(length), size - 1));
-}
+// One line on its way out, cut at max characters. The daemon logs while others wait for it, so only the
+// message itself is worth a format.
+class log_line {
+  public:
+    explicit log_line(size_t max) : end_(text_ + max) {}
 
-void log_mark(int level, const char *mark, const char *func, const char *file, int line,
+    log_line &operator<<(std::string_view part)
+    {
+        const size_t length = std::min(part.size(), static_cast<size_t>(end_ - at_));
+        memcpy(at_, part.data(), length);
+        at_ += length;
+        return *this;
+    }
+
+    log_line &operator<<(int number)
+    {
+        char digits[12];
+        const auto printed = std::to_chars(digits, digits + sizeof digits, number);
+        return *this << std::string_view(digits, static_cast<size_t>(printed.ptr - digits));
+    }
+
+    // False when the format is wrong.
+    __attribute__((format(printf, 2, 0))) bool print(const char *format, va_list args)
+    {
+        const size_t room = std::min(message_max, static_cast<size_t>(end_ - at_));
+        const int length = vsnprintf(at_, room + 1, format, args);
+        at_ += std::clamp(length, 0, static_cast<int>(room));
+        return length >= 0;
+    }
+
+    void write() const
+    {
+        if (at_ != text_)
+            log_write(text_, static_cast<size_t>(at_ - text_));
+    }
+
+  private:
+    char text_[line_max + 1];
+    char *at_ = text_;
+    char *end_;
+};
+
+void log_mark(int level, std::string_view mark, const char *func, const char *file, int line,
               const char *reason = nullptr)
 {
     if (level < log_level)
         return;
     errno_keeper keeper;
-    char text[message_size];
-    const int length = snprintf(text, sizeof text, "  %s: %s(): %s: %d%s%s\n", mark, func, file, line,
-                                reason ? ": " : "", reason ? reason : "");
-    write_cut(text, length, sizeof text);
+    log_line text(message_max);
+    text << mark << func << "(): " << file << ": " << line;
+    if (reason)
+        text << ": " << reason;
+    text << "\n";
+    text.write();
 }
 
 } // namespace
@@ -52,31 +92,31 @@ void log_trace(int level, const char *func, const char *file, int line, const ch
     if (level < log_level)
         return;
     errno_keeper keeper;
-    char message[message_size] = "";
+    log_line text(line_max);
+    text << "  " << func << "(): " << file << ": " << line << ": ";
     va_list args;
     va_start(args, format);
-    const int message_length = vsnprintf(message, sizeof message, format, args);
+    const bool printed = text.print(format, args);
     va_end(args);
-    if (message_length < 0)
+    if (!printed)
         return;
-    char text[line_size];
-    const int length = snprintf(text, sizeof text, "  %s(): %s: %d: %s\n", func, file, line, message);
-    write_cut(text, length, sizeof text);
+    text << "\n";
+    text.write();
 }
 
 void log_checkpoint(int level, const char *func, const char *file, int line)
 {
-    log_mark(level, "CHECKPOINT", func, file, line);
+    log_mark(level, "  CHECKPOINT: ", func, file, line);
 }
 
 void log_failed(int level, const char *func, const char *file, int line)
 {
-    log_mark(level, "FAILED", func, file, line);
+    log_mark(level, "  FAILED: ", func, file, line);
 }
 
 void log_syserror(int level, const char *func, const char *file, int line)
 {
-    log_mark(level, "SYSERROR", func, file, line, strerror(errno));
+    log_mark(level, "  SYSERROR: ", func, file, line, strerror(errno));
 }
 
 void log_printf(int level, const char *format, ...)
@@ -84,12 +124,12 @@ void log_printf(int level, const char *format, ...)
     if (level < log_level)
         return;
     errno_keeper keeper;
-    char text[message_size];
+    log_line text(message_max);
     va_list args;
     va_start(args, format);
-    const int length = vsnprintf(text, sizeof text, format, args);
+    text.print(format, args);
     va_end(args);
-    write_cut(text, length, sizeof text);
+    text.write();
 }
 
 ssize_t log_write(const void *buffer, size_t length)

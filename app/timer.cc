@@ -33,16 +33,20 @@ constexpr int32_t usec_per_sec = 1000000;
 
 timer_entry *head;
 
-// The clock as the running pass read it, and whether it has been set back since. Without that second look a
-// periodic timer would stay due for as many hours as somebody turned the clock back.
-instant pass_now;
-bool clock_went_back;
+// How often the clock was seen to have been set back. A pass ends then: by the time it began with, a periodic
+// timer would stay due for as many hours as somebody turned the clock back.
+unsigned steps_back;
 
 instant wall_clock()
 {
-    timeval now;
-    gettimeofday(&now, nullptr);
-    return {now.tv_sec, static_cast<int32_t>(now.tv_usec)};
+    static instant last;
+    timeval read;
+    gettimeofday(&read, nullptr);
+    const instant now = {read.tv_sec, static_cast<int32_t>(read.tv_usec)};
+    if (now < last)
+        ++steps_back;
+    last = now;
+    return now;
 }
 
 instant expiry(instant now, uint32_t period_ms)
@@ -69,9 +73,7 @@ int milliseconds_until(instant then, instant now)
 
 void schedule(timer_entry *entry)
 {
-    const instant now = wall_clock();
-    clock_went_back = clock_went_back || now < pass_now;
-    entry->expires = expiry(now, entry->timer->period_ms);
+    entry->expires = expiry(wall_clock(), entry->timer->period_ms);
     timer_entry **at = &head;
     while (*at && (*at)->expires < entry->expires)
         at = &(*at)->next;
@@ -167,11 +169,10 @@ int timer_call_later(uint32_t delay_ms, void *ctx, timer_callback fn)
 int timer_run_expired()
 {
     const instant now = wall_clock();
-    pass_now = now;
-    clock_went_back = false;
-    while (head && now >= head->expires && !clock_went_back)
+    const unsigned steps_before = steps_back;
+    while (head && now >= head->expires && steps_back == steps_before)
         run_head();
     if (!head)
         return -1;
-    return clock_went_back ? 0 : milliseconds_until(head->expires, now);
+    return steps_back == steps_before ? milliseconds_until(head->expires, now) : 0;
 }

@@ -84,7 +84,7 @@ int open_control_fifo(lumd *manager)
 {
     mkfifo(fifo_path, 0666);
     unique_fd reader = open_fifo(O_RDONLY);
-    if (!reader && (errno == ENOTSUP || errno == ELOOP)) {
+    if (!reader && (errno == ENOTSUP || errno == ELOOP || errno == ENXIO)) {
         // Something else has taken the name: nobody could ever start a service.
         unlink(fifo_path);
         mkfifo(fifo_path, 0666);

@@ -235,6 +235,8 @@ int proc_svcent_start(svcent *base, int, char *const *argv, const svcfg *)
         log_trace(LOG_HERE, "process pid: %d", pid);
         track_child(entry, pid);
     }
+    // No longer stopped: its stop must reach the new child, and its end must be reported.
+    entry->state = SVCENT_CREATED;
     if (!entry->oneshot && app_scheduler_add(entry, started_notice, started_notice_priority) < 0)
         log_failed(LOG_HERE);
     return 0;

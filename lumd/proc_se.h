@@ -1,10 +1,10 @@
 // Services that are external programs.
 //
-// An entry is created (0) until its started-notice has run, which the manager gets one loop pass after the
-// program was started; started (1) until the program's end has been seen, reported as event 2; stopped (2)
-// then, or once a "stop" handler has taken charge of its end, which is not reported any more, unless the
-// service was started again meanwhile and would stay down for good. A one-shot program counts as started when
-// it has ended well.
+// An entry is created (0), anew with every child, until its started-notice has run, which the manager gets
+// one loop pass after the program was started; started (1) until the program's end has been seen, reported as
+// event 2; stopped (2) then, or once a "stop" handler has taken charge of its end, which is not reported any
+// more, unless the service was started again meanwhile and would stay down for good. A one-shot program
+// counts as started when it has ended well.
 //
 // A running child is on child_list, from before it can die until its end is handled or its entry is released.
 // The SIGCHLD handler reaps every child of the process, notes the status in its entry and passes the pid

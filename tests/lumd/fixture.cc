@@ -26,7 +26,7 @@ struct fake_svcent : svcent {
 };
 
 std::string operations;
-std::vector<lumd *> managers; // they live as long as the process
+auto &managers = *new std::vector<lumd *>; // they live as long as the process
 
 void note(const std::string &operation, const svcent *entry, char *const *argv)
 {

@@ -146,7 +146,7 @@ struct walk : lumd_test {
                    verb == 1 || verb == 3);
         EXPECT_TRUE(verb != 3 || at->restart_timer);
     }
-    const std::map<std::string, int> none;
+    const std::map<std::string, int> none = {};
 };
 
 TEST_F(walk, every_step_leaves_the_table_sound)

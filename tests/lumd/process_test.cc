@@ -116,23 +116,6 @@ TEST_F(process_kind, ends_are_recorded_where_a_record_exists)
     EXPECT_EQ(support::read_file("/tmp/log/unkept.svc.log"), "kill by signal 9\n");
 }
 
-TEST_F(process_kind, programs_are_found)
-{
-    const std::string mine = support::device_path("/bin/seven"),
-                      filler(127 - support::device_path("/bin/").size(), 'l');
-    for (const std::string &name : {std::string("sh"), filler, filler + "l"})
-        std::filesystem::copy(mine, support::device_path("/bin/" + name));
-    for (const auto &[name, path, none] :
-         table("/bin/sh => /bin/sh\nsh => /bin/sh\nenv => /usr/bin/env\nnosuch\n"
-               "/bin/nosuch\n/etc/passwd\nseven => " +
-               mine + "\n" + filler + " => " + support::device_path("/bin/" + filler) + "\n" + filler +
-               "l\n")) {
-        char found[128] = "";
-        EXPECT_EQ(proc_find_program(name.c_str(), found), path.empty() ? 0 : 1) << name;
-        EXPECT_TRUE(path.empty() || std::filesystem::equivalent(path, found)) << name << found;
-    }
-}
-
 TEST_F(process_kind, signal_specs)
 {
     std::istringstream rows(

@@ -118,17 +118,18 @@ TEST_F(service_file, files_of_a_list)
     support::write_file("/etc/empty", "");
     support::write_file(longest, "service d\n");
     support::write_file(longest + "l", "service e\n");
-    for (const auto &[list, services, none] :
-         table("/etc/one:/etc/two => a; b; c exec1(q)\n/etc/none\n/etc:/etc/\n"
-               "/etc/two:/etc/one => c exec1(q); a; b\n::/etc/one: => a; b\n"
-               "/etc/none:/etc/one:/etc/none => a; b\n/etc/none:/etc/empty\n" +
-               longest + ":" + longest + "l => d")) {
-        SCOPED_TRACE(list);
-        parse("");
-        // There is no database here: a list that gives services gets just that far.
-        EXPECT_EQ(lumd_init(manager, list.c_str()), -1);
-        EXPECT_EQ(describe(manager), services);
-        EXPECT_EQ(log.has("cannot load syscfg definition!\n"), !services.empty());
+    for (const auto &row : table("/etc/one:/etc/two => a; b; c exec1(q)\n/etc/none\n/etc:/etc/\n"
+                                 "/etc/two:/etc/one => c exec1(q); a; b\n::/etc/one: => a; b\n"
+                                 "/etc/none:/etc/one:/etc/none => a; b\n/etc/none:/etc/empty\n" +
+                                 longest + ":" + longest + "l => d")) {
+        SCOPED_TRACE(row[0]);
+        support::isolated([&] {
+            parse("");
+            // There is no database here: a list that gives services gets just that far.
+            EXPECT_EQ(lumd_init(manager, row[0].c_str()), -1);
+            EXPECT_EQ(describe(manager), row[1]);
+            EXPECT_EQ(log.has("cannot load syscfg definition!\n"), !row[1].empty());
+        });
     }
 }
 
@@ -136,7 +137,7 @@ TEST_F(service_file, names_are_linked_to_slots)
 {
     load("service a;depends nobody b;service b;service b;depends a;service c;depends b a b;" +
          many(17, "service s#;depends c;"));
-    const auto links = [this](std::span<const svcfg_link> list) {
+    const auto links = [](std::span<const svcfg_link> list) {
         std::string text;
         for (const svcfg_link &link : list.first(3))
             text += link.name ? link.name + std::string(link.info ? "=" : "") : "";

@@ -2,6 +2,7 @@
 #include "syscfg/computed.h"
 #include "tests/syscfg/fixture.h"
 
+#include <algorithm>
 #include <chrono>
 #include <numeric>
 #include <random>
@@ -151,11 +152,19 @@ TEST_F(server_test, a_list_reaches_a_slow_reader_and_is_given_up_for_one_who_rea
         run_until([&] { return line != "none" || (line = one.receive()) != "none"; }, 1000);
         ASSERT_EQ(line, i < 0 ? "!OK" : ">V" + std::to_string(i) + "=\"\"\n");
     }
+    const client slow("slow");
+    slow.ask("%list");
+    int calls = 0; // a line of it every 20 ms or more, for longer than a list may stand still
+    const auto given_up = [&] {
+        return ++calls % 20 == 0 ? slow.receive(), false : log.has("its reader takes nothing");
+    };
+    EXPECT_TRUE(run_until(given_up, 4000));
+    run_until([&] { return ++calls % 20 == 0 ? slow.receive(), false : false; }, 300);
+    EXPECT_EQ(log.text().find("list given up"), log.text().rfind("list given up")) << "the slow one goes on";
     const int descriptors = open_descriptors();
-    EXPECT_TRUE(run_until([&] { return log.has("list given up: its reader takes nothing\n"); }, 4000));
-    EXPECT_EQ(open_descriptors(), descriptors - 1) << "the retries have ended";
-    one.ask("%list"), one.ask("?V1");
+    slow.ask("?V1");
     EXPECT_TRUE(log.has("list given up: its requester asks anew\n"));
+    EXPECT_EQ(open_descriptors(), descriptors - 1) << "the retries have ended";
 }
 
 TEST_F(server_test, who_does_not_read_holds_the_daemon_for_200_ms_at_most)
@@ -191,11 +200,11 @@ TEST_F(server_test, hostile_datagrams_change_nothing)
             random() % 2 ? words[random() % std::size(words)] : std::string(1, starts[random() % 5]);
         for (size_t length = random() % 40; request.size() < length;)
             request += static_cast<char>(random() % 4 ? ' ' + random() % 95 : random());
+        if (request.starts_with("%wait"))
+            std::replace(request.begin(), request.end(), '=', '-'); // one that is kept would have no answer
         const std::string answer = one.ask(request);
-        ASSERT_TRUE(answer == "none" || answer[0] == '>' || answer.starts_with("!OK") ||
-                    answer.starts_with("!ERR"))
+        ASSERT_TRUE(answer.starts_with(">") || answer.starts_with("!OK") || answer.starts_with("!ERR"))
             << request;
-        ASSERT_TRUE(answer != "none" || request.starts_with("%wait ")) << request;
     }
     EXPECT_EQ(one.ask("?CH"), ">off");
     EXPECT_EQ(one.ask("?NONE"), "!ERR NOENT");

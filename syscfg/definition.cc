@@ -121,6 +121,8 @@ void include_file(syscfg *db, std::string_view rest, char *line_buffer, size_t b
     const unique_text path(new_text(trim_end(skip_space(rest))));
     if (path)
         parse_definition(db, path.get(), line_buffer, buffer_size);
+    else
+        log_failed(LOG_AS("parse_definition"));
 }
 
 // What is wrong with reading this file now, or null.

@@ -4,6 +4,7 @@
 #include "lumd/lumd.h"
 #include "lumd/time_zone.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
@@ -21,7 +22,8 @@ void announce(std::string_view text)
 }
 
 // Without a console, our first descriptors would become standard output and error: the log would go into the
-// control FIFO and be taken for requests.
+// control FIFO and be taken for requests. And a console that nobody reads must not end us before we have
+// begun.
 void hold_standard_descriptors()
 {
     int fd;
@@ -30,6 +32,7 @@ void hold_standard_descriptors()
     while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0)
         close(fd);
+    signal(SIGPIPE, SIG_IGN);
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include "syscfg/store.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <unistd.h>
 
@@ -271,6 +272,15 @@ std::string_view syscfg_set_request(const syscfg *db, std::string_view request)
     return ok;
 }
 
+// The kernel follows links: a requester whose path has become one to our socket would have us answer our own
+// answers for ever.
+bool is_own_address(const requester &from)
+{
+    constexpr size_t head = offsetof(sockaddr_un, sun_path);
+    const char *path = from.addr.sun_path;
+    return from.len > head && std::string_view(path, strnlen(path, from.len - head)) == server_path;
+}
+
 void handle_request(syscfg *db, std::string_view request, const requester &from)
 {
     char answer[1 + answer_max + 1];
@@ -325,6 +335,10 @@ void syscfg_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
             from.addr.sun_family = AF_UNIX;
             // The kernel counts a terminator behind a path that fills the address.
             from.len = std::min<socklen_t>(from.len, sizeof from.addr);
+            if (is_own_address(from)) {
+                log_trace(LOG_HERE, "an answer of our own came back: %s", request);
+                return;
+            }
             end_list(from);
             handle_request(db, request, from);
         }

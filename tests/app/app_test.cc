@@ -107,7 +107,7 @@ TEST_F(app_test, every_log_call_writes_its_shape_in_one_write_and_keeps_errno)
         call();
         EXPECT_EQ(errno, ENOENT) << written;
         EXPECT_EQ(log.text(), written);
-        EXPECT_EQ(log.writes.size(), written.empty() ? 0u : 1u);
+        EXPECT_EQ(log.writes().size(), written.empty() ? 0u : 1u);
     }
     isolated([] {
         EXPECT_EQ(log_open("/tmp/log/x"), -1) << "there is no such directory";

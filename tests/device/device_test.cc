@@ -199,4 +199,30 @@ NAME -> !ERR;NAME="a -> !ERR;  -> !ERR;abcdefghijklmnopqrstuvwxyz_______=1 -> !E
     EXPECT_NE(listed.find(">NAME=\"abd\"\n"), listed.npos) << listed;
 }
 
+// The kernel looks the requester's path up when the answer is sent, and follows links.
+TEST_F(end_to_end, does_not_answer_its_own_answers)
+{
+    running_lumd lumd(with("service a\nexec sleep 99\n"));
+    ASSERT_TRUE(lumd.has_started());
+    const int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un own = {AF_UNIX, "/tmp/link"}, server = {AF_UNIX, "/tmp/.syscfg-server"};
+    ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr *>(&own), sizeof own), 0);
+    ASSERT_EQ(rename(own.sun_path, "/tmp/moved"), 0);
+    ASSERT_EQ(symlink(server.sun_path, own.sun_path), 0);
+    for (const std::string_view request : {"?MODEL", "%list", "NUM=1"})
+        sendto(sock, request.data(), request.size(), 0, reinterpret_cast<sockaddr *>(&server), sizeof server);
+    const auto came_back = [&] {
+        const std::string log = read_file(running_lumd::log_path);
+        size_t count = 0;
+        for (size_t at = 0; (at = log.find("came back", at)) != log.npos; ++at)
+            ++count;
+        return count;
+    };
+    EXPECT_TRUE(eventually([&] { return came_back() >= 3; }));
+    const size_t settled = came_back();
+    EXPECT_EQ(ask({"?MODEL", "?MODEL"}), ">gw100>gw100");
+    EXPECT_EQ(came_back(), settled) << "still going round";
+    close(sock);
+}
+
 } // namespace

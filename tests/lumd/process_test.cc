@@ -76,8 +76,8 @@ TEST_F(process_kind, full_pipe_loses_no_end)
         ;
     play("kill a 9 / kill b 9 / kill c 9 / log FAILED: sig_handler() / ends a / ends b / ends c / back a / "
          "runs b / runs c");
-    for (size_t before = 0; before != log.writes.size(); app_poll_once())
-        before = log.writes.size(); // until the pipe is empty
+    for (size_t before = 0; before != log.used; app_poll_once())
+        before = log.used; // until the pipe is empty
 }
 
 TEST_F(process_kind, children_inherit_three_descriptors_and_no_blocked_signal)

@@ -58,7 +58,7 @@ TEST_F(service_file, lines_fill_records)
         parse(text);
         EXPECT_EQ(describe(manager), services);
         EXPECT_TRUE(log.has(logged)) << log.text();
-        EXPECT_EQ(log.writes.size(), logged.empty() ? 1u : 2u) << log.text();
+        EXPECT_EQ(log.writes().size(), logged.empty() ? 1u : 2u) << log.text();
     };
     for (const auto &[text, services, logged] : table(R"(
 service a;exec prog a=1 b => a exec3(prog|1|b)

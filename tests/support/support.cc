@@ -144,10 +144,44 @@ std::string read_file(std::string_view path)
     return text.str();
 }
 
+namespace {
+
+char captured[32 << 20]; // pages that are never written cost nothing
+
+void capture(const void *buffer, size_t size)
+{
+    const size_t at = captured_log::used.fetch_add(sizeof size + size);
+    if (at + sizeof size + size > sizeof captured)
+        abort();
+    memcpy(captured + at, &size, sizeof size);
+    memcpy(captured + at + sizeof size, buffer, size);
+}
+
+} // namespace
+
+std::vector<std::string> captured_log::writes()
+{
+    std::vector<std::string> all;
+    for (size_t at = 0, size; at < used; at += size) {
+        memcpy(&size, captured + at, sizeof size);
+        at += sizeof size;
+        all.emplace_back(captured + at, size);
+    }
+    return all;
+}
+
+std::string captured_log::text()
+{
+    std::string all;
+    for (const std::string &line : writes())
+        all += line;
+    return all;
+}
+
 std::string captured_log::messages()
 {
     std::string all;
-    for (const std::string &line : writes) {
+    for (const std::string &line : writes()) {
         const size_t func = line.find("(): ");
         const size_t number = func == line.npos ? func : line.find(": ", func + 4);
         const bool shaped = line.starts_with("  ") && number != line.npos;
@@ -288,7 +322,7 @@ WRAP(ssize_t, read, int fd, void *buffer, size_t size)
 WRAP(ssize_t, write, int fd, const void *buffer, size_t size)
 {
     if (fd == STDERR_FILENO && captured_log::capturing)
-        captured_log::writes.emplace_back(static_cast<const char *>(buffer), size);
+        capture(buffer, size);
     if (fd == STDERR_FILENO)
         return captured_log::capturing ? static_cast<ssize_t>(size) : __real_write(fd, buffer, size);
     record(fd, "write ", static_cast<long>(size));

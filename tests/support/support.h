@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
-#include <numeric>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,15 +44,17 @@ inline int sync_count; // sync only counts
 inline bool record_io;
 inline std::vector<std::string> device_io;
 
-// Keeps what is written to standard error, one string a write, from its beginning to its end.
+// Keeps what is written to standard error, one string a write, from its beginning to its end. Signal handlers
+// write too, also in the middle of another write.
 struct captured_log {
     captured_log() { clear(), capturing = true; }
     ~captured_log() { capturing = false; }
-    static std::string text() { return std::accumulate(writes.begin(), writes.end(), std::string()); }
+    static std::vector<std::string> writes();
+    static std::string text();
     static std::string messages(); // the same, "  func(): module: 12: text" shortened to "func: text"
     static bool has(std::string_view part) { return text().find(part) != std::string::npos; }
-    static void clear() { writes.clear(); }
-    static inline std::vector<std::string> writes;
+    static void clear() { used = 0; }
+    static inline std::atomic<size_t> used; // of the memory behind it, whatever is in there
     static inline bool capturing;
 };
 

@@ -95,7 +95,7 @@ TEST_F(syscfg_test, failures_are_told)
                                   : registry_read(row[1].c_str(), buffer, 9000),
                   -1);
         EXPECT_EQ(end_failing(), row[2] != "") << row[4];
-        EXPECT_EQ(log.writes.back(), row[4] + "\n");
+        EXPECT_EQ(log.writes().back(), row[4] + "\n");
         EXPECT_EQ(open_descriptors() - descriptors + sync_count, 0) << row[4];
     }
 }

@@ -55,7 +55,6 @@ constexpr struct {
     {"exec", svcfg_parseExecLine},
     {"depends", svcfg_parseDepends},
     {"syscfg", svcfg_parseSyscfgLine},
-    {"", svcfg_parseCmdLine}, // anything else
 };
 
 int parse_line(conf_reader &reader, std::string_view line)
@@ -73,7 +72,7 @@ int parse_line(conf_reader &reader, std::string_view line)
         if (line.starts_with(kind.keyword))
             return kind.parse(reader.current, line);
     }
-    return 0;
+    return svcfg_parseCmdLine(reader.current, line);
 }
 
 std::string_view prepare_line(std::string_view line)

@@ -210,24 +210,6 @@ TEST_F(server_test, hostile_datagrams_change_nothing)
     EXPECT_EQ(one.ask("?NONE"), "!ERR NOENT");
 }
 
-TEST_F(server_test, a_failing_call_in_a_request_leaves_nothing_behind)
-{
-    using namespace support;
-    one.ask("%wait IFACE=warm"), one.ask("IFACE=warm"), one.receive();
-    const std::string requests[] = {"IFACE=abc", "IFACE=",  "NUM=1", "NUM=",         "?NUM%d",
-                                    "?@version", "?@lo_ip", "%save", "%wait IFACE=x"};
-    for (const unsigned kinds : {unsigned{ALLOC}, unsigned{OPEN | SOCKET}, unsigned{READ | WRITE | LSEEK}}) {
-        for_each_failure(kinds, [&] {
-            for (const std::string &request : requests)
-                one.ask(request);
-            end_failing();
-            EXPECT_EQ(two.ask("IFACE=x"), "!OK");
-            EXPECT_EQ(all({two.ask("IFACE="), two.ask("NUM=")}), "!OK!OK");
-            one.receive();
-        });
-    }
-}
-
 // A file with its text, then names and their values in turn.
 TEST_F(syscfg_test, computed_variables)
 {

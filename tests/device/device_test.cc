@@ -133,19 +133,6 @@ TEST_F(end_to_end, variables_move_services)
     EXPECT_TRUE(eventually([] { return read_file("/tmp/reloaded") == "now\n"; }));
 }
 
-TEST_F(end_to_end, what_is_saved_survives)
-{
-    // At the third start all is as before the first.
-    for (const char *values : {">abc>42>", ">kept>42>", ">abc>42>"}) {
-        running_lumd lumd(with("service a\n"));
-        ASSERT_TRUE(lumd.has_started());
-        EXPECT_EQ(ask({"?NAME", "?NUM", "?NOTE"}), values);
-        const char *command = strcmp(values, ">abc>42>") == 0 ? "%save" : "%reset";
-        EXPECT_EQ(ask({"NAME=kept", "NOTE=gone", command, "NUM=7", "?NUM", "%reload", "?NUM"}),
-                  "!OK!OK!OK!OK>7!OK>42");
-    }
-}
-
 TEST_F(end_to_end, time_zone_and_environment)
 {
     script("/tmp/show", "#!/bin/sh\necho $TZ $DEBUG >/tmp/shown\n");

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -146,26 +147,35 @@ std::string read_file(std::string_view path)
 
 namespace {
 
-char captured[32 << 20]; // pages that are never written cost nothing
+// Pages that are never written cost nothing. A child of vfork writes here too, even where an emulator copies
+// it.
+struct shared_log {
+    std::atomic<size_t> used;
+    char text[32 << 20];
+};
+shared_log &captured = *static_cast<shared_log *>(
+    mmap(nullptr, sizeof(shared_log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
 void capture(const void *buffer, size_t size)
 {
-    const size_t at = captured_log::used.fetch_add(sizeof size + size);
-    if (at + sizeof size + size > sizeof captured)
+    const size_t at = captured.used.fetch_add(sizeof size + size);
+    if (at + sizeof size + size > sizeof captured.text)
         abort();
-    memcpy(captured + at, &size, sizeof size);
-    memcpy(captured + at + sizeof size, buffer, size);
+    memcpy(captured.text + at, &size, sizeof size);
+    memcpy(captured.text + at + sizeof size, buffer, size);
 }
 
 } // namespace
+
+std::atomic<size_t> &captured_log::used = captured.used;
 
 std::vector<std::string> captured_log::writes()
 {
     std::vector<std::string> all;
     for (size_t at = 0, size; at < used; at += size) {
-        memcpy(&size, captured + at, sizeof size);
+        memcpy(&size, captured.text + at, sizeof size);
         at += sizeof size;
-        all.emplace_back(captured + at, size);
+        all.emplace_back(captured.text + at, size);
     }
     return all;
 }

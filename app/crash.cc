@@ -100,6 +100,14 @@ void write_patiently(int fd, size_t length)
     }
 }
 
+// What is opened next would take its place, flash perhaps, and get the next dump.
+void hold_descriptor_0()
+{
+    unique_fd lowest(open("/dev/null", O_RDWR));
+    if (lowest.get() == STDIN_FILENO)
+        lowest.release();
+}
+
 void put_away(int fd)
 {
     fsync(fd);
@@ -254,6 +262,7 @@ void sig_alrm_handler(int sig, siginfo_t *, void *context)
     const int interrupted_errno = errno;
     log_trace(LOG_HERE, "SIGALRM caught!!!!!!");
     dump_interrupted(context);
+    hold_descriptor_0();
     if (install_handler(SIGALRM, sig_alrm_handler) < 0) {
         dprintf(STDOUT_FILENO, "signal error: %s\n", strerror(errno));
         exit(1);

@@ -18,11 +18,14 @@ add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-no-pie>)
 add_compile_options(-Wall -Wextra -Werror -Wshadow -Wformat=2 -Wvla -Wundef -Wcast-qual -Wpointer-arith)
 add_link_options(-Wl,--gc-sections -Wl,--as-needed)
 
+# What ships is built for its symbols file too, which is to be the same wherever the sources lie.
+set(house_shipped_options -fno-exceptions -fno-rtti -g -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
 # One folder is one static library; its include path is the root of the repository.
 function(house_library name)
     add_library(${name} STATIC ${ARGN})
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
-    target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+    target_compile_options(${name} PRIVATE ${house_shipped_options} -fno-threadsafe-statics)
 endfunction()
 
 # Every call out of the target's programs goes to __wrap_CALL, which finds what it replaces as __real_CALL. Where

@@ -2,6 +2,7 @@
 // against the file's size where it is used.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>

@@ -116,7 +116,7 @@ TEST_F(options_test, the_command_line_wins_over_home_home_over_etc_and_etc_over_
 {
     const auto home = [](size_t size) { return "HOME=" + device_root + std::string(size - device_root.size(), '/'); };
     const std::string other = device_path("/other");
-    write_file("/other", "number=8");
+    write_file("/other", "number=8"), write_file("/.tryr", "text=cut");
     expect(0, {{{"-n", "1"}, "m=:1 n=[1]:1! t=[2]! ", "number=2\ntext=2", "text=3\nmany", "T_NUMBER=4"},
                {{}, "n=[3]:3! ", "number=x", "number=3", "T_NUMBER=4"}, {{}, "n=[4]:4! ", "", "", "T_NUMBER=4"}, {{}, "", "", "", "T_NUMBER=x"},
                {{"-v"}, "v=[] ", "", "", "T_VERBOSE=x"}, {{"-m"}, "m=:2 ", "", "", "T_MANY="}, {{}, "T=[a]^ ", "", "texts=a", "T_TEXTS=b"},

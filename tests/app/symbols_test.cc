@@ -107,8 +107,8 @@ TEST_F(symbols_test, what_cannot_be_loaded_is_told_and_the_program_goes_on_witho
              {"/none", 100, 1, " couldn't open \".*/none\"\n"}, {"/empty", 100, 1, "mmap: Invalid argument\n"}})
         EXPECT_EXIT(load(device_path(file), descriptors), testing::ExitedWithCode(known), "^" + message + "$");
     const auto aborted = testing::KilledBySignal(SIGABRT);
-    EXPECT_EXIT((fail_call(ALLOC, 1), read(image().bytes())), aborted, "^calloc: Cannot allocate memory\n$");
-    EXPECT_EXIT((fail_call(ALLOC, 2), read(image().bytes())), aborted, "^strdup: Cannot allocate memory\n$");
+    EXPECT_EXIT((fail_call(ALLOC, 1), read(image().bytes())), aborted, "^calloc: Cannot allocate memory\n");
+    EXPECT_EXIT((fail_call(ALLOC, 2), read(image().bytes())), aborted, "^strdup: Cannot allocate memory\n");
 }
 
 TEST_F(symbols_test, a_walk_ends_where_the_frames_do_and_knows_callers_by_name)

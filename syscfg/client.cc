@@ -30,12 +30,38 @@ void report(const char *step, const char *peer)
     errno = error;
 }
 
-// The socket of one call.
+int create_socket()
+{
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        report("create socket", "");
+    return fd;
+}
+
+void fill_address(sockaddr_un *address)
+{
+    memset(address, 0, sizeof *address);
+    address->sun_family = AF_UNIX;
+}
+
+void fill_server_address(sockaddr_un *address)
+{
+    fill_address(address);
+    memcpy(address->sun_path, server_path, sizeof server_path);
+}
+
+// The socket of one call. An answer that nobody waits for would reach the next call, under the same name, in
+// the place of that one's own; to a socket without a name there is none.
 struct client_socket {
     sockaddr_un server;
     const int fd;
 
-    client_socket() : fd(syscfg_client_open(&server)) {}
+    explicit client_socket(bool takes_answer = true)
+        : fd(takes_answer ? syscfg_client_open(&server) : create_socket())
+    {
+        if (!takes_answer)
+            fill_server_address(&server);
+    }
     client_socket(const client_socket &) = delete;
     client_socket &operator=(const client_socket &) = delete;
     ~client_socket()
@@ -138,13 +164,10 @@ bool split_line(char *line, const char *&name, const char *&value)
 
 int syscfg_client_open(sockaddr_un *address)
 {
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        report("create socket", "");
+    const int fd = create_socket();
+    if (fd < 0)
         return -1;
-    }
-    memset(address, 0, sizeof *address);
-    address->sun_family = AF_UNIX;
+    fill_address(address);
     snprintf(address->sun_path + 1, sizeof address->sun_path - 1, ".syscfg-client-%d",
              static_cast<int>(getpid()));
     if (bind(fd, reinterpret_cast<const sockaddr *>(address), sizeof *address) < 0) {
@@ -153,8 +176,7 @@ int syscfg_client_open(sockaddr_un *address)
         errno = error;
         return -1;
     }
-    memset(address->sun_path, 0, sizeof address->sun_path);
-    memcpy(address->sun_path, server_path, sizeof server_path);
+    fill_server_address(address);
     return fd;
 }
 
@@ -243,14 +265,15 @@ int syscfg_wait(const char *name, const char *value)
 
 int syscfg_set_flags(const char *name, const char *value, int flags)
 {
-    const client_socket client;
+    const bool takes_answer = !(flags & SYSCFG_NOREPLY);
+    const client_socket client(takes_answer);
     if (client.fd < 0)
         return -1;
     char text[value_size];
     const int length = format_assignment(text, sizeof text, "", name, value);
     if (length < 0 || client.send_or_report(text, static_cast<size_t>(length)) < 0)
         return -1;
-    if (flags & SYSCFG_NOREPLY)
+    if (!takes_answer)
         return 0;
     return ok_or_failure(text, client.receive_or_report(text, sizeof text));
 }

@@ -437,7 +437,7 @@ int main(int argc, char **argv)
     const bool is_odd =
         verb && ((wants_json && verb->run != list) || ((wants_apply || wants_save) && verb->run != set));
     if (!verb || is_odd)
-        take_common_option('?', nullptr, usage);
+        leave_with_usage(usage);
     prepare_limit();
     verb->run(words(argv + optind + 1, argv + argc));
     leave_done();

@@ -55,6 +55,12 @@ void leave_done()
     exit(code_done);
 }
 
+void leave_with_usage(const char *usage)
+{
+    dprintf(STDERR_FILENO, "%s", usage);
+    exit(code_usage);
+}
+
 void take_common_option(int letter, const char *value, const char *usage)
 {
     switch (letter) {
@@ -70,8 +76,7 @@ void take_common_option(int letter, const char *value, const char *usage)
         printf("%s %s\n", program_invocation_short_name, LUMD_VERSION);
         leave_done();
     default:
-        dprintf(STDERR_FILENO, "%s", usage);
-        exit(code_usage);
+        leave_with_usage(usage);
     }
 }
 

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <poll.h>
 #include <span>
 #include <unistd.h>
@@ -42,13 +43,15 @@ sockaddr *debug_server;
 socklen_t debug_server_length;
 int debug_server_fd = -1;
 
-// The frame whose record may be read at p, or null. stack_top alone would let through what lies between the
-// stack and the kernel's own pages above it.
-const frame_record *frame_at(uintptr_t p, uintptr_t low)
+// The record at p, where one may be read. stack_top alone would let through what lies between the stack and
+// the kernel's own pages above it. Sanitizers think that nobody may read other functions' frames.
+__attribute__((no_sanitize("address"))) std::optional<frame_record> frame_at(uintptr_t p, uintptr_t low)
 {
     const bool on_stack = low >= stack_begin && p >= low && p <= stack_top && p < stack_end &&
                           stack_end - p >= sizeof(frame_record);
-    return on_stack && p % alignof(frame_record) == 0 ? reinterpret_cast<const frame_record *>(p) : nullptr;
+    if (!on_stack || p % alignof(frame_record) != 0)
+        return {};
+    return *reinterpret_cast<const frame_record *>(p);
 }
 
 const char *name_of(const void *addr)
@@ -68,7 +71,7 @@ bool leads_home(uintptr_t fp, uintptr_t low)
 {
     while (fp != outermost_fp) {
         const uintptr_t p = fp - frame_record_below_fp;
-        const frame_record *frame = frame_at(p, low);
+        const auto frame = frame_at(p, low);
         if (!frame || !can_be_frame(*frame, p) || !is_own_code(frame->return_address))
             return false;
         low = p + sizeof(frame_record);
@@ -177,7 +180,7 @@ int backtrace_walk(uintptr_t fp, uintptr_t low, void **out, int max)
     int count = 0;
     uintptr_t p = fp - frame_record_below_fp;
     while (count < max) {
-        const frame_record *frame = frame_at(p, low);
+        const auto frame = frame_at(p, low);
         if (!frame)
             break;
         out[count++] = reinterpret_cast<void *>(frame->return_address);
@@ -192,7 +195,7 @@ __attribute__((noinline)) int app_backtrace(void **out, int max)
     const auto own = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     uintptr_t fp = own;
     for (int skipped = 0; skipped < 2; ++skipped) {
-        const frame_record *frame = frame_at(fp - frame_record_below_fp, own - frame_record_below_fp);
+        const auto frame = frame_at(fp - frame_record_below_fp, own - frame_record_below_fp);
         if (!frame)
             return 0;
         fp = frame->caller_fp;
@@ -240,7 +243,7 @@ void send_debug_message(const void *buffer, size_t length)
 
 void crash_init(uintptr_t fp)
 {
-    if (const frame_record *frame = frame_at(fp - frame_record_below_fp, stack_begin))
+    if (const auto frame = frame_at(fp - frame_record_below_fp, stack_begin))
         outermost_fp = frame->caller_fp;
 }
 

@@ -4,34 +4,36 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <regex>
+#include <regex.h>
 
 namespace {
 
 // A compiler may take functions that only their file knows into their callers.
 const std::string innermost = "_ZN6nested9innermostEv ", middle = "_ZN6nested6middleE[jm] ";
-const std::string outer =
-    "(\\S*GLOBAL\\S* )?_Z13app_poll_oncev _ZN6nested8on_timerEPv \\S*run_later_call\\S* "
-    "(\\S*GLOBAL\\S* )?_Z17timer_run_expiredv _Z7app_runv main ";
+const std::string outer = "(\\S*GLOBAL\\S* )?_Z13app_poll_oncev _ZN6nested8on_timerEPv (\\S*GLOBAL\\S* ){1,2}"
+                          "_Z17timer_run_expiredv _Z7app_runv main ";
 const std::string callers = middle + "_ZN6nested11on_writableEPviiP14app_fd_handler " + outer;
-const std::string sending = "  send_debug_message\\(\\): app: \\d+: sending info to debug server...\n";
+const std::string sending = "  send_debug_message\\(\\): app: [0-9]+: sending info to debug server...\n";
 
 testing::AssertionResult matches(const std::string &text, const std::string &pattern)
 {
-    return testing::AssertionResult(std::regex_match(text, std::regex(pattern))) << text << pattern;
+    regex_t whole;
+    const bool same = regcomp(&whole, ("^(" + pattern + ")$").c_str(), REG_EXTENDED) == 0 &&
+                      regexec(&whole, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&whole);
+    return testing::AssertionResult(same) << text << pattern;
 }
 
 // The functions in the lines of a dump, or the first line that is none.
 std::string functions(const std::string &dump)
 {
-    static const std::regex line("(\\d+): (\\S+):\\[0x[0-9a-f]+\\]");
     std::string found, text;
     std::istringstream lines(dump);
     for (int number = 0; getline(lines, text); ++number) {
-        std::smatch part;
-        if (lines.eof() || !std::regex_match(text, part, line) || part[1] != std::to_string(number))
+        const std::string start = std::to_string(number) + ": ";
+        if (lines.eof() || !matches(text, start + "[^ :]+:\\[0x[0-9a-f]+]"))
             return text;
-        found += part[2].str() + " ";
+        found += text.substr(start.size(), text.rfind(':') - start.size()) + " ";
     }
     return found;
 }
@@ -39,8 +41,8 @@ std::string functions(const std::string &dump)
 // How a crasher ends: by SIGKILL after eight seconds.
 int end_of(const std::string &words, const std::string &shell = "")
 {
-    const std::string run = "exec timeout -s 9 8 >/tmp/dump <>/tmp/dump >/dev/null 2>/tmp/said ";
-    return system((shell + run + words + " 0 0").c_str());
+    return system(
+        (shell + "exec timeout -s 9 8 >/tmp/dump <>/tmp/dump 2>/tmp/said " + words + " 0 0").c_str());
 }
 
 struct crash : testing::Test {
@@ -74,8 +76,7 @@ TEST_F(crash, every_output_names_the_functions)
         {"trap '' QUIT;", "crasher trap", "Illegal instruction!\n" + sending, innermost + callers},
         {"trap '' QUIT;", "crasher abort", "Aborted!\n" + sending, "\\?{4} (\\S+ )*?" + callers},
         {"DEBUG_SERVER=127.0.0.1:4040 ", "crasher kill 6", "Aborted!\n" + sending, "\\?{4} " + callers},
-        {"unset DEBUG_SERVER;", "crasher store 16", "Sigment fault!\n", innermost + callers},
-        {"", "crasher lose", "Illegal instruction!\n" + sending, "(" + innermost + "(\\S+ )*main )?"},
+        {"unset DEBUG_SERVER;", "crasher lose", "Illegal instruction!\n", "(_.* main )?"},
         {"", "crasher.stripped abort", "no symbols were associated to this file\nAborted!\n" + sending,
          "(\\?{4} ){9,}"}};
     for (const auto &[shell, words, said, names] : rows) {
@@ -93,8 +94,7 @@ TEST_F(crash, an_alarm_is_survived)
     EXPECT_EQ(end_of("crasher kill 14"), W_EXITCODE(7, 0));
     const std::string dump = read_file("/tmp/dump"); // the first closes it
     EXPECT_TRUE(matches(functions(dump), "\\?{4} " + callers));
-    EXPECT_TRUE(
-        matches(read_file("/tmp/said"), "(  sig_alrm.*: SIGALRM caught!{6}\n" + sending + "){2}.*\n"));
+    EXPECT_TRUE(matches(read_file("/tmp/said"), "([^!]+ SIGALRM caught!{6}\n" + sending + "){2} [^!]*"));
     EXPECT_EQ(taken(serial, 99), dump + dump);
     EXPECT_EQ(taken(server) + taken(server), dump + dump);
 }
@@ -125,7 +125,7 @@ TEST_F(crash, a_full_text_has_whole_lines)
 {
     EXPECT_EQ(WTERMSIG(end_of("crasher deep 250")), SIGQUIT);
     const std::string dump = taken(server);
-    EXPECT_TRUE(matches(dump, "(\\d+: _ZN6nested\\w+:\\[0x[0-9a-f]+\\]\n)+(\\d+: main:.*\n)?"));
+    EXPECT_TRUE(matches(dump, "([0-9]+: _ZN6nested\\w+:\\[0x[0-9a-f]+\\]\n)+([0-9]+: main:.*\n)?"));
     EXPECT_TRUE(dump.size() > 4096 - 40 && dump.size() <= 4096) << dump.size();
 }
 

@@ -32,7 +32,9 @@ struct app_fd_handler {
 // Calls deferred to a later pass of the loop (see app/scheduler.h).
 extern scheduler app_scheduler;
 
-// Starts the runtime; first call of a program. options must be null: there is no option table yet. Returns 0.
+// Starts the runtime; first call of a program. options is its table of options (app/app_options.h), which
+// lives as long as the process, or null when it has none; appname names its configuration files. Returns 0;
+// ends the process when the command line is wrong.
 struct app_option;
 int app_init(int argc, char **argv, const app_option *options, const char *appname);
 

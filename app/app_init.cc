@@ -1,14 +1,19 @@
 #include "app/app.h"
+#include "app/app_options.h"
+#include "app/crash.h"
 #include "app/log.h"
+#include "app/symbols.h"
 
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <unistd.h>
 
 namespace {
 
 constexpr char log_module[] = "app";
-constexpr int last_closed_fd = 255;
 
 // A write to a peer that has gone then fails with EPIPE where it was made. When it was the log's reader that
 // has gone, our own line raises the signal anew: ignoring it for a moment discards that one.
@@ -23,18 +28,34 @@ void app_atexit()
 {
     log_trace(LOG_HERE, "exiting ...");
     log_flush();
-    for (int fd = 0; fd <= last_closed_fd; ++fd) {
-        fsync(fd);
-        close(fd);
+    close_descriptors();
+}
+
+void install_handlers()
+{
+    signal(SIGPIPE, sigio_handler);
+    for (const int sig : {SIGSEGV, SIGILL, SIGABRT})
+        install_handler(sig, fatal_signal_handler);
+    if (install_handler(SIGALRM, sig_alrm_handler) < 0) {
+        dprintf(STDOUT_FILENO, "signal error: %s!!!!!!!!!!!!!!\n", strerror(errno));
+        exit(-1);
     }
 }
 
 } // namespace
 
-int app_init(int, char **, const app_option *, const char *)
+int app_init(int argc, char **argv, const app_option *options, const char *appname)
 {
+    if (options) {
+        app_opt_parse(argc, argv, options);
+        app_conf_load_all(options, appname);
+        app_opt_env(options);
+    }
+    symbols_load();
+    crash_init(reinterpret_cast<uintptr_t>(__builtin_frame_address(0)));
+    debug_server_init();
     scheduler_init(&app_scheduler);
-    signal(SIGPIPE, sigio_handler);
+    install_handlers();
     atexit(app_atexit);
     return 0;
 }

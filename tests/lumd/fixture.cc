@@ -146,8 +146,14 @@ int next_vfork_fails()
 } // extern "C"
 
 // Whoever calls vfork must not return before the child runs its program: the call is passed on by a jump.
+#ifdef __arm__
+asm(".text\n.globl __wrap_vfork\n.type __wrap_vfork, %function\n__wrap_vfork:\npush {r3, lr}\nbl "
+    "next_vfork_fails\n"
+    "cmp r0, #0\npop {r3, lr}\nbeq __real_vfork\nmov r0, #-1\nbx lr\n");
+#else
 asm(".text\n.globl __wrap_vfork\n__wrap_vfork:\nsubq $8, %rsp\ncall next_vfork_fails\naddq $8, %rsp\n"
     "testl %eax, %eax\njz __real_vfork\nmovl $-1, %eax\nret\n");
+#endif
 
 bool eventually(const std::function<bool()> &done)
 {

@@ -10,8 +10,10 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <pthread.h>
 #include <set>
 #include <sstream>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -146,26 +148,43 @@ std::string read_file(std::string_view path)
 
 namespace {
 
-char captured[32 << 20]; // pages that are never written cost nothing
+// Pages that are never written cost nothing.
+struct shared_log {
+    std::atomic<size_t> used;
+    char text[32 << 20];
+};
+shared_log &new_log(void *at, int flags)
+{
+    return *static_cast<shared_log *>(
+        mmap(at, sizeof(shared_log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | flags, -1, 0));
+}
+// A child of vfork writes here too, even where an emulator copies it; a child of fork has its own.
+shared_log &captured = new_log(nullptr, 0);
+[[maybe_unused]] const int copies_at_fork = pthread_atfork(nullptr, nullptr, [] {
+    const std::string so_far(captured.text, captured.used);
+    captured.used = so_far.copy(new_log(&captured, MAP_FIXED).text, so_far.size());
+});
 
 void capture(const void *buffer, size_t size)
 {
-    const size_t at = captured_log::used.fetch_add(sizeof size + size);
-    if (at + sizeof size + size > sizeof captured)
+    const size_t at = captured.used.fetch_add(sizeof size + size);
+    if (at + sizeof size + size > sizeof captured.text)
         abort();
-    memcpy(captured + at, &size, sizeof size);
-    memcpy(captured + at + sizeof size, buffer, size);
+    memcpy(captured.text + at, &size, sizeof size);
+    memcpy(captured.text + at + sizeof size, buffer, size);
 }
 
 } // namespace
+
+std::atomic<size_t> &captured_log::used = captured.used;
 
 std::vector<std::string> captured_log::writes()
 {
     std::vector<std::string> all;
     for (size_t at = 0, size; at < used; at += size) {
-        memcpy(&size, captured + at, sizeof size);
+        memcpy(&size, captured.text + at, sizeof size);
         at += sizeof size;
-        all.emplace_back(captured + at, size);
+        all.emplace_back(captured.text + at, size);
     }
     return all;
 }

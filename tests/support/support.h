@@ -54,7 +54,7 @@ struct captured_log {
     static std::string messages(); // the same, "  func(): module: 12: text" shortened to "func: text"
     static bool has(std::string_view part) { return text().find(part) != std::string::npos; }
     static void clear() { used = 0; }
-    static inline std::atomic<size_t> used; // of the memory behind it, whatever is in there
+    static std::atomic<size_t> &used; // of the memory behind it, whatever is in there
     static inline bool capturing;
 };
 

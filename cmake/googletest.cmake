@@ -1,0 +1,10 @@
+# GoogleTest for another machine than this one, from Debian's sources of it.
+set(googletest /usr/src/googletest/googletest)
+add_library(gtest STATIC ${googletest}/src/gtest-all.cc)
+add_library(gtest_main STATIC ${googletest}/src/gtest_main.cc)
+target_include_directories(gtest SYSTEM PUBLIC ${googletest}/include PRIVATE ${googletest})
+target_link_libraries(gtest_main PUBLIC gtest)
+foreach(library gtest gtest_main)
+    target_compile_options(${library} PRIVATE -w)
+    add_library(GTest::${library} ALIAS ${library})
+endforeach()

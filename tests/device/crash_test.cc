@@ -137,7 +137,7 @@ TEST_F(crash, the_daemon)
     for (const std::string wish : {"start a\n", "stop a\n"}) {
         kill(lumd.pid, SIGALRM);
         EXPECT_TRUE(matches(functions(taken(server)), "\\S+ (\\S+ )*main "));
-        EXPECT_EQ(ask({"?@version"}), ">1.4.0.02");
+        ASSERT_EQ(ask({"?@version"}), ">1.4.0.02");
         request(wish);
         EXPECT_TRUE(eventually([&] { return lumd.children().size() == (wish == "start a\n"); }));
     }

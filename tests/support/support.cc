@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <pthread.h>
 #include <set>
 #include <sstream>
 #include <sys/mman.h>
@@ -147,14 +148,22 @@ std::string read_file(std::string_view path)
 
 namespace {
 
-// Pages that are never written cost nothing. A child of vfork writes here too, even where an emulator copies
-// it.
+// Pages that are never written cost nothing.
 struct shared_log {
     std::atomic<size_t> used;
     char text[32 << 20];
 };
-shared_log &captured = *static_cast<shared_log *>(
-    mmap(nullptr, sizeof(shared_log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+shared_log &new_log(void *at, int flags)
+{
+    return *static_cast<shared_log *>(
+        mmap(at, sizeof(shared_log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | flags, -1, 0));
+}
+// A child of vfork writes here too, even where an emulator copies it; a child of fork has its own.
+shared_log &captured = new_log(nullptr, 0);
+[[maybe_unused]] const int copies_at_fork = pthread_atfork(nullptr, nullptr, [] {
+    const std::string so_far(captured.text, captured.used);
+    captured.used = so_far.copy(new_log(&captured, MAP_FIXED).text, so_far.size());
+});
 
 void capture(const void *buffer, size_t size)
 {

@@ -4,7 +4,27 @@
 
 #include <csignal>
 #include <cstdarg>
+#include <cstdlib>
+#include <poll.h>
 #include <sys/time.h>
+
+const char *board_dir()
+{
+    const char *dir = getenv("BOARD_DIR");
+    return dir ? dir : "";
+}
+
+int64_t board_now_us()
+{
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return int64_t{now.tv_sec} * 1000000 + now.tv_usec;
+}
+
+void board_pause_ms(int64_t ms)
+{
+    poll(nullptr, 0, static_cast<int>(ms));
+}
 
 extern "C" {
 

@@ -279,13 +279,14 @@ test::test()
                        "/proc/net/", "/tmp/.syscfg-server", "/tmp/svcctl",    "/tmp/log/"};
     char name[] = "/tmp/device.XXXXXX";
     device_root = mkdtemp(name);
+    setenv("BOARD_DIR", device_path("/board").c_str(), 1);
     std::filesystem::create_directory(device_path("/tmp"));
 }
 
 test::~test()
 {
     end_failing();
-    on_idle = on_pause = nullptr;
+    on_idle = nullptr;
     captured_log::capturing = false;
     std::filesystem::remove_all(std::exchange(device_root, ""));
 }
@@ -293,25 +294,6 @@ test::~test()
 } // namespace support
 
 using namespace support;
-
-const char *board_dir()
-{
-    static char dir[64];
-    snprintf(dir, sizeof dir, "%s/board", device_root.c_str());
-    return dir;
-}
-
-int64_t board_now_us()
-{
-    return now_us;
-}
-
-void board_pause_ms(int64_t ms)
-{
-    now_us += ms * 1000;
-    if (on_pause)
-        on_pause();
-}
 
 // clang-format off
 extern "C" {

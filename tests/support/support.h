@@ -21,7 +21,6 @@ namespace support {
 inline int64_t now_us;
 inline bool real_time; // poll, gettimeofday and time as they are
 inline std::function<void()> on_idle;
-inline std::function<void()> on_pause; // after a sleep, which only sets the clock forward
 inline std::vector<int> poll_timeouts; // of all polls since the test began
 
 // Passes of the loop, with the clock going from timer to timer, until done() or ms have passed; the last

@@ -32,6 +32,9 @@ pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)())
     const pid_t pid = vfork();
     if (pid != 0)
         return pid;
+    // Ours are gone with the program; what whoever started us ignored would stay so.
+    for (int sig = 1; sig < NSIG; ++sig)
+        signal(sig, SIG_DFL);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     close_inherited();
     execv(path, argv);

@@ -3,7 +3,6 @@
 #include "app/log.h"
 #include "lumd/proc_se.h"
 
-#include <array>
 #include <string_view>
 
 namespace {
@@ -15,8 +14,12 @@ struct builtin_kind {
     svcent *(*create)(service_info *slot, const char *name);
 };
 
-// None yet.
-constexpr std::array<builtin_kind, 0> builtin_kinds = {};
+constexpr builtin_kind builtin_kinds[] = {
+    {"watchdog", create_watchdog_svcent},
+    {"reboot", create_reboot_svcent},
+    {"netmon", create_netmon_svcent},
+    {"sched", create_sched_svcent},
+};
 
 svcent *create_builtin_svcent(service_info *slot, const char *name, const char *first_word)
 {

@@ -331,8 +331,7 @@ int proc_svcent_release(svcent *base)
         unlink_child(entry->node);
     }
     app_scheduler_remove_ctx(entry);
-    free(entry->name);
-    free(entry);
+    free_svcent(entry);
     return -1;
 }
 
@@ -346,10 +345,15 @@ bool is_executable(const char *path)
 
 } // namespace
 
-svcent *create_process_svcent(service_info *slot, const char *name, const char *first_word)
+void child_reaper_init()
 {
     if (child_pipe[0] < 0)
         proc_svcent_signal_init();
+}
+
+svcent *create_process_svcent(service_info *slot, const char *name, const char *first_word)
+{
+    child_reaper_init();
     const bool oneshot = *first_word == '-';
     const char *program = first_word + (oneshot ? 1 : 0);
     char path[sizeof proc_svcent::path];
@@ -358,16 +362,11 @@ svcent *create_process_svcent(service_info *slot, const char *name, const char *
         return nullptr;
     }
     log_trace(LOG_HERE, "process service path: %s", path);
-    auto *entry = new_record<proc_svcent>();
-    if (entry)
-        entry->name = new_text(name);
-    if (!entry || !entry->name) {
-        free(entry);
+    auto *entry = new_svcent<proc_svcent>(&operations, slot, name);
+    if (!entry) {
         log_failed(LOG_HERE);
         return nullptr;
     }
-    entry->ops = &operations;
-    entry->owner = slot;
     entry->oneshot = oneshot ? 1 : 0;
     copy_text(entry->path, path);
     entry->node = {&entry->node, &entry->node, entry};

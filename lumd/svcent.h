@@ -5,6 +5,7 @@
 // entry is made at its slot's first start and kept over stops and restarts; only release ends it.
 #pragma once
 
+#include "app/memory.h"
 #include "app/timer.h"
 #include "lumd/svcfg.h"
 
@@ -40,6 +41,27 @@ struct service_info {
     uint32_t
         awaited; // dependencies that were started for this slot and have not reported yet, one bit a slot
 };
+
+// A kind's new record with its head filled, zero otherwise; null when memory is out. free_svcent ends it.
+template <typename Entry>
+Entry *new_svcent(const svcent_ops *ops, service_info *slot, const char *name)
+{
+    auto *entry = new_record<Entry>();
+    char *copy = entry ? new_text(name) : nullptr;
+    if (!copy) {
+        free(entry);
+        return nullptr;
+    }
+    static_cast<svcent &>(*entry) = {ops, copy, SVCENT_CREATED, slot};
+    return entry;
+}
+
+template <typename Entry>
+void free_svcent(Entry *entry)
+{
+    free(entry->name);
+    free(entry);
+}
 
 // Calls of a kind to the manager.
 

@@ -1,9 +1,11 @@
 #include "tests/support/support.h"
 
 #include "app/app.h"
+#include "device/board/board.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
@@ -67,12 +69,15 @@ void *uncounted(void *block)
     return block;
 }
 
-std::string redirected(std::string_view path)
+bool is_of_device(std::string_view path)
 {
     const auto leads = [path](const std::string &prefix) { return path.starts_with(prefix); };
-    const bool ours =
-        !device_root.empty() && std::any_of(device_prefixes.begin(), device_prefixes.end(), leads);
-    return ours ? device_path(path) : std::string(path);
+    return !device_root.empty() && std::any_of(device_prefixes.begin(), device_prefixes.end(), leads);
+}
+
+std::string redirected(std::string_view path)
+{
+    return is_of_device(path) ? device_path(path) : std::string(path);
 }
 
 // An address as the kernel is to see it.
@@ -274,6 +279,7 @@ test::test()
                        "/proc/net/", "/tmp/.syscfg-server", "/tmp/svcctl",    "/tmp/log/"};
     char name[] = "/tmp/device.XXXXXX";
     device_root = mkdtemp(name);
+    setenv("BOARD_DIR", device_path("/board").c_str(), 1);
     std::filesystem::create_directory(device_path("/tmp"));
 }
 
@@ -299,7 +305,12 @@ FAILING(ALLOC, ENOMEM, nullptr, void *, realloc, (void *old, size_t size),
 FAILING(ALLOC, ENOMEM, nullptr, void *, reallocarray, (void *old, size_t n, size_t size),
         counted(__real_reallocarray(uncounted(old), n, size)))
 WRAP(void, free, void *block) { __real_free(uncounted(block)); }
-FAILING(SOCKET, EMFILE, -1, int, socket, (int domain, int type, int protocol), __real_socket(domain, type, protocol))
+// A raw socket takes rights that tests do without.
+FAILING(SOCKET, EMFILE, -1, int, socket, (int domain, int type, int protocol),
+        (type & 15) == SOCK_RAW ? __real_socket(domain, SOCK_DGRAM | SOCK_CLOEXEC, 0)
+                                : __real_socket(domain, type, protocol))
+FAILING(OPEN, EMFILE, nullptr, FILE *, fopen, (const char *path, const char *mode),
+        __real_fopen(redirected(path).c_str(), mode))
 FAILING(BIND, EADDRINUSE, -1, int, bind, (int fd, const sockaddr *addr, socklen_t len),
         __real_bind(fd, MOVED(addr, len)))
 FAILING(CONNECT, ECONNREFUSED, -1, int, connect, (int fd, const sockaddr *addr, socklen_t len),
@@ -314,7 +325,16 @@ FAILING(MKFIFO, EROFS, -1, int, mkfifo, (const char *path, mode_t mode), __real_
 WRAP(int, unlink, const char *path) { return __real_unlink(redirected(path).c_str()); }
 WRAP(int, access, const char *path, int mode) { return __real_access(redirected(path).c_str(), mode); }
 WRAP(void, sync, ) { ++sync_count; }
+WRAP(time_t, time, time_t *out) { return real_time || out ? __real_time(out) : now_us / 1000000; }
 // clang-format on
+
+// In a child of vfork, which must not allocate.
+WRAP(int, execv, const char *path, char *const *argv)
+{
+    char there[PATH_MAX];
+    snprintf(there, sizeof there, "%s%s", is_of_device(path) ? device_root.c_str() : "", path);
+    return __real_execv(there, argv);
+}
 
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...)
@@ -323,7 +343,9 @@ int __wrap_open(const char *path, int flags, ...)
     va_start(args, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
     va_end(args);
-    const int fd = fails(OPEN, EMFILE) ? -1 : __real_open(redirected(path).c_str(), flags, mode);
+    int fd = fails(OPEN, EMFILE) ? -1 : board_open(path);
+    if (fd == BOARD_NOT_MINE)
+        fd = __real_open(redirected(path).c_str(), flags, mode);
     flash_fds.erase(fd);
     if (std::string_view(path).starts_with("/dev/mtdblock/"))
         flash_fds.insert(fd);
@@ -345,9 +367,10 @@ WRAP(ssize_t, write, int fd, const void *buffer, size_t size)
     if (fd == STDERR_FILENO)
         return captured_log::capturing ? static_cast<ssize_t>(size) : __real_write(fd, buffer, size);
     record(fd, "write ", static_cast<long>(size));
-    if (!fails(WRITE, EIO))
-        return __real_write(fd, buffer, size);
-    return failing.torn ? __real_write(fd, buffer, size / 2) : -1;
+    if (fails(WRITE, EIO))
+        return failing.torn ? __real_write(fd, buffer, size / 2) : -1;
+    const ssize_t done = board_write(fd, buffer, size);
+    return done != BOARD_NOT_MINE ? done : __real_write(fd, buffer, size);
 }
 
 WRAP(off_t, lseek, int fd, off_t to, int whence)

@@ -1,0 +1,84 @@
+#include "app/log.h"
+#include "app/memory.h"
+#include "lumd/kinds.h"
+#include "lumd/script.h"
+
+#include <csignal>
+#include <unistd.h>
+
+namespace {
+
+constexpr char log_module[] = "reboot";
+constexpr uint32_t check_period_ms = 1000;
+constexpr unsigned ask_period_s = 60;
+constexpr pid_t init_pid = 1;
+
+struct reboot_svcent : svcent {
+    pid_t pid; // of the script, -1 when it could not be started
+    ::timer *timer;
+};
+
+reboot_svcent *as_reboot(void *entry)
+{
+    return static_cast<reboot_svcent *>(static_cast<svcent *>(entry));
+}
+
+// A signal ends a sleep early.
+void sleep_whole(unsigned seconds)
+{
+    while (seconds > 0)
+        seconds = sleep(seconds);
+}
+
+// The script is gone, and the device is still up: nothing is left to be served but the reboot.
+[[noreturn]] void insist()
+{
+    for (;;) {
+        sleep_whole(ask_period_s);
+        kill(init_pid, SIGHUP);
+    }
+}
+
+void reboot_callback(void *ctx)
+{
+    const reboot_svcent *entry = as_reboot(ctx);
+    lumd_stop_service(entry->owner->owner, "watchdog");
+    print_error("Rebooting...\n");
+    if (entry->pid < 0 || kill(entry->pid, 0) < 0)
+        insist();
+}
+
+int reboot_start(svcent *base, int, char *const *, const svcfg *)
+{
+    reboot_svcent *entry = as_reboot(base);
+    entry->pid = run_script("reboot", nullptr, 0);
+    timer_free(entry->timer);
+    entry->timer = timer_new(check_period_ms, entry, reboot_callback, "reboot_callback");
+    if (!entry->timer || timer_start(entry->timer, -1) < 0)
+        log_failed(LOG_HERE);
+    return 0;
+}
+
+int cannot_be_undone(svcent *, char *const *)
+{
+    return -1;
+}
+
+// The timer goes on, and with it the entry.
+int reboot_release(svcent *)
+{
+    return 0;
+}
+
+constexpr svcent_ops operations = {reboot_start, cannot_be_undone, cannot_be_undone, reboot_release};
+
+} // namespace
+
+svcent *create_reboot_svcent(service_info *slot, const char *name)
+{
+    log_trace(LOG_HERE, "create reboot svcent");
+    auto *entry = new_svcent<reboot_svcent>(&operations, slot, name);
+    if (!entry)
+        log_failed(LOG_HERE);
+    return entry;
+}

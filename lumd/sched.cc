@@ -1,0 +1,204 @@
+#include "app/log.h"
+#include "app/memory.h"
+#include "app/text.h"
+#include "lumd/child.h"
+#include "lumd/kinds.h"
+
+#include <charconv>
+#include <ctime>
+#include <optional>
+#include <unistd.h>
+
+namespace {
+
+constexpr char log_module[] = "sched";
+constexpr int day_s = 86400;
+constexpr uint32_t most_seconds = UINT32_MAX / 1000;
+constexpr size_t variable_name_max = 30;
+
+struct sched_svcent : svcent {
+    int interval; // seconds between the runs after the first
+    ::timer *timer;
+    char *path; // own
+};
+
+// When to run first, in seconds from now, and then how often.
+struct schedule {
+    int first;
+    int interval;
+};
+
+struct time_of_day {
+    uint8_t hour, minute, second;
+};
+
+sched_svcent *as_sched(void *entry)
+{
+    return static_cast<sched_svcent *>(static_cast<svcent *>(entry));
+}
+
+// A whole decimal number.
+template <typename Number>
+std::optional<Number> parse_number(std::string_view text)
+{
+    Number number;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    const bool whole = error == std::errc() && end == text.data() + text.size();
+    return whole ? std::optional(number) : std::nullopt;
+}
+
+std::optional<time_of_day> parse_time(std::string_view text)
+{
+    const auto hour = parse_number<uint8_t>(cut_until(text, ':'));
+    const auto minute = parse_number<uint8_t>(cut_until(text, ':'));
+    const auto second = parse_number<uint8_t>(cut_until(text, ':'));
+    if (!hour || !minute || !second)
+        return {};
+    return time_of_day{*hour, *minute, *second};
+}
+
+// Seconds until the local time is next what at says; none when the clock is beyond what can be converted.
+std::optional<int> calc_timeout(time_of_day at)
+{
+    const time_t now = time(nullptr);
+    tm local;
+    if (!localtime_r(&now, &local))
+        return {};
+    log_trace(LOG_HERE, "time now: %d/%d %d:%d:%d", local.tm_mon + 1, local.tm_mday, local.tm_hour,
+              local.tm_min, local.tm_sec);
+    log_trace(LOG_HERE, "sched: %d:%d:%d", at.hour, at.minute, at.second);
+    local.tm_hour = at.hour;
+    local.tm_min = at.minute;
+    local.tm_sec = at.second;
+    local.tm_isdst = -1; // between now and then it may change
+    time_t then = mktime(&local);
+    if (then == -1)
+        return {};
+    if (then <= now)
+        then += day_s;
+    const int left = static_cast<int>(then - now);
+    log_trace(LOG_HERE, "timout=%d", left);
+    return left;
+}
+
+std::optional<schedule> parse_schedule(std::string_view spec)
+{
+    if (spec.find(':') != spec.npos) {
+        const auto at = parse_time(spec);
+        const auto first = at ? calc_timeout(*at) : std::nullopt;
+        return first ? std::optional(schedule{*first, day_s}) : std::nullopt;
+    }
+    const auto seconds = parse_number<uint32_t>(spec);
+    if (!seconds || *seconds < 1 || *seconds > most_seconds)
+        return {};
+    return schedule{static_cast<int>(*seconds), static_cast<int>(*seconds)};
+}
+
+// A spec of the form $(NAME) stands for the value of that variable. Null, logged, when it has none.
+const char *resolve_spec(const svcent *entry, const char *spec)
+{
+    std::string_view text = spec;
+    if (!text.starts_with("$("))
+        return spec;
+    text = span_of(skip_space(text.substr(2)), [](char c) { return c != ')' && !is_space(c); });
+    char name[variable_name_max + 1];
+    copy_text(name, text);
+    const char *value = svcent_getSyscfg(entry, name);
+    if (!value)
+        log_trace(LOG_AS("sched_start"), "cannot get syscfg: %s", name);
+    return value;
+}
+
+void drop_schedule(sched_svcent *entry)
+{
+    timer_free(std::exchange(entry->timer, nullptr));
+    free(std::exchange(entry->path, nullptr));
+}
+
+void sched_do(void *ctx)
+{
+    const sched_svcent *entry = as_sched(ctx);
+    log_trace(LOG_HERE, "%s", entry->path);
+    entry->timer->period_ms = static_cast<uint32_t>(entry->interval) * 1000;
+    if (timer_start(entry->timer, 1) < 0)
+        log_failed(LOG_HERE);
+    child_reaper_init();
+    char *const argv[] = {entry->path, nullptr};
+    if (spawn_child(entry->path, argv, [] {}) < 0)
+        log_syserror(LOG_HERE);
+}
+
+int arm(sched_svcent *entry, schedule when, const char *path)
+{
+    entry->interval = when.interval;
+    entry->path = new_text(path);
+    entry->timer = timer_new(static_cast<uint32_t>(when.first) * 1000, entry, sched_do, "sched_do");
+    if (!entry->path || !entry->timer || timer_start(entry->timer, 1) < 0) {
+        log_failed(LOG_AS("sched_start"));
+        drop_schedule(entry);
+        return -1;
+    }
+    log_trace(LOG_AS("sched_start"), "sched=%p timer=%p interval=%d/%d path=%s", static_cast<void *>(entry),
+              static_cast<void *>(entry->timer), when.first, when.interval, path);
+    return 0;
+}
+
+int sched_start(svcent *base, int argc, char *const *argv, const svcfg *)
+{
+    sched_svcent *entry = as_sched(base);
+    drop_schedule(entry);
+    if (argc < 3) {
+        log_trace(LOG_HERE, "missing argument\n");
+        return -1;
+    }
+    const char *spec = resolve_spec(entry, argv[1]);
+    if (!spec)
+        return -1;
+    const auto when = parse_schedule(spec);
+    if (!when) {
+        log_trace(LOG_HERE, "invalid time spec: %s\n", spec);
+        return -1;
+    }
+    if (access(argv[2], X_OK) < 0) {
+        log_trace(LOG_HERE, "not executable %s\n", argv[2]);
+        return -1;
+    }
+    if (arm(entry, *when, argv[2]) < 0)
+        return -1;
+    lumd_processServiceCallback(entry->owner, SVCENT_EV_STARTED);
+    return 0;
+}
+
+int sched_stop(svcent *base, char *const *)
+{
+    drop_schedule(as_sched(base));
+    return 0;
+}
+
+// The manager starts it again, and the spec is read afresh.
+int sched_reload(svcent *base, char *const *)
+{
+    drop_schedule(as_sched(base));
+    lumd_processServiceCallback(base->owner, SVCENT_EV_STOPPED);
+    return 0;
+}
+
+int sched_release(svcent *base)
+{
+    drop_schedule(as_sched(base));
+    free_svcent(as_sched(base));
+    return 0;
+}
+
+constexpr svcent_ops operations = {sched_start, sched_stop, sched_reload, sched_release};
+
+} // namespace
+
+svcent *create_sched_svcent(service_info *slot, const char *name)
+{
+    log_trace(LOG_HERE, "create sched svcent");
+    auto *entry = new_svcent<sched_svcent>(&operations, slot, name);
+    if (!entry)
+        log_failed(LOG_HERE);
+    return entry;
+}

@@ -93,13 +93,20 @@ uintptr_t nearest_frame(const code_position &at)
     return at.fp;
 }
 
+// A call that never returns may be the last of its function: the address behind it belongs to the next one.
+const char *name_of_caller(const void *return_address)
+{
+    return name_of(static_cast<const char *>(return_address) - 1);
+}
+
 // A line that does not fit is left out.
 std::span<const char> format_frames(int count)
 {
     size_t length = 0;
     for (int i = 0; i < count; ++i) {
         const size_t room = text_max - length;
-        const int line = snprintf(text + length, room, "%d: %s:[%p]\n", i, name_of(frames[i]), frames[i]);
+        const char *name = i == 0 ? name_of(frames[i]) : name_of_caller(frames[i]);
+        const int line = snprintf(text + length, room, "%d: %s:[%p]\n", i, name, frames[i]);
         if (line > 0 && static_cast<size_t>(line) < room)
             length += static_cast<size_t>(line);
     }
@@ -209,7 +216,7 @@ __attribute__((noinline)) int app_backtrace_symbols(const char **names, int max)
         max > 0 ? static_cast<void **>(calloc(static_cast<size_t>(max), sizeof(void *))) : nullptr);
     const int count = found ? app_backtrace(found.get(), max) : 0;
     for (int i = 0; i < count; ++i)
-        names[i] = name_of(found.get()[i]);
+        names[i] = name_of_caller(found.get()[i]);
     return count;
 }
 
@@ -261,7 +268,8 @@ void debug_server_init()
     memcpy(copy, &parsed, length);
     debug_server = copy;
     debug_server_length = length;
-    debug_server_fd = socket(copy->sa_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const unique_fd sock(socket(copy->sa_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    debug_server_fd = fcntl(sock.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // not in the way of a dump
     const int on = 1;
     setsockopt(debug_server_fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
 }

@@ -72,19 +72,19 @@ struct client_socket {
         errno = error;
     }
 
-    [[nodiscard]] int send(const void *request, size_t length) const
+    [[nodiscard]] int send(const void *request, size_t length, int flags = 0) const
     {
         const auto *to = reinterpret_cast<const sockaddr *>(&server);
-        return static_cast<int>(sendto(fd, request, length, 0, to, sizeof server));
+        return static_cast<int>(sendto(fd, request, length, flags, to, sizeof server));
     }
     [[nodiscard]] int receive(void *reply, size_t size) const
     {
         errno = 0; // an empty answer is no error of the system
         return static_cast<int>(recv(fd, reply, size, 0));
     }
-    int send_or_report(const void *request, size_t length) const
+    int send_or_report(const void *request, size_t length, int flags = 0) const
     {
-        const int sent = send(request, length);
+        const int sent = send(request, length, flags);
         if (sent < 0)
             report("send to ", server_path);
         return sent;
@@ -271,7 +271,9 @@ int syscfg_set_flags(const char *name, const char *value, int flags)
         return -1;
     char text[value_size];
     const int length = format_assignment(text, sizeof text, "", name, value);
-    if (length < 0 || client.send_or_report(text, static_cast<size_t>(length)) < 0)
+    // The server's own thread cannot wait until the server has read.
+    const int how = takes_answer ? 0 : MSG_DONTWAIT;
+    if (length < 0 || client.send_or_report(text, static_cast<size_t>(length), how) < 0)
         return -1;
     if (!takes_answer)
         return 0;

@@ -52,9 +52,23 @@ _syscfg_verb() {
     done
 }
 
-# The words, one a line, that begin like the one that is being completed.
-_syscfg_reply() { # WORDS
-    mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur" | sort -u)
+# What begins like the word that is being completed, quoted: a value may hold anything, also what a shell runs.
+_syscfg_reply() { # WORD...
+    local word
+    COMPREPLY=()
+    for word; do
+        [[ -z $word || $word != "$cur"* ]] || COMPREPLY+=("$(printf %q "$word")")
+    done
+}
+
+_syscfg_reply_lines() { # COMMAND...
+    local words
+    mapfile -t words < <("$@" | sort -u)
+    _syscfg_reply "${words[@]}"
+}
+
+_syscfg_assignments() {
+    _syscfg_names | sed 's/$/=/'
 }
 
 _syscfg_assignment() {
@@ -62,12 +76,10 @@ _syscfg_assignment() {
         local name=${COMP_WORDS[COMP_CWORD - 1]}
         [[ $name != = ]] || name=${COMP_WORDS[COMP_CWORD - 2]}
         cur=${cur#=}
-        # A value is one word, whatever is in it.
-        local IFS=$'\n'
-        _syscfg_reply "$(_syscfg_choices "$name")"
+        _syscfg_reply_lines _syscfg_choices "$name"
     else
         compopt -o nospace 2>/dev/null
-        _syscfg_reply "$(_syscfg_names | sed 's/$/=/')"
+        _syscfg_reply_lines _syscfg_assignments
     fi
 }
 
@@ -75,12 +87,12 @@ _syscfg() {
     local cur=${COMP_WORDS[COMP_CWORD]} verb
     verb=$(_syscfg_verb)
     case $verb:$cur in
-    set:-*) _syscfg_reply "--apply --save -q -t" ;;
-    list:-*) _syscfg_reply "--json -q -t" ;;
-    *:-*) _syscfg_reply "-q -t --help --version" ;;
-    :*) _syscfg_reply "get set list wait watch apply save reload reset" ;;
+    set:-*) _syscfg_reply --apply --save -q -t ;;
+    list:-*) _syscfg_reply --json -q -t ;;
+    *:-*) _syscfg_reply -q -t --help --version ;;
+    :*) _syscfg_reply get set list wait watch apply save reload reset ;;
     set:* | wait:*) _syscfg_assignment ;;
-    get:* | list:* | watch:* | apply:*) _syscfg_reply "$(_syscfg_names)" ;;
+    get:* | list:* | watch:* | apply:*) _syscfg_reply_lines _syscfg_names ;;
     esac
 }
 
@@ -88,9 +100,9 @@ _svcctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} verb
     verb=$(_syscfg_verb)
     case $verb:$cur in
-    *:-*) _syscfg_reply "-q -t --help --version" ;;
-    :*) _syscfg_reply "start stop restart" ;;
-    *) _syscfg_reply "$(_syscfg_services)" ;;
+    *:-*) _syscfg_reply -q -t --help --version ;;
+    :*) _syscfg_reply start stop restart ;;
+    *) _syscfg_reply_lines _syscfg_services ;;
     esac
 }
 

@@ -20,8 +20,10 @@ int given_seconds = 30;
 void be_quiet()
 {
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (nowhere >= 0)
-        dup2(nowhere, STDERR_FILENO);
+    if (nowhere < 0 || nowhere == STDERR_FILENO)
+        return;
+    dup2(nowhere, STDERR_FILENO);
+    close(nowhere); // perhaps the place of a closed standard output
 }
 
 int read_seconds(std::string_view text)

@@ -82,6 +82,8 @@ TEST_F(tools, verbs_and_exit_statuses)
         syscfg set %save=1 | 3 | - | no such variable
         syscfg set LONG=$(printf %01020d 7) | 4 | - | 1024 bytes
         syscfg set NOTE=1 NOTE | 2 | - | not NAME=VALUE
+        syscfg set NOTE='"a" b' | 4 | - | begin with a quote
+        syscfg set NOTE='a"b' --save | 4 | - | cannot be saved
         syscfg wait HOSTNAME=attic | 0
         syscfg wait NOTE=now & syscfg set NOTE=now && wait $! | 0
         syscfg -t 1 wait LANGUAGE=fr | 5 | - | no answer in time
@@ -143,9 +145,10 @@ TEST_F(tools, completion)
         sh /tmp/complete syscfg get -q WEB_A | 0 | WEB_ACCESS
         sh /tmp/complete syscfg set WEB_E | 0 | WEB_ENABLE=
         sh /tmp/complete syscfg set LANGUAGE = | 0 | de en fr
-        sh /tmp/complete syscfg -t 2 wait WEB_TITLE = N | 0 | Norvik gateway
+        sh /tmp/complete syscfg -t 2 wait WEB_TITLE = N | 0 | Norvik\ gateway
         sh /tmp/complete syscfg set BEACON_ENABLE = '' | 0 | 0 1
         sh /tmp/complete syscfg list -- | 0 | --json
+        syscfg set NOTE='$(touch /tmp/ran)'; sh /tmp/complete syscfg set NOTE = ''; ls /tmp/ran | 1 | \$\(touch\ /tmp/ran\) | No such file
         sh /tmp/complete svcctl start b | 0 | beacon)_");
 }
 

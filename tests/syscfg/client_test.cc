@@ -225,4 +225,12 @@ TEST_F(client_test, one_call_at_a_time_in_a_process)
     EXPECT_EQ(log.text(), "");
 }
 
+TEST_F(client_test, the_thread_that_serves_does_not_wait_for_itself)
+{
+    int sent = 0;
+    while (sent < 100000 && syscfg_set_flags("N", "1", SYSCFG_NOREPLY) == 0)
+        ++sent;
+    EXPECT_TRUE(sent > 0 && sent < 100000 && errno == EAGAIN) << sent << " " << strerror(errno);
+}
+
 } // namespace

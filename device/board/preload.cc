@@ -24,11 +24,17 @@ __attribute__((constructor)) void alone()
     unsetenv("LD_PRELOAD");
 }
 
+#ifdef SYS_clock_adjtime64
+constexpr long clock_read_call = SYS_clock_adjtime64;
+#else
+constexpr long clock_read_call = SYS_clock_adjtime;
+#endif
+
 // Reading is allowed.
 int change_clock(const char *call, timex *change, clockid_t clock)
 {
     if (change->modes == 0)
-        return static_cast<int>(syscall(SYS_clock_adjtime, clock, change));
+        return static_cast<int>(syscall(clock_read_call, clock, change));
     board_set_clock(call, change->offset, 0);
     return TIME_OK;
 }

@@ -74,9 +74,10 @@ std::optional<packet_counts> parse_counts(const char *line, std::string_view dev
 void take_counts(netmon_svcent *entry, packet_counts now)
 {
     if (has_risen(entry->last_tx, now.tx)) {
-        if (!entry->nopkt_armed)
-            timer_start(entry->nopkt_timer, -1);
-        entry->nopkt_armed = 1;
+        if (!entry->nopkt_armed && timer_start(entry->nopkt_timer, -1) < 0)
+            log_failed(LOG_AS("checkpacket"));
+        else
+            entry->nopkt_armed = 1;
     }
     if (entry->last_rx == 0)
         entry->last_rx = now.rx;

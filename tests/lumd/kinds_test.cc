@@ -201,6 +201,7 @@ the longest => service j;exec sched 255:255:255 /etc/j => clock 240110 000000 / 
 later on the day summer begins => service j;exec sched 5:00:00 /etc/j => clock 240331 003000 / start j > 12600/86400
 later on the day it ends => service j;exec sched 5:00:00 /etc/j => clock 241027 003000 / start j > 19800/86400
 the day before it begins, an hour late => service j;exec sched 5:00:00 /etc/j => clock 240330 120000 / start j > 61200/86400
+late on the day it ends => service j;exec sched 0:30:00 /etc/j => clock 241027 234500 / start j > 2700/86400
 what follows three numbers => service j;exec sched 5:00:00:x /etc/j => clock 240110 040000 / start j > 3600/86400
 set => service j;exec sched 3:0:0 /etc/j => clock 240110 020000 / start j > 3600/86400 / clock 240110 025958 / wait 1900 / wait 200 > j
 beyond => service j;exec sched 3:0:0 /etc/j => clock 700110 020000 / start j > 3600/86400 / clock 240110 140000 / wait 10 > j / wait 86400100

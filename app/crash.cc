@@ -51,7 +51,8 @@ __attribute__((no_sanitize("address"))) std::optional<frame_record> frame_at(uin
                           stack_end - p >= sizeof(frame_record);
     if (!on_stack || p % alignof(frame_record) != 0)
         return {};
-    return *reinterpret_cast<const frame_record *>(p);
+    const frame_record record = *reinterpret_cast<const frame_record *>(p);
+    return record;
 }
 
 const char *name_of(const void *addr)

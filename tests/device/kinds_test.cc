@@ -73,7 +73,7 @@ TEST_F(kinds, a_reboot)
     EXPECT_EQ(ask({"?EVERY"}), ">1"); // the script still runs
     EXPECT_TRUE(eventually([] { return count("sleep 60", "/board/system/log") > 3; }, 4));
     EXPECT_GE(count("kill 1 1", "/board/system/log"), 3);
-    EXPECT_EQ(count("Rebooting...", running_lumd::log_path), 3);
+    EXPECT_GE(count("Rebooting...", running_lumd::log_path), 3);
 }
 
 } // namespace

@@ -51,7 +51,8 @@ const char *setting(const svcent *entry, const char *name)
 uint32_t blink_period(const svcent *entry, int least, int otherwise)
 {
     const char *text = setting(entry, "WD_TIMER");
-    return static_cast<uint32_t>(text ? std::max(atoi(text), least) : otherwise);
+    return static_cast<uint32_t>(text ? std::max(static_cast<int>(strtol(text, nullptr, 10)), least)
+                                      : otherwise);
 }
 
 void close_open(int &fd)

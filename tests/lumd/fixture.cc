@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <set>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -233,10 +234,14 @@ service_info *lumd_test::slot(std::string_view name) const
                         [name](auto &s) { return name == s.name; });
 }
 
+// What the record of another kind holds in its place is no process of ours.
 proc_svcent *lumd_test::process(std::string_view name) const
 {
-    const svcent *entry = slot(name)->svcent;
-    return entry && entry->ops != &fake_operations ? static_cast<proc_svcent *>(slot(name)->svcent) : nullptr;
+    static const std::set<std::string_view> others = {"watchdog", "reboot", "netmon", "ntp", "sched"};
+    svcent *entry = slot(name)->svcent;
+    const char *word = slot(name)->m_cfg->argv[0];
+    const bool is_process = entry && entry->ops != &fake_operations && !others.contains(word);
+    return is_process ? static_cast<proc_svcent *>(entry) : nullptr;
 }
 
 void lumd_test::apply(std::string_view assignments) const

@@ -1,0 +1,245 @@
+// The library against a server that does what no daemon would. It has no process of its own: the library's
+// recv is replaced, and lets it take the request and answer before it looks for the answer.
+#include "syscfg/client.h"
+#include "tests/syscfg/fixture.h"
+
+#include <csignal>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+
+static std::function<void()> before_recv;
+ssize_t __real_recv(int fd, void *data, size_t size, int flags) asm("__real_recv");
+ssize_t __wrap_recv(int fd, void *data, size_t size, int flags) asm("__wrap_recv");
+ssize_t __wrap_recv(int fd, void *data, size_t size, int flags)
+{
+    if (const auto hook = std::exchange(before_recv, nullptr))
+        hook();
+    return __real_recv(fd, data, size, flags);
+}
+
+namespace {
+
+int collect(void *context, const char *name, const char *value)
+{
+    auto &listed = *static_cast<std::string *>(context);
+    listed += std::string(name) + "=" + value + ";";
+    return std::string(name) == "STOP";
+}
+
+std::string list()
+{
+    std::string listed;
+    const int result = syscfg_list(collect, &listed);
+    return std::to_string(result) + " " + listed;
+}
+
+std::string command(const std::string &word)
+{
+    char error[SYSCFG_ERROR_SIZE];
+    const int result = syscfg_command(word.c_str(), error);
+    return std::to_string(result) + " " + error;
+}
+
+std::string get_r(const char *name)
+{
+    char small[4] = {'-', '-', '-', '-'};
+    const int result = syscfg_get_r(name, small, sizeof small);
+    return std::to_string(result) + " " + std::string(small, strnlen(small, sizeof small));
+}
+
+// A call by its name and first argument; the second one is "v" where there is one.
+std::string call(const std::string &name, const char *text)
+{
+    const auto number = [&] {
+        if (name == "reload" || name == "reset")
+            return name == "reload" ? syscfg_reload() : syscfg_reset();
+        if (name == "save" || name == "apply")
+            return name == "save" ? syscfg_save() : syscfg_apply();
+        if (name == "wait" || name == "set")
+            return name == "wait" ? syscfg_wait(text, "v") : syscfg_set(text, "v");
+        return syscfg_set_flags(text, "v", name == "flags" ? 0 : SYSCFG_NOREPLY);
+    };
+    if (name == "get") {
+        const char *value = syscfg_get(text);
+        return value ? value : "null";
+    }
+    return name == "get_r"     ? get_r(text)
+           : name == "list"    ? list()
+           : name == "command" ? command(text)
+                               : std::to_string(number());
+}
+
+struct client_test : syscfg_test {
+    int server = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    sockaddr_un path = {AF_UNIX, "/tmp/.syscfg-server"};
+    std::string asked = "nothing";
+
+    client_test() { EXPECT_EQ(bind(server, reinterpret_cast<sockaddr *>(&path), sizeof path), 0); }
+    ~client_test() override { close(server); }
+
+    // Takes what was asked; the answers stand between commas, and "signal" is one instead of an answer.
+    void serve(const std::string &answers)
+    {
+        char request[2048];
+        sockaddr_un from = {};
+        socklen_t length = sizeof from;
+        const ssize_t got =
+            recvfrom(server, request, sizeof request, 0, reinterpret_cast<sockaddr *>(&from), &length);
+        if (got < 0)
+            return;
+        asked.assign(request, static_cast<size_t>(got));
+        const std::string name = std::string(1, '\0') + ".syscfg-client-" + std::to_string(getpid());
+        EXPECT_EQ(std::string(from.sun_path, sizeof from.sun_path),
+                  name + std::string(108 - name.size(), '\0'));
+        EXPECT_EQ(length, 110u);
+        if (answers == "signal") {
+            struct sigaction interrupting = {};
+            interrupting.sa_handler = [](int) {};
+            sigaction(SIGALRM, &interrupting, nullptr);
+            const itimerval soon = {{0, 10000}, {0, 10000}};
+            setitimer(ITIMER_REAL, &soon, nullptr);
+            return;
+        }
+        for (size_t at = 0, end; at <= answers.size(); at = end + 1) {
+            end = std::min(answers.find(',', at), answers.size());
+            sendto(server, answers.data() + at, end - at, 0, reinterpret_cast<sockaddr *>(&from), length);
+        }
+    }
+    std::string call_and_serve(const std::string &name, const std::string &argument,
+                               const std::string &answers)
+    {
+        asked = "nothing";
+        before_recv = [&] { serve(answers); };
+        const std::string result = call(name, argument.c_str());
+        before_recv = nullptr;
+        const itimerval off = {};
+        setitimer(ITIMER_REAL, &off, nullptr);
+        serve(""); // who did not wait for an answer
+        return result;
+    }
+};
+
+// "x*40" is forty of them.
+std::string repeated(std::string text)
+{
+    for (size_t star; (star = text.find('*')) != text.npos;) {
+        size_t digits = 0;
+        const size_t count = std::stoul(text.substr(star + 1), &digits);
+        text.replace(star - 1, 2 + digits, std::string(count, text[star - 1]));
+    }
+    return text;
+}
+
+// The call, its argument, what the server answers, what it was asked, what the call returned, what it said.
+TEST_F(client_test, calls)
+{
+    const std::string no_answer = "syscfg: cannot recv from /tmp/.syscfg-server: Success\n";
+    const std::string interrupted = "syscfg: cannot recv from /tmp/.syscfg-server: Interrupted system call\n";
+    for (const auto &row : rows(R"(
+        get | NAME | >a b | ?NAME | a b
+        get | NAME | > | ?NAME |
+        get | NAME | !ERR NOENT | ?NAME | null
+        get | NAME | abc | ?NAME | null
+        get | NAME | | ?NAME | null | no answer
+        get | NAME | signal | ?NAME | null | interrupted
+        get | n*40 | >x*500 | ?n*32 | x*161
+        get_r | N%-:x | >abc | ?N%-:x | 0 abc
+        get_r | N | >abcd | ?N | 0 abcd
+        get_r | N | >abcdef | ?N | 0 abcd
+        get_r | N | !ERR | ?N | -1 ----
+        set | N | !OK | N=v | 0
+        set | N | !OKAY | N=v | 0
+        set | N | !O | N=v | -1
+        set | N | !ERR INVAL | N=v | -1
+        set | !OK | | !OK=v | -1 | no answer
+        set | n*159 | !OK | n*159=v | 0
+        set | n*160 | | nothing | -1
+        flags | N | !OK | N=v | 0
+        flags | N | >x | N=v | -1
+        flags | !OK | | !OK=v | -1 | no answer
+        flags | N | signal | N=v | -1 | interrupted
+        flags | n*160 | | nothing | -1
+        noreply | N | | N=v | 0
+        wait | N | !OK | %wait N=v | 0
+        wait | N | !ERR NOENT | %wait N=v | -1
+        wait | N | signal | %wait N=v | -1 | interrupted
+        wait | n*161 | !OK | %wait n*161=v | 0
+        wait | n*162 | | nothing | -1
+        command | save | !OK | %save | 0
+        command | x | !ERR | %x | -1
+        command | x | !ERR NOENT | %x | -1 NOENT
+        command | x | !ERR x*119 | %x | -1 x*119
+        command | x | !ERR x*500 | %x | -1 x*120
+        command | x | x*500 | %x | -1
+        command | x | | %x | -1 | no answer
+        command | c*32 | !OK | %c*32 | 0
+        command | c*33 | | nothing | -1
+        reload | | !OK | %reload | 0
+        reset | | !OK | %reset | 0
+        save | | !ERR | %save | -1
+        apply | | !OK | %apply | 0
+        list | | !OK | %list | 0
+        list | | >A="1"\n,,junk,!OKK,!ERR,>B=2 ",>C="x,>D="y"z,>=,!OK | %list | 0 A=1;B=2 ";C=x;D=y;=;
+        list | | >A="x*500,!OK | %list | 0 A=x*157;
+        list | | >A=1,>STOP=2,>B=3,>,!OK | %list | 0 A=1;STOP=2;
+        list | | >A=1,>B,!OK | %list | -1 A=1;
+        list | | signal | %list | -1)")) {
+        SCOPED_TRACE(row[0] + " " + row[1] + " | " + row[2]);
+        log.clear();
+        std::string result = call_and_serve(row[0], repeated(row[1]), repeated(row[2]));
+        while (result.ends_with(' '))
+            result.pop_back();
+        EXPECT_EQ(asked, repeated(row[3]));
+        EXPECT_EQ(result, repeated(row[4]));
+        const std::string said = row.size() < 6 ? "" : row[5];
+        EXPECT_EQ(log.text(), said == "no answer" ? no_answer : said == "interrupted" ? interrupted : "");
+    }
+}
+
+TEST_F(client_test, failures_of_the_system)
+{
+    for (const char *name : {"get", "set", "flags", "noreply", "wait", "command", "save", "list"}) {
+        SCOPED_TRACE(name);
+        log.clear();
+        const int descriptors = open_descriptors();
+        for (const calls kind : {SOCKET, BIND, SENDTO}) {
+            fail_call(kind, 1);
+            const std::string result = call(name, "N");
+            EXPECT_TRUE(end_failing());
+            EXPECT_EQ(result.substr(0, 2), name == std::string("get") ? "nu" : "-1");
+        }
+        call_and_serve(name, "N", ">N=,!OK");
+        EXPECT_EQ(open_descriptors(), descriptors);
+        const std::string not_sent =
+            "syscfg: cannot send to /tmp/.syscfg-server: No buffer space available\n";
+        EXPECT_EQ(log.text(), "syscfg: cannot create socket: Too many open files\n" +
+                                  (name == std::string("list") ? "" : not_sent));
+    }
+    log.clear();
+    close(std::exchange(server, -1));
+    EXPECT_EQ(call("set", "N"), "-1");
+    unlink(path.sun_path);
+    EXPECT_EQ(call("get", "N"), "null");
+    EXPECT_EQ(log.text(), "syscfg: cannot send to /tmp/.syscfg-server: Connection refused\n"
+                          "syscfg: cannot send to /tmp/.syscfg-server: No such file or directory\n");
+}
+
+TEST_F(client_test, one_call_at_a_time_in_a_process)
+{
+    before_recv = [this] {
+        serve(">outer");
+        EXPECT_EQ(syscfg_get("INNER"), nullptr);
+        EXPECT_EQ(errno, EADDRINUSE);
+        const pid_t other = fork();
+        if (other == 0)
+            _exit(syscfg_set_flags("OTHER", "1", SYSCFG_NOREPLY));
+        int status = -1;
+        EXPECT_TRUE(waitpid(other, &status, 0) == other && status == 0);
+    };
+    EXPECT_STREQ(syscfg_get("OUTER"), "outer");
+    EXPECT_EQ(log.text(), "");
+}
+
+} // namespace

@@ -52,6 +52,7 @@ int app_init(int argc, char **argv, const app_option *options, const char *appna
         app_opt_env(options);
     }
     symbols_load();
+    crash_init(reinterpret_cast<uintptr_t>(__builtin_frame_address(0)));
     debug_server_init();
     scheduler_init(&app_scheduler);
     install_handlers();

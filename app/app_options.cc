@@ -5,8 +5,10 @@
 #include "app/memory.h"
 #include "app/text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -315,11 +317,16 @@ ssize_t read_line(FILE *file, std::span<char> line)
     return c == EOF && length == 0 ? -1 : static_cast<ssize_t>(length);
 }
 
+bool is_comment(std::string_view line)
+{
+    return skip_space(line).starts_with('#');
+}
+
 // False when the line names no option.
 bool take_line(const app_option *options, char *line)
 {
     const std::string_view text = trim_end(skip_space(line));
-    if (text.empty() || text.front() == '#')
+    if (text.empty() || is_comment(text))
         return true;
     line[text.data() + text.size() - line] = '\0';
     const size_t equals = text.find('=');
@@ -430,7 +437,8 @@ void app_conf_load(const app_option *options, FILE *file)
         if (length < 0)
             return;
         // Of a line that is too long nothing is believed, its end least of all.
-        if (static_cast<size_t>(length) > line_max || !take_line(options, line))
+        const bool fits = static_cast<size_t>(length) <= line_max;
+        if (!(fits ? take_line(options, line) : is_comment(line)))
             print_error("invalid line %d\n", number);
     }
 }

@@ -47,7 +47,8 @@ const void *app_opt_value(const char *name);
 // "" and is not set in this sense: ask app_opt_get for it.
 int app_opt_isset(const char *name);
 
-// Stores a value; 0, or -1 when it is missing, not what the type wants, or memory is out.
+// Stores a value; 0, or -1 when it is missing, not what the type wants (a number has to fit an int), or
+// memory is out.
 int app_opt_set(const app_option *entry, const char *value);
 
 // The three sources. A mistake on the command line ends the program; one in a file is told and passed over.
@@ -56,5 +57,5 @@ void app_conf_load(const app_option *options, FILE *file);
 void app_conf_load_all(const app_option *options, const char *appname);
 void app_opt_env(const app_option *options);
 
-// Forgets all values.
+// Forgets all values, for a program that begins anew.
 void app_opt_clear();

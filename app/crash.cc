@@ -12,7 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
+#include <optional>
 #include <poll.h>
+#include <span>
 #include <unistd.h>
 
 // Where the linker has laid our own code.
@@ -25,10 +28,13 @@ constexpr char serial_console[] = "/dev/ttyS0";
 constexpr char unknown_function[] = "????";
 constexpr size_t frames_max = 256;
 constexpr size_t text_max = 4096;
-constexpr uintptr_t library_frames_size = 4096;
+constexpr uintptr_t library_frames_size = 16384;
 constexpr int last_closed_fd = 255;
 constexpr size_t chunk_size = 1024; // what a terminal that has any room takes without waiting
 constexpr int console_patience_ms = 1000;
+
+// The frame of the function that started the runtime; main's.
+uintptr_t outermost_fp;
 
 void *frames[frames_max];
 char text[text_max];
@@ -37,13 +43,15 @@ sockaddr *debug_server;
 socklen_t debug_server_length;
 int debug_server_fd = -1;
 
-// The frame whose record may be read at p, or null. stack_top alone would let through what lies between the
-// stack and the kernel's own pages above it.
-const frame_record *frame_at(uintptr_t p, uintptr_t low)
+// The record at p, where one may be read. stack_top alone would let through what lies between the stack and
+// the kernel's own pages above it. Sanitizers think that nobody may read other functions' frames.
+__attribute__((no_sanitize("address"))) std::optional<frame_record> frame_at(uintptr_t p, uintptr_t low)
 {
     const bool on_stack = low >= stack_begin && p >= low && p <= stack_top && p < stack_end &&
                           stack_end - p >= sizeof(frame_record);
-    return on_stack && p % alignof(frame_record) == 0 ? reinterpret_cast<const frame_record *>(p) : nullptr;
+    if (!on_stack || p % alignof(frame_record) != 0)
+        return {};
+    return *reinterpret_cast<const frame_record *>(p);
 }
 
 const char *name_of(const void *addr)
@@ -58,46 +66,73 @@ bool is_own_code(uintptr_t addr)
            addr < reinterpret_cast<uintptr_t>(&etext);
 }
 
-// The first frame above sp that leads from our own code to another frame of it; 0 when there is none.
-uintptr_t nearest_frame(uintptr_t sp)
+// Whether the frames from fp on are those of our own code up to the program's outermost function.
+bool leads_home(uintptr_t fp, uintptr_t low)
 {
-    sp += -sp % alignof(frame_record);
-    for (uintptr_t p = sp; p - sp < library_frames_size; p += alignof(frame_record)) {
-        const frame_record *frame = frame_at(p, sp);
-        const frame_record *caller = frame ? frame_at(frame->caller_fp - frame_record_below_fp, p) : nullptr;
-        if (caller && is_own_code(frame->return_address) && is_own_code(caller->return_address))
-            return p + frame_record_below_fp;
+    while (fp != outermost_fp) {
+        const uintptr_t p = fp - frame_record_below_fp;
+        const auto frame = frame_at(p, low);
+        if (!frame || !can_be_frame(*frame, p) || !is_own_code(frame->return_address))
+            return false;
+        low = p + sizeof(frame_record);
+        fp = frame->caller_fp;
     }
-    return 0;
+    return true;
 }
 
-// The length of the text; a line that does not fit is left out, and so is what follows it.
-size_t format_frames(int count)
+// The C library has no frames, and keeps in the frame pointer what it likes: then ours end below its own.
+uintptr_t nearest_frame(const code_position &at)
+{
+    if (leads_home(at.fp, at.sp))
+        return at.fp;
+    const uintptr_t first = at.sp + -at.sp % alignof(frame_record);
+    for (uintptr_t p = first; p - first < library_frames_size; p += alignof(frame_record)) {
+        if (leads_home(p + frame_record_below_fp, at.sp))
+            return p + frame_record_below_fp;
+    }
+    return at.fp;
+}
+
+// A call that never returns may be the last of its function: the address behind it belongs to the next one.
+const char *name_of_caller(const void *return_address)
+{
+    return name_of(static_cast<const char *>(return_address) - 1);
+}
+
+// A line that does not fit is left out.
+std::span<const char> format_frames(int count)
 {
     size_t length = 0;
     for (int i = 0; i < count; ++i) {
         const size_t room = text_max - length;
-        const int line = snprintf(text + length, room, "%d: %s:[%p]\n", i, name_of(frames[i]), frames[i]);
-        if (line < 0 || static_cast<size_t>(line) >= room)
-            break;
-        length += static_cast<size_t>(line);
+        const char *name = i == 0 ? name_of(frames[i]) : name_of_caller(frames[i]);
+        const int line = snprintf(text + length, room, "%d: %s:[%p]\n", i, name, frames[i]);
+        if (line > 0 && static_cast<size_t>(line) < room)
+            length += static_cast<size_t>(line);
     }
-    return length;
+    return {text, length};
 }
 
 // A console that is stopped, or a pipe that nobody reads, must not keep a crashed program from its end.
-void write_patiently(int fd, size_t length)
+void write_patiently(int fd, std::span<const char> rest)
 {
-    size_t done = 0;
-    while (done < length) {
+    while (!rest.empty()) {
         pollfd console = {fd, POLLOUT, 0};
         if (poll(&console, 1, console_patience_ms) <= 0)
             return;
-        const ssize_t written = write(fd, text + done, std::min(length - done, chunk_size));
+        const ssize_t written = write(fd, rest.data(), std::min(rest.size(), chunk_size));
         if (written <= 0)
             return;
-        done += static_cast<size_t>(written);
+        rest = rest.subspan(static_cast<size_t>(written));
     }
+}
+
+// What is opened next would take its place, flash perhaps, and get the next dump.
+void hold_descriptor_0()
+{
+    unique_fd lowest(open("/dev/null", O_RDWR));
+    if (lowest.get() == STDIN_FILENO)
+        lowest.release();
 }
 
 void put_away(int fd)
@@ -123,21 +158,24 @@ const char *signal_name(int sig, std::span<char> other)
 
 void dump_interrupted(const void *context)
 {
-    code_position at = position_of(*static_cast<const ucontext_t *>(context));
-    if (!library_keeps_fp && !is_own_code(at.pc) && !frame_at(at.fp - frame_record_below_fp, at.sp))
-        at.fp = nearest_frame(at.sp);
-    dump_stack(at.fp, at.sp, at.pc);
+    const code_position at = position_of(*static_cast<const ucontext_t *>(context));
+    dump_stack(nearest_frame(at), at.sp, at.pc);
+}
+
+void unblock(int sig)
+{
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, sig);
+    sigprocmask(SIG_UNBLOCK, &one, nullptr);
 }
 
 // A background job of a shell has SIGQUIT ignored, and to go on would crash again without end. The first
 // process of a PID namespace has no default action at all.
 [[noreturn]] void end_by_quit()
 {
-    sigset_t quit;
-    sigemptyset(&quit);
-    sigaddset(&quit, SIGQUIT);
     signal(SIGQUIT, SIG_DFL);
-    sigprocmask(SIG_UNBLOCK, &quit, nullptr);
+    unblock(SIGQUIT);
     raise(SIGQUIT);
     _exit(128 + SIGQUIT);
 }
@@ -149,7 +187,7 @@ int backtrace_walk(uintptr_t fp, uintptr_t low, void **out, int max)
     int count = 0;
     uintptr_t p = fp - frame_record_below_fp;
     while (count < max) {
-        const frame_record *frame = frame_at(p, low);
+        const auto frame = frame_at(p, low);
         if (!frame)
             break;
         out[count++] = reinterpret_cast<void *>(frame->return_address);
@@ -164,7 +202,7 @@ __attribute__((noinline)) int app_backtrace(void **out, int max)
     const auto own = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     uintptr_t fp = own;
     for (int skipped = 0; skipped < 2; ++skipped) {
-        const frame_record *frame = frame_at(fp - frame_record_below_fp, own - frame_record_below_fp);
+        const auto frame = frame_at(fp - frame_record_below_fp, own - frame_record_below_fp);
         if (!frame)
             return 0;
         fp = frame->caller_fp;
@@ -178,7 +216,7 @@ __attribute__((noinline)) int app_backtrace_symbols(const char **names, int max)
         max > 0 ? static_cast<void **>(calloc(static_cast<size_t>(max), sizeof(void *))) : nullptr);
     const int count = found ? app_backtrace(found.get(), max) : 0;
     for (int i = 0; i < count; ++i)
-        names[i] = name_of(found.get()[i]);
+        names[i] = name_of_caller(found.get()[i]);
     return count;
 }
 
@@ -186,13 +224,13 @@ void dump_stack(uintptr_t fp, uintptr_t sp, uintptr_t pc)
 {
     frames[0] = reinterpret_cast<void *>(pc);
     const int count = backtrace_walk(fp, sp, &frames[1], frames_max - 1);
-    const size_t length = format_frames(count);
-    send_debug_message(text, length);
-    write_patiently(STDIN_FILENO, length);
+    const std::span<const char> lines = format_frames(count);
+    send_debug_message(lines.data(), lines.size());
+    write_patiently(STDIN_FILENO, lines);
     put_away(STDIN_FILENO);
     const unique_fd serial(open(serial_console, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
     if (serial)
-        write_patiently(serial.get(), length);
+        write_patiently(serial.get(), lines);
 }
 
 void close_descriptors()
@@ -205,8 +243,15 @@ void send_debug_message(const void *buffer, size_t length)
 {
     if (!debug_server)
         return;
-    log_trace(LOG_HERE, "sending info to debug server...");
+    if (log_ready(console_patience_ms))
+        log_trace(LOG_HERE, "sending info to debug server...");
     sendto(debug_server_fd, buffer, length, MSG_DONTWAIT | MSG_NOSIGNAL, debug_server, debug_server_length);
+}
+
+void crash_init(uintptr_t fp)
+{
+    if (const auto frame = frame_at(fp - frame_record_below_fp, stack_begin))
+        outermost_fp = frame->caller_fp;
 }
 
 void debug_server_init()
@@ -223,7 +268,8 @@ void debug_server_init()
     memcpy(copy, &parsed, length);
     debug_server = copy;
     debug_server_length = length;
-    debug_server_fd = socket(copy->sa_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const unique_fd sock(socket(copy->sa_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    debug_server_fd = fcntl(sock.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // not in the way of a dump
     const int on = 1;
     setsockopt(debug_server_fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
 }
@@ -234,13 +280,17 @@ int install_handler(int sig, signal_handler handler)
     action.sa_sigaction = handler;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
     sigfillset(&action.sa_mask);
-    return sigaction(sig, &action, nullptr);
+    if (sigaction(sig, &action, nullptr) < 0)
+        return -1;
+    unblock(sig); // whoever started us may have left it blocked
+    return 0;
 }
 
 void fatal_signal_handler(int sig, siginfo_t *, void *context)
 {
     char other[24];
-    log_printf(0, "%s!\n", signal_name(sig, other));
+    if (log_ready(console_patience_ms))
+        log_printf(0, "%s!\n", signal_name(sig, other));
     dump_interrupted(context);
     log_flush();
     close_descriptors();
@@ -252,8 +302,10 @@ void sig_alrm_handler(int sig, siginfo_t *, void *context)
     if (sig != SIGALRM)
         return;
     const int interrupted_errno = errno;
-    log_trace(LOG_HERE, "SIGALRM caught!!!!!!");
+    if (log_ready(console_patience_ms))
+        log_trace(LOG_HERE, "SIGALRM caught!!!!!!");
     dump_interrupted(context);
+    hold_descriptor_0();
     if (install_handler(SIGALRM, sig_alrm_handler) < 0) {
         dprintf(STDOUT_FILENO, "signal error: %s\n", strerror(errno));
         exit(1);

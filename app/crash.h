@@ -6,8 +6,9 @@
 // debug_server_init, to descriptor 0 (the console of the device), which is closed then, and to the serial
 // console. Each of them is tried whatever becomes of the others, and none is waited for longer than a moment.
 //
-// Everything from dump_stack on may run in a signal handler: nothing allocates, nothing outside the stack is
-// read, and both handlers hold all other signals off, since a dump's buffers are static.
+// Everything from dump_stack on may run in a signal handler: nothing allocates, nothing but the stack and the
+// table of symbols is read, and both handlers hold all other signals off, since a dump's buffers are static.
+// A crash inside the C library, which has no frames, is shown from the nearest frame of the program on.
 #pragma once
 
 #include <csignal>
@@ -31,6 +32,10 @@ void dump_stack(uintptr_t fp, uintptr_t sp, uintptr_t pc);
 // One datagram to the debug server, if there is one. Errors are ignored.
 void send_debug_message(const void *buffer, size_t length);
 
+// Tells where the program's frames end: in the function that called the one of this frame pointer, and that
+// never returns. After symbols_load.
+void crash_init(uintptr_t fp);
+
 // Takes the debug server from the environment: DEBUG_SERVER=A.B.C.D:PORT, which may be a broadcast address.
 void debug_server_init();
 
@@ -39,8 +44,8 @@ void close_descriptors();
 
 using signal_handler = void (*)(int sig, siginfo_t *info, void *context);
 
-// Installs a handler that is told the interrupted code and that no other signal interrupts. 0, or -1 with
-// errno set.
+// Installs a handler that is told the interrupted code and that no other signal interrupts, and unblocks its
+// signal. 0, or -1 with errno set.
 int install_handler(int sig, signal_handler handler);
 
 // Dumps, closes every descriptor and ends the process by SIGQUIT.

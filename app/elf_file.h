@@ -2,6 +2,7 @@
 // against the file's size where it is used.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -102,7 +103,8 @@ class elf_file {
     const char *check_header()
     {
         std::array<unsigned char, EI_NIDENT> ident = {};
-        memcpy(ident.data(), bytes_.data(), std::min(bytes_.size(), ident.size()));
+        const auto *bytes = reinterpret_cast<const unsigned char *>(bytes_.data());
+        std::copy_n(bytes, std::min(bytes_.size(), ident.size()), ident.begin());
         if (memcmp(ident.data(), ELFMAG, SELFMAG) != 0)
             return "not a valid ELF file\n";
         if (ident[EI_CLASS] != Layout::file_class)

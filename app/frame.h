@@ -17,7 +17,14 @@ struct frame_record {
     uintptr_t caller_fp, caller_sp, return_address;
 };
 constexpr uintptr_t frame_record_below_fp = sizeof(frame_record);
-constexpr bool library_keeps_fp = true;
+
+// Whether such a record can stand at p: above it are the saved pc, arguments that a variadic function has
+// pushed, and the caller's stack.
+inline bool can_be_frame(const frame_record &record, uintptr_t p)
+{
+    const uintptr_t above = record.caller_sp - p;
+    return above >= 16 && above <= 32;
+}
 
 inline code_position position_of(const ucontext_t &context)
 {
@@ -32,7 +39,12 @@ struct frame_record {
     uintptr_t caller_fp, return_address;
 };
 constexpr uintptr_t frame_record_below_fp = 0;
-constexpr bool library_keeps_fp = false; // abort() of the C library ends with a number of its own in it
+
+// Whether such a record can stand at p.
+inline bool can_be_frame(const frame_record &, uintptr_t p)
+{
+    return p % 16 == 0;
+}
 
 inline code_position position_of(const ucontext_t &context)
 {

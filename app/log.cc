@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <string_view>
 #include <unistd.h>
 
@@ -140,6 +141,12 @@ ssize_t log_write(const void *buffer, size_t length)
 void log_flush()
 {
     fsync(log_fd);
+}
+
+bool log_ready(int patience_ms)
+{
+    pollfd reader = {log_fd, POLLOUT, 0};
+    return poll(&reader, 1, patience_ms) > 0;
 }
 
 int log_open(const char *path)

@@ -27,6 +27,9 @@ void log_printf(int level, const char *format, ...) __attribute__((format(printf
 ssize_t log_write(const void *buffer, size_t length);
 void log_flush();
 
+// Whether a line can be written now, or within so long, without waiting for the log's reader.
+bool log_ready(int patience_ms);
+
 // Makes path, emptied, the log; 0, or -1 and the log stays where it is.
 int log_open(const char *path);
 

@@ -5,11 +5,14 @@
 #include "app/log.h"
 #include "app/memory.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <type_traits>
+#include <unistd.h>
 
 uintptr_t stack_top;
 uintptr_t stack_begin;
@@ -21,7 +24,7 @@ using own_layout = std::conditional_t<sizeof(void *) == 4, elf32_layout, elf64_l
 
 constexpr size_t line_max = 255;
 constexpr size_t path_max = 255;
-constexpr rlim_t most_stack = 8 << 20;
+constexpr rlim_t most_stack = 64 << 20; // where there is no limit
 
 symbol *symbols;
 

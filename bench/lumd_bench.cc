@@ -1,7 +1,8 @@
 // What the daemon costs beside the bare system calls: a query beside a server that only polls, receives and
-// sends, a start beside a vfork and execv of the same program. Everything runs on one processor, and the
-// sides take turns; a round's figure is the median of its measurements, the reported one the median of the
-// rounds. Runs inside the virtual device, where the daemon's paths are its own.
+// sends, a start beside a vfork and execv of the same program, a value read by the command beside a process
+// that does nothing. Everything runs on one processor, and the sides take turns; a round's figure is the
+// median of its measurements, the reported one the median of the rounds. Runs inside the virtual device,
+// where the daemon's paths are its own.
 #include "bench/clock.h"
 
 #include <algorithm>
@@ -29,8 +30,12 @@ constexpr const char *program = "/opt/bin/first_instruction";
 constexpr const char *service_file = "/tmp/bench.conf";
 constexpr std::string_view service_text = "service probe\nexec /opt/bin/first_instruction\n";
 constexpr std::string_view query = "?HOSTNAME";
+constexpr const char *get_command[] = {"/usr/bin/syscfg", "get", "HOSTNAME", nullptr};
+constexpr const char *nothing_command[] = {"/opt/bin/nothing", nullptr};
 constexpr const char *daemon_socket = "/tmp/.syscfg-server";
 constexpr const char *bare_socket = "/tmp/.bare-server";
+
+const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
 
 template <typename Result>
 Result check(Result result, const char *what)
@@ -164,6 +169,23 @@ double time_start(int reports, int fifo)
     return microseconds(at - begin);
 }
 
+// ---- the command ----
+
+// From its vfork to its end.
+double time_process(const char *const *argv)
+{
+    const int64_t begin = monotonic_ns();
+    const pid_t pid = vfork();
+    if (pid == 0) {
+        dup2(nowhere, STDOUT_FILENO);
+        execv(argv[0], const_cast<char *const *>(argv));
+        _exit(127);
+    }
+    int status = -1;
+    expect(waitpid(pid, &status, 0) == pid && status == 0, argv[0]);
+    return microseconds(monotonic_ns() - begin);
+}
+
 // ---- the daemon and the figures ----
 
 pid_t run_daemon()
@@ -258,6 +280,9 @@ int main(int argc, char **argv)
     add_figure(
         "start", 100, [&] { return settle(client), time_start(reports, fifo); },
         [&] { return settle(client), time_bare_start(reports); });
+    add_figure(
+        "syscfg get", 100, [] { return time_process(get_command); },
+        [] { return time_process(nothing_command); });
     benchmark::RunSpecifiedBenchmarks(&reporter);
     std::fclose(reporter.output);
 }

@@ -12,17 +12,23 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 
 # Frames stay walkable for the call stack of a crash report, and a program runs where its symbols say.
-add_compile_options(-fno-omit-frame-pointer -ffunction-sections -fdata-sections)
+add_compile_options(-fno-omit-frame-pointer -fno-optimize-sibling-calls -ffunction-sections -fdata-sections)
+# Nothing of a function comes before its frame, or a crash there hides the caller.
+add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fno-schedule-insns2> $<$<CXX_COMPILER_ID:GNU>:-fno-shrink-wrap>)
 add_compile_options($<$<NOT:$<BOOL:$<TARGET_PROPERTY:POSITION_INDEPENDENT_CODE>>>:-fno-pie>)
 add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-no-pie>)
 add_compile_options(-Wall -Wextra -Werror -Wshadow -Wformat=2 -Wvla -Wundef -Wcast-qual -Wpointer-arith)
 add_link_options(-Wl,--gc-sections -Wl,--as-needed)
 
+# What ships is built for its symbols file too, which is to be the same wherever the sources lie.
+set(house_shipped_options -fno-exceptions -fno-rtti
+    -g -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=.)
+
 # One folder is one static library; its include path is the root of the repository.
 function(house_library name)
     add_library(${name} STATIC ${ARGN})
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
-    target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti -fno-threadsafe-statics)
+    target_compile_options(${name} PRIVATE ${house_shipped_options} -fno-threadsafe-statics)
 endfunction()
 
 # Every call out of the target's programs goes to __wrap_CALL, which finds what it replaces as __real_CALL. Where

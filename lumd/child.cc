@@ -38,6 +38,7 @@ pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)())
     sigprocmask(SIG_SETMASK, &none, nullptr);
     close_inherited();
     execv(path, argv);
+    signal(SIGPIPE, SIG_IGN); // the log may have lost its reader
     exec_failed();
     _exit(-1);
 }

@@ -207,10 +207,15 @@ void proc_svcent_signal_init()
     }
     if (app_add_fd(child_pipe[0], POLLIN, &child_list, proc_svcent_signalCallback) < 0) {
         log_failed(LOG_HERE);
-        // The next entry tries again.
+        // The next start tries again.
         for (int &end : child_pipe)
             close(std::exchange(end, -1));
+        return;
     }
+    // For what ended before there was a pipe; 0 is nobody's pid.
+    const pid_t nobody = 0;
+    if (notice_lost && write(child_pipe[1], &nobody, sizeof nobody) < 0)
+        log_failed(LOG_HERE);
 }
 
 proc_svcent *as_process(svcent *entry)
@@ -221,6 +226,7 @@ proc_svcent *as_process(svcent *entry)
 int proc_svcent_start(svcent *base, int, char *const *argv, const svcfg *)
 {
     proc_svcent *entry = as_process(base);
+    child_reaper_init();
     if (entry->pid > 0 || entry->state == SVCENT_STARTED) {
         entry->start_wanted = entry->state == SVCENT_STOPPED;
         return 0;

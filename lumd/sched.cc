@@ -76,6 +76,11 @@ std::optional<int> calc_timeout(time_of_day at)
         return {};
     if (then <= now)
         then += day_s;
+    if (then <= now) { // a day of 25 hours
+        ++local.tm_mday;
+        local.tm_isdst = -1;
+        then = mktime(&local);
+    }
     const int left = static_cast<int>(then - now);
     log_trace(LOG_HERE, "timout=%d", left);
     return left;

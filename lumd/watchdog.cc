@@ -60,13 +60,19 @@ void close_open(int &fd)
         close(std::exchange(fd, -1));
 }
 
+void start_timer(timer *timer, const char *func)
+{
+    if (!timer || timer_start(timer, 1) < 0)
+        log_failed(LOG_AS(func));
+}
+
 void watchdog_reset(void *ctx)
 {
     const watchdog_svcent *entry = as_watchdog(ctx);
     if (write(entry->wd_fd, &food, sizeof food) < 0) {
         // No device, or a driver in trouble: the hardware decides.
     }
-    timer_start(entry->reset_timer, 1);
+    start_timer(entry->reset_timer, __func__);
 }
 
 void led_blinking(void *ctx)
@@ -77,7 +83,7 @@ void led_blinking(void *ctx)
         print_error("ioctl %m\n");
     entry->blink_timer->period_ms =
         blink_period(entry, least_blink_ms, static_cast<int>(entry->blink_timer->period_ms));
-    timer_start(entry->blink_timer, 1);
+    start_timer(entry->blink_timer, __func__);
 }
 
 int watchdog_stop(svcent *base, char *const *)
@@ -96,8 +102,7 @@ int watchdog_stop(svcent *base, char *const *)
 timer *started_timer(uint32_t period_ms, svcent *entry, timer_callback callback, const char *name)
 {
     timer *made = timer_new(period_ms, entry, callback, name);
-    if (!made || timer_start(made, 1) < 0)
-        log_failed(LOG_AS("watchdog_start"));
+    start_timer(made, "watchdog_start");
     return made;
 }
 
@@ -124,7 +129,7 @@ int watchdog_reload(svcent *base, char *const *)
         return 0;
     timer_stop(entry->blink_timer);
     entry->blink_timer->period_ms = blink_period(entry, least_blink_ms, default_blink_ms);
-    timer_start(entry->blink_timer, 1);
+    start_timer(entry->blink_timer, __func__);
     return 0;
 }
 

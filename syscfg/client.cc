@@ -30,12 +30,38 @@ void report(const char *step, const char *peer)
     errno = error;
 }
 
-// The socket of one call.
+int create_socket()
+{
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        report("create socket", "");
+    return fd;
+}
+
+void fill_address(sockaddr_un *address)
+{
+    memset(address, 0, sizeof *address);
+    address->sun_family = AF_UNIX;
+}
+
+void fill_server_address(sockaddr_un *address)
+{
+    fill_address(address);
+    memcpy(address->sun_path, server_path, sizeof server_path);
+}
+
+// The socket of one call. An answer that nobody waits for would reach the next call, under the same name, in
+// the place of that one's own; to a socket without a name there is none.
 struct client_socket {
     sockaddr_un server;
     const int fd;
 
-    client_socket() : fd(syscfg_client_open(&server)) {}
+    explicit client_socket(bool takes_answer = true)
+        : fd(takes_answer ? syscfg_client_open(&server) : create_socket())
+    {
+        if (!takes_answer)
+            fill_server_address(&server);
+    }
     client_socket(const client_socket &) = delete;
     client_socket &operator=(const client_socket &) = delete;
     ~client_socket()
@@ -46,19 +72,19 @@ struct client_socket {
         errno = error;
     }
 
-    [[nodiscard]] int send(const void *request, size_t length) const
+    [[nodiscard]] int send(const void *request, size_t length, int flags = 0) const
     {
         const auto *to = reinterpret_cast<const sockaddr *>(&server);
-        return static_cast<int>(sendto(fd, request, length, 0, to, sizeof server));
+        return static_cast<int>(sendto(fd, request, length, flags, to, sizeof server));
     }
     [[nodiscard]] int receive(void *reply, size_t size) const
     {
         errno = 0; // an empty answer is no error of the system
         return static_cast<int>(recv(fd, reply, size, 0));
     }
-    int send_or_report(const void *request, size_t length) const
+    int send_or_report(const void *request, size_t length, int flags = 0) const
     {
-        const int sent = send(request, length);
+        const int sent = send(request, length, flags);
         if (sent < 0)
             report("send to ", server_path);
         return sent;
@@ -138,13 +164,10 @@ bool split_line(char *line, const char *&name, const char *&value)
 
 int syscfg_client_open(sockaddr_un *address)
 {
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        report("create socket", "");
+    const int fd = create_socket();
+    if (fd < 0)
         return -1;
-    }
-    memset(address, 0, sizeof *address);
-    address->sun_family = AF_UNIX;
+    fill_address(address);
     snprintf(address->sun_path + 1, sizeof address->sun_path - 1, ".syscfg-client-%d",
              static_cast<int>(getpid()));
     if (bind(fd, reinterpret_cast<const sockaddr *>(address), sizeof *address) < 0) {
@@ -153,8 +176,7 @@ int syscfg_client_open(sockaddr_un *address)
         errno = error;
         return -1;
     }
-    memset(address->sun_path, 0, sizeof address->sun_path);
-    memcpy(address->sun_path, server_path, sizeof server_path);
+    fill_server_address(address);
     return fd;
 }
 
@@ -243,14 +265,17 @@ int syscfg_wait(const char *name, const char *value)
 
 int syscfg_set_flags(const char *name, const char *value, int flags)
 {
-    const client_socket client;
+    const bool takes_answer = !(flags & SYSCFG_NOREPLY);
+    const client_socket client(takes_answer);
     if (client.fd < 0)
         return -1;
     char text[value_size];
     const int length = format_assignment(text, sizeof text, "", name, value);
-    if (length < 0 || client.send_or_report(text, static_cast<size_t>(length)) < 0)
+    // The server's own thread cannot wait until the server has read.
+    const int how = takes_answer ? 0 : MSG_DONTWAIT;
+    if (length < 0 || client.send_or_report(text, static_cast<size_t>(length), how) < 0)
         return -1;
-    if (flags & SYSCFG_NOREPLY)
+    if (!takes_answer)
         return 0;
     return ok_or_failure(text, client.receive_or_report(text, sizeof text));
 }

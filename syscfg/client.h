@@ -18,7 +18,8 @@ extern "C" {
 
 struct sockaddr_un;
 
-/* For syscfg_set_flags: send and return. The one way to set from the thread that serves the requests. */
+/* For syscfg_set_flags: send and return, or fail with EAGAIN when the daemon is behind with its requests. The
+   one way to set from the thread that serves them. */
 #define SYSCFG_NOREPLY 16
 
 /* Room that the error text of syscfg_command takes, its terminator included. */

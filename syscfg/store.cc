@@ -129,6 +129,11 @@ size_t print_saved_text(const syscfg *db)
     for (const syscfg_var *var = db->vars; var; var = var->next) {
         if (!var->value || (var->flags & VAR_NOSAVE))
             continue;
+        // What follows the line end would be read as an assignment of its own.
+        if (strchr(var->value, '\n')) {
+            log_trace(LOG_AS("save_syscfg"), "cannot be saved: %s", var->name);
+            continue;
+        }
         const size_t used = std::min(length, sizeof text_buffer);
         length += static_cast<size_t>(
             snprintf(text_buffer + used, sizeof text_buffer - used, "%s=\"%s\"\n", var->name, var->value));

@@ -154,7 +154,7 @@ int main(int argc, char **argv)
         return optind < argc && known.name == argv[optind];
     });
     if (verb == std::end(verbs) || wanted.first == wanted.end)
-        take_common_option('?', nullptr, usage);
+        leave_with_usage(usage);
     std::for_each(wanted.first, wanted.end, check_name);
     signal(SIGPIPE, SIG_IGN);
     verb->run(open_fifo(), wanted);

@@ -28,12 +28,13 @@ constexpr char usage[] =
     "       syscfg apply [NAME...]                  tell the services what has changed\n"
     "       syscfg save | reload | reset            write flash and apply; load again; back to the defaults\n"
     "options: -q          say nothing on standard error\n"
-    "         -t SECONDS  wait so long for an answer of the daemon (30)\n"
+    "         -t SECONDS  wait so long for the daemon in all, watch for each round (30)\n"
     "Exit status: 0 done, 1 failed, 2 usage, 3 no such variable, 4 refused, 5 no answer in time, 6 no "
     "daemon,\n"
     "7 the flash could not be read or written.\n";
 
 constexpr size_t longest_request = 1024;
+constexpr size_t longest_name = 32;
 constexpr size_t longest_answer = 1 + 4096;
 constexpr long watch_period_ns = 200000000;
 
@@ -78,11 +79,29 @@ void prepare_limit()
     sigprocmask(SIG_UNBLOCK, &alarm_only, nullptr);
 }
 
+time_t deadline;
+
+time_t monotonic_seconds()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+// From now on, all that is asked together takes so long, and at most the second more that the clock hides.
+void begin_limit()
+{
+    deadline = monotonic_seconds() + seconds() + 1;
+}
+
 template <typename Call>
 int limited(Call call)
 {
     fflush(stdout);
-    alarm(static_cast<unsigned>(seconds()));
+    const time_t left = deadline - monotonic_seconds();
+    if (left <= 0)
+        end_late(SIGALRM);
+    alarm(static_cast<unsigned>(std::min<time_t>(left, seconds())));
     const int result = call();
     alarm(0);
     return result;
@@ -178,7 +197,8 @@ assignment split(std::string_view word)
     const std::string_view name(word.data(), equals);
     word.remove_prefix(equals + 1);
     // Anything else could be another request than an assignment.
-    if (!is_name(name.starts_with('@') ? std::string_view(name.data() + 1, name.size() - 1) : name))
+    if (name.size() > longest_name ||
+        !is_name(name.starts_with('@') ? std::string_view(name.data() + 1, name.size() - 1) : name))
         leave_refused(name, "!ERR NOENT");
     return {name, word};
 }
@@ -191,6 +211,8 @@ std::string_view send_assignment(std::string_view verb, const assignment &wanted
     const bool needs_quotes = !value.empty() && (is_space(value.front()) || is_space(value.back()));
     if (needs_quotes && value.find('"') != value.npos)
         leave(code_refused, "a value with a quote cannot begin or end with white space");
+    if (value.starts_with('"') && value.find('"', 1) != value.size() - 1)
+        leave(code_refused, "a value cannot begin with a quote that does not end it");
     request asked;
     for (const std::string_view part : {verb, wanted.name, std::string_view("=")})
         asked.add(part);
@@ -275,10 +297,22 @@ void get(words names)
     }
 }
 
+// The lines in flash end a value at a quote or a line end.
+void check_savable(std::string_view value)
+{
+    if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"'))
+        value = value.substr(1, value.size() - 2);
+    if (value.find_first_of("\"\n") != value.npos)
+        leave(code_refused, "a value with a quote or a line end cannot be saved");
+}
+
 void set(words assignments)
 {
-    for (const char *word : assignments)
-        split(word);
+    for (const char *word : assignments) {
+        const assignment wanted = split(word);
+        if (wants_save)
+            check_savable(wanted.value);
+    }
     for (const char *word : assignments) {
         const assignment wanted = split(word);
         const std::string_view answer = send_assignment("", wanted);
@@ -316,6 +350,8 @@ void list(words patterns)
 void wait(words assignments)
 {
     const assignment wanted = split(assignments[0]);
+    if (wanted.name.starts_with('@'))
+        leave_refused(wanted.name, "!ERR RONLY");
     const std::string_view answer = send_assignment("%wait ", wanted);
     if (answer == "!ERR NOENT") {
         value_of(wanted.name);
@@ -370,6 +406,7 @@ void reset(words)
     for (;;) {
         constexpr timespec period = {0, watch_period_ns};
         nanosleep(&period, nullptr);
+        begin_limit();
         for (variable &var : all) {
             const std::string_view value = value_of(var.name);
             if (value == var.value)
@@ -437,8 +474,9 @@ int main(int argc, char **argv)
     const bool is_odd =
         verb && ((wants_json && verb->run != list) || ((wants_apply || wants_save) && verb->run != set));
     if (!verb || is_odd)
-        take_common_option('?', nullptr, usage);
+        leave_with_usage(usage);
     prepare_limit();
+    begin_limit();
     verb->run(words(argv + optind + 1, argv + argc));
     leave_done();
 }

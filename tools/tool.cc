@@ -20,8 +20,10 @@ int given_seconds = 30;
 void be_quiet()
 {
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (nowhere >= 0)
-        dup2(nowhere, STDERR_FILENO);
+    if (nowhere < 0 || nowhere == STDERR_FILENO)
+        return;
+    dup2(nowhere, STDERR_FILENO);
+    close(nowhere); // perhaps the place of a closed standard output
 }
 
 int read_seconds(std::string_view text)
@@ -55,6 +57,12 @@ void leave_done()
     exit(code_done);
 }
 
+void leave_with_usage(const char *usage)
+{
+    dprintf(STDERR_FILENO, "%s", usage);
+    exit(code_usage);
+}
+
 void take_common_option(int letter, const char *value, const char *usage)
 {
     switch (letter) {
@@ -70,8 +78,7 @@ void take_common_option(int letter, const char *value, const char *usage)
         printf("%s %s\n", program_invocation_short_name, LUMD_VERSION);
         leave_done();
     default:
-        dprintf(STDERR_FILENO, "%s", usage);
-        exit(code_usage);
+        leave_with_usage(usage);
     }
 }
 

@@ -21,6 +21,9 @@ enum exit_code {
 // Ends the tool; not with success when its output could not be written.
 [[noreturn]] void leave_done();
 
+// Ends the tool with the usage on standard error.
+[[noreturn]] void leave_with_usage(const char *usage);
+
 // Takes the options that every tool has: -q, -t, -h and -V, whose letter it is; value is getopt's. Leaves
 // with the usage on any other.
 void take_common_option(int letter, const char *value, const char *usage);

@@ -210,7 +210,7 @@ void lumd_test::end_services()
 
 int lumd_test::parse(std::string conf)
 {
-    for (const auto &[mark, meant] : {std::pair(';', '\n'), {'^', '\t'}, {'$', '\r'}})
+    for (const auto &[mark, meant] : {std::pair(';', '\n'), {'^', '\t'}, {'$', '\r'}, {'@', '$'}})
         std::replace(conf.begin(), conf.end(), mark, meant);
     support::write_file("/etc/svc.conf", conf);
     manager = managers.emplace_back(lumd_create());

@@ -24,7 +24,7 @@ struct lumd_test : support::test {
     lumd_test();
     ~lumd_test() override;
 
-    // Reads configuration text, in which ";^$" stand for line end, tab and carriage return, into a new
+    // Reads configuration text, in which ";^$@" stand for line end, tab, carriage return and $, into a new
     // manager; the last index. load also makes it as lumd_init leaves it, but without control FIFO and with
     // the test's variables.
     int parse(std::string conf);
@@ -49,6 +49,7 @@ struct lumd_test : support::test {
 // The cells of the lines of a table, "a => b => c"; three, padded with empty ones. A line that begins with a
 // blank goes on where the one before ended.
 std::vector<std::array<std::string, 3>> table(std::string_view text);
+std::vector<std::string> split(std::string_view text, std::string_view separator);
 
 // Passes of the loop in real time, at a virtual clock that stands still, until done; false after ten seconds.
 bool eventually(const std::function<bool()> &done);

@@ -1,15 +1,18 @@
 #include "tests/support/support.h"
 
 #include "app/app.h"
+#include "device/board/board.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <pthread.h>
 #include <set>
 #include <sstream>
 #include <sys/mman.h>
@@ -66,12 +69,15 @@ void *uncounted(void *block)
     return block;
 }
 
-std::string redirected(std::string_view path)
+bool is_of_device(std::string_view path)
 {
     const auto leads = [path](const std::string &prefix) { return path.starts_with(prefix); };
-    const bool ours =
-        !device_root.empty() && std::any_of(device_prefixes.begin(), device_prefixes.end(), leads);
-    return ours ? device_path(path) : std::string(path);
+    return !device_root.empty() && std::any_of(device_prefixes.begin(), device_prefixes.end(), leads);
+}
+
+std::string redirected(std::string_view path)
+{
+    return is_of_device(path) ? device_path(path) : std::string(path);
 }
 
 // An address as the kernel is to see it.
@@ -147,14 +153,22 @@ std::string read_file(std::string_view path)
 
 namespace {
 
-// Pages that are never written cost nothing. A child of vfork writes here too, even where an emulator copies
-// it.
+// Pages that are never written cost nothing.
 struct shared_log {
     std::atomic<size_t> used;
     char text[32 << 20];
 };
-shared_log &captured = *static_cast<shared_log *>(
-    mmap(nullptr, sizeof(shared_log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+shared_log &new_log(void *at, int flags)
+{
+    return *static_cast<shared_log *>(
+        mmap(at, sizeof(shared_log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | flags, -1, 0));
+}
+// A child of vfork writes here too, even where an emulator copies it; a child of fork has its own.
+shared_log &captured = new_log(nullptr, 0);
+[[maybe_unused]] const int copies_at_fork = pthread_atfork(nullptr, nullptr, [] {
+    const std::string so_far(captured.text, captured.used);
+    captured.used = so_far.copy(new_log(&captured, MAP_FIXED).text, so_far.size());
+});
 
 void capture(const void *buffer, size_t size)
 {
@@ -265,6 +279,7 @@ test::test()
                        "/proc/net/", "/tmp/.syscfg-server", "/tmp/svcctl",    "/tmp/log/"};
     char name[] = "/tmp/device.XXXXXX";
     device_root = mkdtemp(name);
+    setenv("BOARD_DIR", device_path("/board").c_str(), 1);
     std::filesystem::create_directory(device_path("/tmp"));
 }
 
@@ -290,7 +305,12 @@ FAILING(ALLOC, ENOMEM, nullptr, void *, realloc, (void *old, size_t size),
 FAILING(ALLOC, ENOMEM, nullptr, void *, reallocarray, (void *old, size_t n, size_t size),
         counted(__real_reallocarray(uncounted(old), n, size)))
 WRAP(void, free, void *block) { __real_free(uncounted(block)); }
-FAILING(SOCKET, EMFILE, -1, int, socket, (int domain, int type, int protocol), __real_socket(domain, type, protocol))
+// A raw socket takes rights that tests do without.
+FAILING(SOCKET, EMFILE, -1, int, socket, (int domain, int type, int protocol),
+        (type & 15) == SOCK_RAW ? __real_socket(domain, SOCK_DGRAM | SOCK_CLOEXEC, 0)
+                                : __real_socket(domain, type, protocol))
+FAILING(OPEN, EMFILE, nullptr, FILE *, fopen, (const char *path, const char *mode),
+        __real_fopen(redirected(path).c_str(), mode))
 FAILING(BIND, EADDRINUSE, -1, int, bind, (int fd, const sockaddr *addr, socklen_t len),
         __real_bind(fd, MOVED(addr, len)))
 FAILING(CONNECT, ECONNREFUSED, -1, int, connect, (int fd, const sockaddr *addr, socklen_t len),
@@ -305,7 +325,16 @@ FAILING(MKFIFO, EROFS, -1, int, mkfifo, (const char *path, mode_t mode), __real_
 WRAP(int, unlink, const char *path) { return __real_unlink(redirected(path).c_str()); }
 WRAP(int, access, const char *path, int mode) { return __real_access(redirected(path).c_str(), mode); }
 WRAP(void, sync, ) { ++sync_count; }
+WRAP(time_t, time, time_t *out) { return real_time || out ? __real_time(out) : now_us / 1000000; }
 // clang-format on
+
+// In a child of vfork, which must not allocate.
+WRAP(int, execv, const char *path, char *const *argv)
+{
+    char there[PATH_MAX];
+    snprintf(there, sizeof there, "%s%s", is_of_device(path) ? device_root.c_str() : "", path);
+    return __real_execv(there, argv);
+}
 
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...)
@@ -314,7 +343,9 @@ int __wrap_open(const char *path, int flags, ...)
     va_start(args, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
     va_end(args);
-    const int fd = fails(OPEN, EMFILE) ? -1 : __real_open(redirected(path).c_str(), flags, mode);
+    int fd = fails(OPEN, EMFILE) ? -1 : board_open(path);
+    if (fd == BOARD_NOT_MINE)
+        fd = __real_open(redirected(path).c_str(), flags, mode);
     flash_fds.erase(fd);
     if (std::string_view(path).starts_with("/dev/mtdblock/"))
         flash_fds.insert(fd);
@@ -336,9 +367,10 @@ WRAP(ssize_t, write, int fd, const void *buffer, size_t size)
     if (fd == STDERR_FILENO)
         return captured_log::capturing ? static_cast<ssize_t>(size) : __real_write(fd, buffer, size);
     record(fd, "write ", static_cast<long>(size));
-    if (!fails(WRITE, EIO))
-        return __real_write(fd, buffer, size);
-    return failing.torn ? __real_write(fd, buffer, size / 2) : -1;
+    if (fails(WRITE, EIO))
+        return failing.torn ? __real_write(fd, buffer, size / 2) : -1;
+    const ssize_t done = board_write(fd, buffer, size);
+    return done != BOARD_NOT_MINE ? done : __real_write(fd, buffer, size);
 }
 
 WRAP(off_t, lseek, int fd, off_t to, int whence)

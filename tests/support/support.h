@@ -1,7 +1,7 @@
 // What lies under the objects in a test program, by -Wl,--wrap: a virtual clock, a device's root, the log,
 // and calls that fail. Calls that libc makes inside itself, and operator new, are not wrapped. The fixture
 // support::test begins and ends every test with the clock at 1,000,000 s, an empty root, no capture and no
-// failure.
+// failure. The virtual board has its files in the device's /board, once board_power_on has been called.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ namespace support {
 // never waits: when nothing is ready it runs on_idle, looks again, then adds the time-out to the clock.
 // Without on_idle a poll without end aborts, since nothing could ever happen.
 inline int64_t now_us;
-inline bool real_time; // poll and gettimeofday as they are
+inline bool real_time; // poll, gettimeofday and time as they are
 inline std::function<void()> on_idle;
 inline std::vector<int> poll_timeouts; // of all polls since the test began
 
@@ -29,7 +29,8 @@ bool run_until(const std::function<bool()> &done, int64_t ms);
 void run_for(int64_t ms);
 
 // The device's files: a path that begins with one of device_prefixes is taken below device_root by open,
-// unlink, mkfifo, access and by bind, connect and sendto of Unix sockets. No other path is touched.
+// fopen, unlink, mkfifo, access, execv and by bind, connect and sendto of Unix sockets. No other path is
+// touched.
 inline std::vector<std::string> device_prefixes;
 inline std::string device_root; // a temporary directory, made and removed by the fixture
 inline std::string device_path(std::string_view path)

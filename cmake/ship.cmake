@@ -1,0 +1,30 @@
+# What an installation takes of what was built: no more bytes than the device has use for, and beside them a file
+# with every name and line, for whoever reads a crash report on another machine.
+
+set(LUMD_STRIP all CACHE STRING "What the device goes without: all symbols, all but the names of functions, none")
+set_property(CACHE LUMD_STRIP PROPERTY STRINGS all names none)
+if(NOT LUMD_STRIP MATCHES "^(all|names|none)$")
+    message(FATAL_ERROR "LUMD_STRIP is all, names or none, not ${LUMD_STRIP}")
+endif()
+
+# Component "device" is what belongs on the device, below the prefix; component "symbols" stands where a debugger
+# looks for it.
+function(house_ship target destination)
+    set(shipped ${CMAKE_BINARY_DIR}/shipped/${target})
+    set(strip_all --strip-all)
+    set(strip_names --strip-all --keep-symbols=${shipped}.names)
+    set(strip_none)
+    add_custom_command(OUTPUT ${shipped} ${shipped}.debug
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/shipped
+        COMMAND ${CMAKE_NM} --defined-only --format=posix $<TARGET_FILE:${target}> |
+            sed -nE "s/ [tTwW] .*//p" > ${shipped}.names
+        COMMAND ${CMAKE_OBJCOPY} --only-keep-debug $<TARGET_FILE:${target}> ${shipped}.debug
+        COMMAND ${CMAKE_OBJCOPY} ${strip_${LUMD_STRIP}} --add-gnu-debuglink=${shipped}.debug
+            $<TARGET_FILE:${target}> ${shipped}
+        DEPENDS ${target}
+        VERBATIM)
+    add_custom_target(${target}_shipped ALL DEPENDS ${shipped})
+    install(PROGRAMS ${shipped} DESTINATION ${destination} COMPONENT device)
+    install(FILES ${shipped}.debug DESTINATION lib/debug${CMAKE_INSTALL_PREFIX}/${destination} COMPONENT symbols
+        PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+endfunction()

@@ -1,0 +1,22 @@
+// Takes a fuzz target over the files that are named, once, where libFuzzer is not at hand.
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+int main(int argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        printf("%s\n", argv[i]), fflush(stdout);
+        std::ifstream file(argv[i], std::ios::binary);
+        if (!file)
+            return 1;
+        const std::vector<char> text{std::istreambuf_iterator<char>(file), {}};
+        const std::vector<uint8_t> bytes(text.begin(), text.end());
+        LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+    }
+    return argc > 1 ? 0 : 1;
+}

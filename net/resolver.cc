@@ -126,7 +126,10 @@ void resolver_timeout_callback(void *ctx)
     }
     resolver_build_and_send_query(res);
     res->timer->period_ms = static_cast<uint32_t>(res->attempts) * 1000;
-    timer_start(res->timer, 1);
+    if (timer_start(res->timer, 1) < 0) { // nothing would ever end the query
+        log_failed(LOG_HERE);
+        report(res, RESOLVER_NO_ANSWER);
+    }
 }
 
 // True when the reply answers the question; the result is stored then.
@@ -241,7 +244,10 @@ int resolver_query(resolver *res, const char *name)
         memcpy(res->result, address, sizeof address);
         res->result[sizeof address] = '\0';
         res->result_len = sizeof address;
-        return app_scheduler_add(res, resolver_deliver, delivery_priority) < 0 ? -1 : 0;
+        if (app_scheduler_add(res, resolver_deliver, delivery_priority) == 0)
+            return 0;
+        log_failed(LOG_HERE);
+        return -1;
     }
     res->result_len = -1;
     for (uint8_t &byte : res->id)

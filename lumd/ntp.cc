@@ -100,9 +100,22 @@ void publish()
     syscfg_set_flags("NTP_SYNC", "1", SYSCFG_NOREPLY);
 }
 
+void ntp_resolverCallback(void *ctx, resolver *, int status);
+
+// Its socket may not have been there to be had at the try before.
+void open_resolver(ntp_svcent *entry)
+{
+    resolver_release(&entry->resolver);
+    if (resolver_init(&entry->resolver, RESOLVER_A, RESOLVER_IN) < 0)
+        log_failed(LOG_AS("ntp_start"));
+    resolver_set_callback(&entry->resolver, static_cast<svcent *>(entry), ntp_resolverCallback);
+}
+
 // The timer makes up for a query that could not be made, or whose end nobody tells.
 void begin_try(ntp_svcent *entry)
 {
+    if (entry->resolver.sock < 0)
+        open_resolver(entry);
     arm_retry(entry, lost_query_ms);
     if (resolver_query(&entry->resolver, entry->hostname) < 0)
         arm_retry(entry, reply_wait_ms);
@@ -213,6 +226,8 @@ void ntp_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
 void set_hostname(ntp_svcent *entry, std::string_view text)
 {
     text = text.substr(0, host_name_max);
+    if (text.empty())
+        return;
     if (!text.starts_with('$')) {
         copy_text(entry->hostname, text);
         return;
@@ -320,9 +335,6 @@ int ntp_start(svcent *base, int argc, char *const *argv, const svcfg *)
         return -1;
     entry->sock = sock.release();
     entry->tries = 0;
-    if (resolver_init(&entry->resolver, RESOLVER_A, RESOLVER_IN) < 0)
-        log_failed(LOG_HERE);
-    resolver_set_callback(&entry->resolver, base, ntp_resolverCallback);
     begin_try(entry);
     return 0;
 }

@@ -164,7 +164,7 @@ TEST_F(resolver_test, answers_are_decoded_by_their_type)
         {"www.a.b", {"\x0C\3www\xC0\x0C"}},
         {"a.b", {"\x0C\xC0\x15"}},
         {"x",
-         {"\x0C\1x\0\1y\0"s, "\x0C\1x\xC0\x21", "\x0C\1x\xC0\x23", "\x0C\1x\xC0\x30", "\x0C\1x\xC0\x0B"}},
+         {"\x0C\1x\0\1y\0"s, "\x0C\1x\xC0\x21", "\x0C\1x\xC0\x23", "\x0C\1x\xC0\x30", "\x0C\1x\xC0\x07"}},
         {"x", {"\x0C\1x\x40\x0C", "\x0C\1x\xFF\xFF", "\x0C\1x\xC0"}},
         {"zy", {"\x0C\5zy"}},
         {"mx.b", {"\x0F\0\5\2mx\xC0\x0E"s}},

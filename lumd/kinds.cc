@@ -15,10 +15,8 @@ struct builtin_kind {
 };
 
 constexpr builtin_kind builtin_kinds[] = {
-    {"watchdog", create_watchdog_svcent},
-    {"reboot", create_reboot_svcent},
-    {"netmon", create_netmon_svcent},
-    {"sched", create_sched_svcent},
+    {"watchdog", create_watchdog_svcent}, {"reboot", create_reboot_svcent}, {"netmon", create_netmon_svcent},
+    {"ntp", create_ntp_svcent},           {"sched", create_sched_svcent},
 };
 
 svcent *create_builtin_svcent(service_info *slot, const char *name, const char *first_word)

@@ -12,4 +12,5 @@ svcent *create_svcent(service_info *slot, const char *name, const char *first_wo
 svcent *create_watchdog_svcent(service_info *slot, const char *name); // watchdog
 svcent *create_reboot_svcent(service_info *slot, const char *name);   // reboot
 svcent *create_netmon_svcent(service_info *slot, const char *name);   // netmon [-n] INTERFACE
+svcent *create_ntp_svcent(service_info *slot, const char *name);      // ntp [OPTION...]
 svcent *create_sched_svcent(service_info *slot, const char *name);    // sched WHEN PROGRAM

@@ -1,0 +1,379 @@
+#include "app/app.h"
+#include "app/log.h"
+#include "app/memory.h"
+#include "app/text.h"
+#include "lumd/kinds.h"
+#include "net/net.h"
+#include "net/resolver.h"
+#include "syscfg/client.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr char log_module[] = "ntp";
+constexpr char default_server[] = LUMD_NTP_SERVER;
+constexpr int default_server_interval_s = 36000;
+constexpr int default_server_probes = 4;
+constexpr int usual_interval_s = 600;
+constexpr int longest_interval_s = UINT32_MAX / 1000;
+constexpr int unsynchronised_interval_s = 60;
+constexpr uint32_t reply_wait_ms = 5000;
+constexpr uint32_t lost_query_ms = 20000; // more than the resolver takes before it gives up
+constexpr uint16_t ntp_port = 123;
+constexpr uint8_t client_request = 0x1B; // version 3, mode 3
+constexpr size_t packet_size = 48;
+constexpr size_t transmit_seconds_at = 40, transmit_fraction_at = 44;
+constexpr uint32_t epoch_1970 = 2208988800U;
+constexpr uint32_t fractions_per_us = 4295;
+constexpr size_t host_name_max = 256;
+constexpr size_t words_max = svcfg_exec_max;
+
+enum ntp_sync { NTP_FAILED = -1, NTP_NEVER = 0, NTP_SYNCHRONISED = 1 };
+
+struct ntp_svcent : svcent {
+    int sock;
+    int probe_count; // tries a cycle, 0 without limit
+    char hostname[host_name_max + 1];
+    int interval; // seconds from a success to the next cycle
+    int tries;    // of this cycle
+    uint16_t local_port;
+    ::resolver resolver;
+    sockaddr_in server;
+    timer *retry_timer;
+    std::array<uint8_t, packet_size> reply;
+    int sync;
+};
+
+ntp_svcent *as_ntp(void *entry)
+{
+    return static_cast<ntp_svcent *>(static_cast<svcent *>(entry));
+}
+
+__attribute__((format(printf, 1, 2))) void print(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vdprintf(STDOUT_FILENO, format, args);
+    va_end(args);
+}
+
+// ---- cycles -------------------------------------------------------------------------------------------
+
+void ntp_retry(void *ctx);
+
+void arm_retry(ntp_svcent *entry, uint32_t period_ms)
+{
+    if (!entry->retry_timer)
+        entry->retry_timer = timer_new(period_ms, static_cast<svcent *>(entry), ntp_retry, "ntp_retry");
+    if (!entry->retry_timer) {
+        log_failed(LOG_HERE);
+        return;
+    }
+    entry->retry_timer->period_ms = period_ms;
+    if (timer_start(entry->retry_timer, 1) < 0)
+        log_failed(LOG_HERE);
+}
+
+void ntp_schedule(ntp_svcent *entry)
+{
+    const int interval = std::clamp(entry->interval, 1, longest_interval_s);
+    const int seconds =
+        entry->sync == NTP_SYNCHRONISED ? interval : std::min(interval, unsynchronised_interval_s);
+    entry->tries = -1;
+    arm_retry(entry, static_cast<uint32_t>(seconds) * 1000);
+}
+
+// Through the server of this thread, which cannot answer now.
+void publish()
+{
+    syscfg_set_flags("NTP_SYNC", "1", SYSCFG_NOREPLY);
+}
+
+void ntp_resolverCallback(void *ctx, resolver *, int status);
+
+// Its socket may not have been there to be had at the try before.
+void open_resolver(ntp_svcent *entry)
+{
+    resolver_release(&entry->resolver);
+    if (resolver_init(&entry->resolver, RESOLVER_A, RESOLVER_IN) < 0)
+        log_failed(LOG_AS("ntp_start"));
+    resolver_set_callback(&entry->resolver, static_cast<svcent *>(entry), ntp_resolverCallback);
+}
+
+// The timer makes up for a query that could not be made, or whose end nobody tells.
+void begin_try(ntp_svcent *entry)
+{
+    if (entry->resolver.sock < 0)
+        open_resolver(entry);
+    arm_retry(entry, lost_query_ms);
+    if (resolver_query(&entry->resolver, entry->hostname) < 0)
+        arm_retry(entry, reply_wait_ms);
+}
+
+void ntp_retry(void *ctx)
+{
+    ntp_svcent *entry = as_ntp(ctx);
+    if (entry->probe_count != 0 && entry->tries >= entry->probe_count) {
+        log_trace(LOG_HERE, "get ntp failed");
+        if (entry->sync == NTP_NEVER) {
+            entry->sync = NTP_FAILED;
+            publish();
+        }
+        ntp_schedule(entry);
+        return;
+    }
+    ++entry->tries;
+    begin_try(entry);
+}
+
+// ---- the exchange -------------------------------------------------------------------------------------
+
+void tryServer(ntp_svcent *entry)
+{
+    std::array<uint8_t, resolver_result_size> answer = {};
+    const int length = resolver_result(&entry->resolver, answer.data(), static_cast<int>(answer.size()));
+    log_trace(LOG_HERE, "resolver result: len=%d\n", length);
+    if (length < static_cast<int>(sizeof entry->server.sin_addr))
+        return;
+    print("resolver result: addr = %d.%d.%d.%d\n", answer[0], answer[1], answer[2], answer[3]);
+    entry->server = {};
+    entry->server.sin_family = AF_INET;
+    entry->server.sin_port = htons(ntp_port);
+    memcpy(&entry->server.sin_addr, answer.data(), sizeof entry->server.sin_addr);
+    const std::array<uint8_t, packet_size> request = {client_request};
+    const auto *to = reinterpret_cast<const sockaddr *>(&entry->server);
+    if (sendto(entry->sock, request.data(), request.size(), MSG_DONTWAIT, to, sizeof entry->server) !=
+        static_cast<ssize_t>(request.size()))
+        log_syserror(LOG_HERE);
+}
+
+void ntp_resolverCallback(void *ctx, resolver *, int status)
+{
+    ntp_svcent *entry = as_ntp(ctx);
+    if (status != RESOLVER_ANSWERED) {
+        log_trace(LOG_HERE, "resolver error\n");
+        ntp_retry(ctx);
+        return;
+    }
+    tryServer(entry);
+    arm_retry(entry, reply_wait_ms);
+}
+
+uint32_t number_at(const std::array<uint8_t, packet_size> &packet, size_t at)
+{
+    uint32_t number;
+    memcpy(&number, packet.data() + at, sizeof number);
+    return ntohl(number);
+}
+
+timeval ntp_to_timeval(const std::array<uint8_t, packet_size> &reply)
+{
+    const uint32_t seconds = number_at(reply, transmit_seconds_at) - epoch_1970;
+    const uint32_t microseconds = number_at(reply, transmit_fraction_at) / fractions_per_us;
+    return {static_cast<time_t>(seconds), static_cast<suseconds_t>(microseconds)};
+}
+
+void take_time(ntp_svcent *entry)
+{
+    const timeval now = ntp_to_timeval(entry->reply);
+    if (settimeofday(&now, nullptr) < 0)
+        log_syserror(LOG_AS("ntp_recvCallback"));
+    if (entry->retry_timer)
+        timer_stop(entry->retry_timer);
+    entry->sync = NTP_SYNCHRONISED;
+    publish();
+    ntp_schedule(entry);
+}
+
+// False when there is nothing more to look at.
+bool receive(ntp_svcent *entry)
+{
+    constexpr char func[] = "ntp_recvCallback";
+    const ssize_t length = recv(entry->sock, entry->reply.data(), entry->reply.size(), MSG_DONTWAIT);
+    if (length < 0 && errno == EAGAIN)
+        return false;
+    if (length < 0)
+        print("Can't receive: %s\n", strerror(errno));
+    else if (length == 0)
+        log_trace(LOG_AS(func), "Unexpected EOF");
+    else if (length == static_cast<ssize_t>(packet_size))
+        take_time(entry);
+    return length < static_cast<ssize_t>(packet_size);
+}
+
+void ntp_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
+{
+    if ((events & APP_EV_READ) && !receive(as_ntp(ctx)))
+        return;
+    if (events & APP_EV_ERROR)
+        log_trace(LOG_HERE, "%s", strerror(get_socket_error(fd)));
+}
+
+// ---- start and stop -----------------------------------------------------------------------------------
+
+// "$(NAME)" stands for the value of that variable.
+void set_hostname(ntp_svcent *entry, std::string_view text)
+{
+    text = text.substr(0, host_name_max);
+    if (text.empty())
+        return;
+    if (!text.starts_with('$')) {
+        copy_text(entry->hostname, text);
+        return;
+    }
+    const size_t end = text.find(')');
+    if (end == text.npos || end < 2)
+        return;
+    char name[host_name_max + 1];
+    copy_text(name, text.substr(2, end - 2));
+    const char *value = svcent_getSyscfg(entry, name);
+    copy_text(entry->hostname, value ? value : "");
+    if (value)
+        log_trace(LOG_AS("ntp_start"), "host name: %s", entry->hostname);
+}
+
+// False, told, when there is an unknown option, or one without its value.
+bool parse_options(ntp_svcent *entry, int argc, char *const *argv)
+{
+    // getopt puts the words into another order.
+    std::array<char *, words_max + 1> words = {};
+    const int count = std::min(argc, static_cast<int>(words_max));
+    std::copy_n(argv, count, words.begin());
+    optind = 0;
+    for (int option; (option = getopt(count, words.data(), "c:h:i:p:")) != -1;) {
+        switch (option) {
+        case 'c':
+            entry->probe_count = atoi(optarg);
+            break;
+        case 'h':
+            set_hostname(entry, optarg);
+            break;
+        case 'i':
+            entry->interval = atoi(optarg);
+            break;
+        case 'p':
+            entry->local_port = static_cast<uint16_t>(atoi(optarg));
+            break;
+        default:
+            print_error("unknown option: -%c\n", option);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool configure(ntp_svcent *entry, int argc, char *const *argv)
+{
+    entry->probe_count = 0;
+    entry->hostname[0] = '\0';
+    entry->interval = usual_interval_s;
+    entry->local_port = 0;
+    if (!parse_options(entry, argc, argv))
+        return false;
+    if (!entry->hostname[0]) {
+        copy_text(entry->hostname, default_server);
+        entry->interval = default_server_interval_s;
+        entry->probe_count = default_server_probes;
+    }
+    log_trace(LOG_AS("ntp_start"),
+              "Configuration:\n  -c probe_count %d\n  -h hostname    %s\n  -i interval    %d\n"
+              "  -p local_port  %d\n",
+              entry->probe_count, entry->hostname, entry->interval, entry->local_port);
+    return true;
+}
+
+// None after a line on standard output.
+unique_fd open_socket(uint16_t port)
+{
+    const auto failed = [](const char *what) {
+        print("Can't %s: %s\n", what, strerror(errno));
+        return unique_fd();
+    };
+    unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!sock)
+        return failed("create socket");
+    const int on = 1;
+    if (setsockopt(sock.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
+        return failed("set socket reuse");
+    sockaddr_in local = {};
+    local.sin_family = AF_INET;
+    local.sin_port = htons(port);
+    if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local) < 0)
+        return failed("bind socket");
+    return sock;
+}
+
+void close_sockets(ntp_svcent *entry)
+{
+    app_remove_ctx(static_cast<svcent *>(entry));
+    const unique_fd closed(std::exchange(entry->sock, -1));
+    if (entry->retry_timer)
+        timer_stop(entry->retry_timer);
+    resolver_release(&entry->resolver);
+}
+
+int ntp_start(svcent *base, int argc, char *const *argv, const svcfg *)
+{
+    ntp_svcent *entry = as_ntp(base);
+    log_trace(LOG_HERE, "start ntp");
+    close_sockets(entry);
+    if (!configure(entry, argc, argv))
+        return -1;
+    unique_fd sock = open_socket(entry->local_port);
+    if (!sock || app_add_fd(sock.get(), POLLIN, base, ntp_recvCallback) < 0)
+        return -1;
+    entry->sock = sock.release();
+    entry->tries = 0;
+    begin_try(entry);
+    return 0;
+}
+
+int ntp_stop(svcent *base, char *const *)
+{
+    close_sockets(as_ntp(base));
+    return 0;
+}
+
+int ntp_reload(svcent *, char *const *)
+{
+    return -1;
+}
+
+int ntp_release(svcent *base)
+{
+    ntp_svcent *entry = as_ntp(base);
+    close_sockets(entry);
+    timer_free(entry->retry_timer);
+    free_svcent(entry);
+    return 0;
+}
+
+constexpr svcent_ops operations = {ntp_start, ntp_stop, ntp_reload, ntp_release};
+
+} // namespace
+
+svcent *create_ntp_svcent(service_info *slot, const char *name)
+{
+    log_trace(LOG_HERE, "create ntp svcent");
+    auto *entry = new_svcent<ntp_svcent>(&operations, slot, name);
+    if (!entry) {
+        log_failed(LOG_HERE);
+        return nullptr;
+    }
+    entry->interval = usual_interval_s;
+    entry->sock = -1;
+    entry->resolver.sock = -1;
+    _resolver_init();
+    return entry;
+}

@@ -243,6 +243,11 @@ void set_hostname(ntp_svcent *entry, std::string_view text)
         log_trace(LOG_AS("ntp_start"), "host name: %s", entry->hostname);
 }
 
+int number_of(const char *text)
+{
+    return static_cast<int>(strtol(text, nullptr, 10));
+}
+
 // False, told, when there is an unknown option, or one without its value.
 bool parse_options(ntp_svcent *entry, int argc, char *const *argv)
 {
@@ -254,16 +259,16 @@ bool parse_options(ntp_svcent *entry, int argc, char *const *argv)
     for (int option; (option = getopt(count, words.data(), "c:h:i:p:")) != -1;) {
         switch (option) {
         case 'c':
-            entry->probe_count = atoi(optarg);
+            entry->probe_count = number_of(optarg);
             break;
         case 'h':
             set_hostname(entry, optarg);
             break;
         case 'i':
-            entry->interval = atoi(optarg);
+            entry->interval = number_of(optarg);
             break;
         case 'p':
-            entry->local_port = static_cast<uint16_t>(atoi(optarg));
+            entry->local_port = static_cast<uint16_t>(number_of(optarg));
             break;
         default:
             print_error("unknown option: -%c\n", option);

@@ -52,7 +52,7 @@ _syscfg_verb() {
     done
 }
 
-# What begins like the word that is being completed, quoted: a value may hold anything, also what a shell runs.
+# What begins like the word that is being completed, quoted: a value may hold anything, also commands.
 _syscfg_reply() { # WORD...
     local word
     COMPREPLY=()

@@ -180,7 +180,7 @@ int sched_stop(svcent *base, char *const *)
     return 0;
 }
 
-// The manager starts it again, and the spec is read afresh.
+// The manager starts it again, and the variable is read afresh.
 int sched_reload(svcent *base, char *const *)
 {
     drop_schedule(as_sched(base));

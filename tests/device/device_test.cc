@@ -159,7 +159,7 @@ TEST_F(end_to_end, answers)
     ASSERT_TRUE(lumd.has_started());
     std::istringstream rows(
         R"(?NAME -> >abc;?NUM%05d -> >00042;?NUM%x -> >2a;?NUM%s%n -> >42;?NUM%99999d -> >42;?NONE -> !ERR NOENT;?NOTE -> >;
-?@version -> >1.4.0.02;?@dns2 -> >192.168.1.253;?@dns3 -> !ERR NOENT;?@dns_ip -> !ERR NOENT;?@lo_ip -> >127.0.0.1;
+?@version -> >1.4.0.02;?@dns2 -> >192.0.2.2;?@dns3 -> !ERR NOENT;?@dns_ip -> !ERR NOENT;?@lo_ip -> >127.0.0.1;
 ?@ -> !ERR NOENT;NAME=ABC -> !ERR INVAL;NAME="abd" junk -> !OK;?NAME -> >abd;NAME=abcdefghijklmnopq -> !ERR INVAL;
 NUM=x -> !ERR INVAL;NUM=11111111111111111111 -> !ERR INVAL;PICK=crimson -> !OK;?PICK -> >red;FLAG=false -> !OK;
 ?FLAG -> >0;MODEL=x -> !ERR ACCESS;?MODEL -> >gw100;@time=1 -> !ERR RONLY;1a=2 -> !ERR BADNAM;_x=1 -> !ERR NOENT;

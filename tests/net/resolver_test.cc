@@ -3,7 +3,6 @@
 #include "tests/support/support.h"
 
 #include <arpa/inet.h>
-#include <regex>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -12,14 +11,12 @@ namespace {
 using namespace support;
 using namespace std::string_literals;
 
-std::string asked; // of every query "last byte of the server's address@milliseconds of the test "
+int64_t began;     // when the test's last query did
+std::string asked; // of every query "last byte of the server's address@milliseconds "
 std::vector<std::string> packets;
 sockaddr_in sender; // of every reply
 int receive_error;  // errno of the next recvfrom
-std::string now()
-{
-    return "@" + std::to_string(now_us / 1000 - 1000000000) + " ";
-}
+const auto now = [] { return "@" + std::to_string((now_us - began) / 1000) + " "; };
 
 // What stands under the wrapped call: a query is written down instead of sent.
 extern "C" ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t len)
@@ -34,24 +31,19 @@ extern "C" ssize_t sendto(int fd, const void *data, size_t size, int flags, cons
 extern "C" ssize_t recvfrom(int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *len)
 {
     const ssize_t got = syscall(SYS_recvfrom, fd, data, size, flags, from, len);
-    memcpy(from, &sender, sizeof sender);
     errno = receive_error;
-    return std::exchange(receive_error, 0) ? -1 : got;
+    return std::exchange(receive_error, 0) ? -1 : (memcpy(from, &sender, sizeof sender), got);
 }
 
-std::string number(size_t value)
-{
-    return {static_cast<char>(value >> 8), static_cast<char>(value)};
-}
+const auto number = [](size_t value) { return std::string{char(value >> 8), char(value)}; };
 std::string record(size_t type, const std::string &data, size_t klass = 1)
 {
     return "\xC0\x0C" + number(type) + number(klass) + "\0\0\0\x3C"s + number(data.size()) + data;
 }
 // The reply to the last query, which asked for a.b: the first record is at byte 21, its data at 33.
-std::string reply_of(const std::string &records, size_t answers = 1, size_t flags = 0x8180,
-                     size_t questions = 1)
+std::string reply_of(const std::string &records, size_t answers = 1, size_t flags = 0x8180, size_t asks = 1)
 {
-    return packets.back().substr(0, 2) + number(flags) + number(questions) + number(answers) + "\0\0\0\0"s +
+    return packets.back().substr(0, 2) + number(flags) + number(asks) + number(answers) + "\0\0\0\0"s +
            packets.back().substr(12) + records;
 }
 
@@ -64,7 +56,7 @@ struct resolver_test : test {
 
     resolver_test()
     {
-        asked.clear(), packets = {"??"};
+        asked.clear(), packets = {"??"}, res.sock = -1;
         sender = {AF_INET, htons(53), {inet_addr("127.0.0.2")}, {}};
         EXPECT_EQ(servers("nameserver 127.0.0.1\nnameserver 127.0.0.2\n") + init(RESOLVER_A), 2);
     }
@@ -76,6 +68,7 @@ struct resolver_test : test {
     int servers(const char *text) { return write_file("/etc/resolv.conf", text), _resolver_init(); }
     int init(uint16_t type)
     {
+        resolver_release(&res);
         const int made = resolver_init(&res, type, RESOLVER_IN);
         resolver_set_callback(&res, this, [](void *ctx, resolver *, int status) {
             auto *self = static_cast<resolver_test *>(ctx);
@@ -85,7 +78,7 @@ struct resolver_test : test {
         });
         return made;
     }
-    int query(const std::string &name) { return outcome.clear(), resolver_query(&res, name.c_str()); }
+    int query(const std::string &n) { return began = now_us, outcome = "", resolver_query(&res, n.data()); }
     void reply(const std::string &packet) // and one pass
     {
         sockaddr_in own = {};
@@ -94,28 +87,32 @@ struct resolver_test : test {
         sendto(res.sock, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&own), len);
         app_poll_once();
     }
-    // What came of the query by now.
-    std::string got() const { return outcome + std::string(res.result, size_t(std::max(0, res.result_len))); }
+    // What came of the query after so long.
+    std::string got(int64_t ms = 40000)
+    {
+        run_for(ms);
+        return outcome + (res.sock < 0 ? "gone" : std::string(res.result, 0U + std::max(0, res.result_len)));
+    }
 };
 
 TEST_F(resolver_test, five_passes_over_the_servers)
 {
-    const std::string packet = "\1\0\0\1\0\0\0\0\0\0\1a\1b\0\0\1\0\1"s;
-    then = [&] { resolver_query(&res, "a.b."); }; // a count and a period of its own, the same name
-    query("a.b");
-    run_for(40000);
-    EXPECT_EQ(outcome, "62@15000 62@30000 ");
+    query("a.b"),
+        then = [&] { resolver_query(&res, "a.b."); }; // a count and a period of its own, the same name
+    EXPECT_EQ(got(), "62@15000 62@30000 ");
     EXPECT_EQ(asked, "1@0 2@0 1@1000 2@1000 1@3000 2@3000 1@6000 2@6000 1@10000 2@10000 1@15000 2@15000 "
                      "1@16000 2@16000 1@18000 2@18000 1@21000 2@21000 1@25000 2@25000 ");
+    const std::string packet = "\1\0\0\1\0\0\0\0\0\0\1a\1b\0\0\1\0\1"s;
     for (size_t i = 1; i <= 20; ++i) // an identifier a query
         EXPECT_EQ(packets[i], packets[i < 11 ? 1 : 11].substr(0, 2) + packet);
+    EXPECT_NE(packets[1].substr(0, 2) + packets[11].substr(0, 2), "\x67\xC6\x69\x73"); // unseeded
     reply(reply_of(a));
     EXPECT_EQ(got(), "62@15000 62@30000 0@40000 \1\2\3\4") << "a late reply";
     unlink("/etc/resolv.conf");
-    EXPECT_EQ(_resolver_init() + query("a.b"), -1);
+    EXPECT_TRUE(_resolver_init() == -1 && query("a.b") == 0);
     EXPECT_TRUE(log.messages().ends_with("_resolver_init: cannot open resolv.conf\n"));
-    run_for(40000);
-    EXPECT_EQ(outcome + std::to_string(packets.size()), "62@55000 21");
+    EXPECT_EQ(got(), "62@15000 ");
+    EXPECT_EQ(packets.size(), 21u);
 }
 
 TEST_F(resolver_test, only_a_reply_without_a_header_ends_the_query)
@@ -141,17 +138,12 @@ TEST_F(resolver_test, only_a_reply_without_a_header_ends_the_query)
         ignores(good), ignores("foreign");
     }
     sender = {AF_INET, htons(53), {inet_addr("127.0.0.2")}, {}};
-    receive_error = EAGAIN;
-    reply(good);
-    EXPECT_EQ(outcome, "");
-    reply(reply_of(alias + a, 2));
-    EXPECT_EQ(got(), "0@0 \1\2\3\4");
-    for (const int error : {0, ECONNREFUSED}) {
-        query("a.b");
-        receive_error = error;
+    receive_error = EAGAIN, reply(good), reply(reply_of(alias + a, 2));
+    EXPECT_EQ(got(), "0@0 \1\2\3\4") << "and nothing after it";
+    for (const int error : {ECONNREFUSED, 0}) {
+        query("a.b"), receive_error = error;
         ignores(reply_of(a).substr(0, 11)), reply(reply_of(a));
-        run_for(20000);
-        EXPECT_EQ(outcome, "");
+        EXPECT_EQ(got(), "");
     }
 }
 
@@ -163,27 +155,22 @@ TEST_F(resolver_test, answers_are_decoded_by_their_type)
         {"\0raw"s, {"\x63\0raw"s}},
         {"www.a.b", {"\x0C\3www\xC0\x0C"}},
         {"a.b", {"\x0C\xC0\x15"}},
-        {"x",
-         {"\x0C\1x\0\1y\0"s, "\x0C\1x\xC0\x21", "\x0C\1x\xC0\x23", "\x0C\1x\xC0\x30", "\x0C\1x\xC0\x07"}},
-        {"x", {"\x0C\1x\x40\x0C", "\x0C\1x\xFF\xFF", "\x0C\1x\xC0"}},
+        {"x", {"\x0C\1x\0\1y\0"s, "\x0C\1x\xC0\x21", "\x0C\1x\xC0\x07", "\x0C\1x\x40\x0C"}},
         {"zy", {"\x0C\5zy"}},
         {"mx.b", {"\x0F\0\5\2mx\xC0\x0E"s}},
         {"hi", {"\x10\2hi\3foo", "\x10\7hi"}},
-        {"", {"\1", "\x0C\0"s, "\x0F\0"s, "\x0F", "\x10"}}};
+        {"", {"\1", "\x0C\0"s, "\x0F", "\x10"}}};
     for (const auto &[expected, answers] : cases) {
         for (const std::string &answer : answers) {
-            resolver_release(&res), init(static_cast<uint8_t>(answer[0])), query("a.b");
+            init(static_cast<uint8_t>(answer[0])), query("a.b");
             reply(reply_of(record(res.qtype, answer.substr(1))));
-            EXPECT_EQ(got(), "0@0 " + expected) << testing::PrintToString(answer);
+            EXPECT_EQ(got(0), "0@0 " + expected) << testing::PrintToString(answer);
             std::string copy(1024, '!');
             EXPECT_EQ(resolver_result(&res, copy.data(), res.result_len - 1) + copy[0], '!' - 1);
-            EXPECT_EQ(copy.substr(0, resolver_result(&res, copy.data(), 1024)), expected);
-            EXPECT_EQ(res.result[res.result_len], 0);
+            EXPECT_EQ(copy.substr(0, resolver_result(&res, copy.data(), res.result_len)), expected);
         }
     }
-    std::string labels(12, '\0'), text(1024, '!');
-    for (int i = 0; i < 20; ++i)
-        labels += '\77' + std::string(63, 'x');
+    std::string labels(1300, '\77'), text(1024, '!');
     const std::span message(reinterpret_cast<const uint8_t *>(labels.data()), labels.size());
     EXPECT_EQ(dns_decode(message, {12, 1000}, RESOLVER_PTR, text), 767u);
     EXPECT_EQ(text.find('!'), 767u);
@@ -193,81 +180,70 @@ TEST_F(resolver_test, names_and_addresses)
 {
     std::string lines = "#nameserver 1.1.1.1\nnameserver ::1\n nameserver\t127.0.0.1\nnameserver127.0.0.2\n";
     for (int i = 3; i <= 20; ++i)
-        lines += "nameserver 127.0.0." + std::to_string(i) + (i == 3 ? std::string(1024, ' ') : "") + "\n";
+        lines += "nameserver 127.0.0." + std::to_string(i) + "\n";
     EXPECT_EQ(servers(lines.c_str()), 16);
     query(".");
     EXPECT_EQ(asked, "1@0 2@0 3@0 4@0 5@0 6@0 7@0 8@0 9@0 10@0 11@0 12@0 13@0 14@0 15@0 16@0 ");
     EXPECT_EQ(packets.back().substr(12), "\0\0\1\0\1"s);
     const std::string l63(63, 'x'), n255 = l63 + "." + l63 + "." + l63 + "." + l63, x64 = l63 + "x";
     const std::pair<std::string, std::vector<std::string>> cases[] = {
-        {"0@ \12\0\0\1"s, {"10.0.0.1"}},
-        {"0@ \1\2\3\4", {"1.2.3.4", "1.2.3.4.5"}},
-        {"0@ \1\0\0\2"s, {"1...2"}},
-        {"62@ ", {"", "300.1.1.1", "1.2.3", "1.2.3.4a", "00000000000001.2.3.4", l63, n255}},
+        {"0@0 \12\0\0\1"s, {"10.0.0.1"}},
+        {"0@0 \1\2\3\4", {"1.2.3.4", "1.2.3.4.5"}},
+        {"0@0 \1\0\0\2"s, {"1...2"}},
+        {"62@15000 ", {"", "300.1.1.1", "1.2.3", "1.2.3.4a", "00000000000001.2.3.4", n255}},
         {"", {x64, "a." + x64, n255 + ".", "a..b", ".a", "a..", ".."}}};
     for (const auto &[expected, names] : cases) {
         for (const std::string &name : names) {
-            SCOPED_TRACE(name);
-            resolver_release(&res), init(RESOLVER_A), packets.clear(), log.clear();
-            EXPECT_EQ(query(name), expected.empty() ? -1 : 0);
-            EXPECT_EQ(log.messages().ends_with("FAILED: resolver_query\n"), expected.empty());
-            EXPECT_EQ(packets.size(), expected == "62@ " ? 16u : 0u);
-            EXPECT_EQ(outcome, "") << "not from inside the call";
-            run_for(20000);
-            EXPECT_EQ(std::regex_replace(got(), std::regex("@[0-9]+"), "@"), expected);
+            init(RESOLVER_A), packets.clear(), log.clear();
+            EXPECT_EQ(query(name), expected.empty() ? -1 : 0) << name;
+            EXPECT_EQ(log.messages().ends_with("FAILED: resolver_query\n"), expected.empty()) << name;
+            EXPECT_EQ(packets.size(), expected.starts_with("62") ? 16u : 0u) << name;
+            EXPECT_EQ(got(), expected) << name;
         }
     }
 }
 
 TEST_F(resolver_test, a_query_ends_the_one_before_and_release_ends_all)
 {
-    for (const auto &[name, answer] :
-         {std::pair("b.c", "62@18000 "), std::pair("9.9.9.9", "0@3000 \t\t\t\t")}) {
+    for (const auto &[name, answer] : {std::pair("b.c", "62@15000 "), std::pair("9.9.9.9", "0@0 \t\t\t\t")}) {
         for (const char *before : {"a.b", "1.2.3.4"}) {
-            now_us = 1000000LL * 1000000, query("a.b"), run_for(3000), query(before);
+            query("a.b"), run_for(3000), query(before);
             const std::string late = reply_of(a);
             EXPECT_EQ(query(name), 0);
             reply(late);
-            run_for(40000);
             EXPECT_EQ(got(), answer) << before;
             query(before), resolver_release(&res), resolver_release(&res);
-            run_for(40000);
-            EXPECT_EQ(outcome + std::to_string(res.sock), "-1") << before;
+            EXPECT_EQ(got(), "gone") << before;
             init(RESOLVER_A);
         }
     }
-    for (const char *name : {"1.2.3.4", "a.b"}) { // from inside the callback
-        now_us = 1000000LL * 1000000, query(name);
-        then = [&] { resolver_query(&res, "5.6.7.8"), then = [&] { resolver_release(&res); }; };
+    const auto release = [&] { resolver_release(&res); }; // from inside the callback
+    for (const char *name : {"1.2.3.4", "a.b"}) {
+        query(name), then = [&] { resolver_query(&res, "5.6.7.8"), then = release; };
         reply(reply_of(a));
-        run_for(40000);
-        EXPECT_EQ(outcome + std::to_string(res.sock), "0@0 0@0 -1");
+        EXPECT_EQ(got(), "0@0 0@0 gone");
         init(RESOLVER_A);
     }
-    then = [&] { resolver_release(&res); };
-    query("a.b"), run_for(40000);
-    EXPECT_EQ(res.sock, -1) << "released by the last time-out";
+    query("a.b"), then = release;
+    EXPECT_EQ(got(), "62@15000 gone");
 }
 
 TEST_F(resolver_test, a_call_that_fails_is_told)
 {
     const auto scenario = [&] {
-        resolver_release(&res), log.clear(), outcome.clear();
+        log.clear(), outcome.clear();
         const bool begun = init(RESOLVER_A) == 0 && query("a.b") == 0;
-        run_for(30000);
-        const bool failed = end_failing();
-        EXPECT_EQ(begun, outcome.starts_with("62@")) << log.messages();
-        EXPECT_EQ(failed, log.has("SYSERROR") || log.has("FAILED"));
+        EXPECT_EQ(begun, got().starts_with("62@")) << log.messages();
+        EXPECT_EQ(end_failing(), log.has("SYSERROR") || log.has("FAILED"));
         resolver_release(&res);
     };
     scenario(); // the loop keeps what it needs for it
     EXPECT_EQ(for_each_failure(SOCKET | BIND | SENDTO | ALLOC, scenario), 18);
-    now_us = 1000000LL * 1000000, init(RESOLVER_A), query("a.b"), asked.clear();
-    fail_call(SENDTO, 2), run_for(20000);
-    EXPECT_EQ(asked + outcome, "1@1000 1@2000 2@2000 1@4000 2@4000 1@7000 2@7000 1@11000 2@11000 62@16000 ");
-    fail_call(ALLOC, 1), log.clear();
+    init(RESOLVER_A), query("a.b"), asked.clear(), fail_call(SENDTO, 2);
+    EXPECT_EQ(got(), "62@16000 ");
+    EXPECT_EQ(asked, "1@1000 1@2000 2@2000 1@4000 2@4000 1@7000 2@7000 1@11000 2@11000 ");
+    fail_call(ALLOC, 1);
     EXPECT_EQ(query("1.2.3.4"), -1);
-    EXPECT_EQ(log.messages(), "FAILED: resolver_query\n");
 }
 
 } // namespace

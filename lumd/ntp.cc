@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -94,10 +95,10 @@ void ntp_schedule(ntp_svcent *entry)
     arm_retry(entry, static_cast<uint32_t>(seconds) * 1000);
 }
 
-// Through the server of this thread, which cannot answer now.
-void publish()
+// Through the server of this thread, which cannot answer now. False when it cannot take it either.
+bool publish()
 {
-    syscfg_set_flags("NTP_SYNC", "1", SYSCFG_NOREPLY);
+    return syscfg_set_flags("NTP_SYNC", "1", SYSCFG_NOREPLY) == 0;
 }
 
 void ntp_resolverCallback(void *ctx, resolver *, int status);
@@ -126,10 +127,8 @@ void ntp_retry(void *ctx)
     ntp_svcent *entry = as_ntp(ctx);
     if (entry->probe_count != 0 && entry->tries >= entry->probe_count) {
         log_trace(LOG_HERE, "get ntp failed");
-        if (entry->sync == NTP_NEVER) {
+        if (entry->sync == NTP_NEVER && publish())
             entry->sync = NTP_FAILED;
-            publish();
-        }
         ntp_schedule(entry);
         return;
     }
@@ -232,8 +231,8 @@ void set_hostname(ntp_svcent *entry, std::string_view text)
         copy_text(entry->hostname, text);
         return;
     }
-    const size_t end = text.find(')');
-    if (end == text.npos || end < 2)
+    const size_t end = text.find(')', 2);
+    if (end == text.npos)
         return;
     char name[host_name_max + 1];
     copy_text(name, text.substr(2, end - 2));
@@ -245,7 +244,7 @@ void set_hostname(ntp_svcent *entry, std::string_view text)
 
 int number_of(const char *text)
 {
-    return static_cast<int>(strtol(text, nullptr, 10));
+    return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
 // False, told, when there is an unknown option, or one without its value.
@@ -336,8 +335,12 @@ int ntp_start(svcent *base, int argc, char *const *argv, const svcfg *)
     if (!configure(entry, argc, argv))
         return -1;
     unique_fd sock = open_socket(entry->local_port);
-    if (!sock || app_add_fd(sock.get(), POLLIN, base, ntp_recvCallback) < 0)
+    if (!sock)
         return -1;
+    if (app_add_fd(sock.get(), POLLIN, base, ntp_recvCallback) < 0) {
+        log_failed(LOG_HERE);
+        return -1;
+    }
     entry->sock = sock.release();
     entry->tries = 0;
     begin_try(entry);

@@ -32,7 +32,7 @@ const sockaddr *generic(const sockaddr_in &addr)
     return reinterpret_cast<const sockaddr *>(&addr);
 }
 
-// Identifiers that can be foretold let anybody answer.
+// Identifiers that can be foretold let anybody answer. A board that has just come up may have no entropy yet.
 void seed_once()
 {
     static bool seeded;
@@ -204,7 +204,6 @@ int _resolver_init()
 
 int resolver_init(resolver *res, uint16_t qtype, uint16_t qclass)
 {
-    seed_once();
     *res = {};
     res->qtype = qtype;
     res->qclass = qclass;
@@ -250,6 +249,7 @@ int resolver_query(resolver *res, const char *name)
         return -1;
     }
     res->result_len = -1;
+    seed_once();
     for (uint8_t &byte : res->id)
         byte = static_cast<uint8_t>(rand());
     if (resolver_build_and_send_query(res) < 0) {

@@ -14,7 +14,7 @@
 namespace {
 
 // found: names are at 127.0.0.1; refused: no query can be made; lost: none ends; unknown: no name server;
-// noclock.
+// noclock; deaf: the database takes nothing.
 std::string mode, asked_name;
 in_port_t server_port; // what goes to port 123 arrives here
 
@@ -47,7 +47,10 @@ ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr 
     sockaddr_in moved = *reinterpret_cast<const sockaddr_in *>(to);
     if (to->sa_family == AF_INET && std::exchange(moved.sin_port, server_port) == htons(123))
         to = reinterpret_cast<sockaddr *>(&moved);
-    return syscall(SYS_sendto, fd, data, size, flags, to, length);
+    errno = EAGAIN;
+    return mode == "deaf" && to->sa_family == AF_UNIX
+               ? -1
+               : syscall(SYS_sendto, fd, data, size, flags, to, length);
 }
 
 } // extern "C"
@@ -142,6 +145,8 @@ no clock => service n;exec ntp -h 127.0.0.1 -c 1 -i 9 => start n > 0 1 127.0.0.1
   / answer 48 1 > 10 SYSERROR: ntp_recvCallback, 10 NTP_SYNC=1 / mode found / wait 19500 > 9010 ask 127.0.0.1, 14010 ask 127.0.0.1, 19010 get ntp failed
 unknown default => service n;exec ntp => mode unknown / start n > 0 4 ntp.example.com 36000 0, 0 query ntp.example.com
   / count 76000 > 11, 75000 NTP_SYNC=1
+not told => service n;exec ntp -h time.lan -c 1 -i 70 => mode deaf / start n > 0 1 time.lan 70 0, 0 query time.lan / count 60000 > 4, 10000 get ntp failed
+  / mode found / count 21000 > 4, 80000 NTP_SYNC=1
 no query => service n;exec ntp -h time.lan => mode refused / start n > 0 0 time.lan 600 0, 0 query time.lan / wait 4900 / mode lost
   / wait 200 > 5000 query time.lan / wait 19800 / mode found / wait 200 > 25000 ask time.lan
 variable => service n;exec ntp -p 4123 -c 9 -h @(T) => start n > 0 4 ntp.example.com 36000 4123 / set T=time.lan

@@ -1,9 +1,8 @@
 // The front under a test program, by -Wl,--wrap: what stands between the program and the board already, for
-// open and write, asks the board itself.
+// open, write and ioctl, asks the board itself.
 #include "device/board/board.h"
 
 #include <csignal>
-#include <cstdarg>
 #include <cstdlib>
 #include <poll.h>
 #include <sys/time.h>
@@ -27,17 +26,6 @@ void board_pause_ms(int64_t ms)
 }
 
 extern "C" {
-
-int __real_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...)
-{
-    va_list args;
-    va_start(args, request);
-    void *argument = va_arg(args, void *);
-    va_end(args);
-    const int done = board_ioctl(fd, request, argument);
-    return done != BOARD_NOT_MINE ? done : __real_ioctl(fd, request, argument);
-}
 
 int __real_close(int fd);
 int __wrap_close(int fd)

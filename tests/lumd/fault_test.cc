@@ -69,7 +69,7 @@ TEST_F(faults, of_a_start)
     load("service a;exec sleep 99;service b;exec sleep 99;depends a");
     round();
     EXPECT_GE(support::for_each_failure(support::ALLOC, round), 8); // entry, name, notice, restart of each
-    failing_vfork = 1;
+    support::fail_call(support::VFORK, 1);
     play("start a / log SYSERROR: proc_svcent_start(): proc_se:  / log FAILED: lumd_do_start() / state a 0");
     EXPECT_EQ(app_scheduler.head, nullptr);
     play("start a / runs a");
@@ -78,10 +78,10 @@ TEST_F(faults, of_a_start)
 // Without the pipe services start all the same, and none of their ends is lost once there is one.
 TEST_F(faults, of_the_pipe)
 {
-    if (notice_end() >= 0)
+    if (support::pipe_end() >= 0)
         GTEST_SKIP() << "there is a pipe already: run this test alone";
     load("service a;exec sleep 99;service b;exec sleep 99");
-    failing_pipe2 = 1;
+    support::fail_call(support::PIPE, 1);
     play("start a / log FAILED: proc_svcent_signal_init() / runs a / kill a 9 / log FAILED: sig_handler() / "
          "start b / runs b / back a / runs b");
 }

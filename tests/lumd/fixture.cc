@@ -17,7 +17,6 @@
 std::map<std::string, std::string> variables;
 std::map<std::string, int> start_calls, stop_calls;
 int fakes_alive;
-int failing_pipe2, failing_vfork;
 bool old_kernel;
 
 namespace {
@@ -99,14 +98,6 @@ const char *get_variable(syscfg *, const char *name)
 constexpr syscfg_ops database_operations = {nullptr, [](syscfg *) {}, get_variable};
 syscfg database;
 
-int pipe_end = -1;
-
-bool fails(int &countdown, int error)
-{
-    errno = error;
-    return countdown > 0 && --countdown == 0;
-}
-
 } // namespace
 
 extern "C" {
@@ -128,33 +119,12 @@ svcent *CREATE_SVCENT(__wrap_)(service_info *slot, const char *name, const char 
     return entry;
 }
 
-int __real_pipe2(int *ends, int flags);
-int __wrap_pipe2(int *ends, int flags)
-{
-    const int result = fails(failing_pipe2, EMFILE) ? -1 : __real_pipe2(ends, flags);
-    pipe_end = result == 0 ? ends[1] : pipe_end;
-    return result;
-}
 int __real_close_range(unsigned first, unsigned last, int flags);
 int __wrap_close_range(unsigned first, unsigned last, int flags)
 {
     return old_kernel ? -1 : __real_close_range(first, last, flags);
 }
-int next_vfork_fails()
-{
-    return fails(failing_vfork, EAGAIN);
-}
 } // extern "C"
-
-// Whoever calls vfork must not return before the child runs its program: the call is passed on by a jump.
-#ifdef __arm__
-asm(".text\n.globl __wrap_vfork\n.type __wrap_vfork, %function\n__wrap_vfork:\npush {r3, lr}\nbl "
-    "next_vfork_fails\n"
-    "cmp r0, #0\npop {r3, lr}\nbeq __real_vfork\nmov r0, #-1\nbx lr\n");
-#else
-asm(".text\n.globl __wrap_vfork\n__wrap_vfork:\nsubq $8, %rsp\ncall next_vfork_fails\naddq $8, %rsp\n"
-    "testl %eax, %eax\njz __real_vfork\nmovl $-1, %eax\nret\n");
-#endif
 
 bool eventually(const std::function<bool()> &done)
 {
@@ -163,11 +133,6 @@ bool eventually(const std::function<bool()> &done)
         usleep(i < 10 ? 0 : 1000);
     }
     return done();
-}
-
-int notice_end()
-{
-    return pipe_end;
 }
 
 bool no_child_left()

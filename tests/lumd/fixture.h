@@ -17,7 +17,6 @@
 extern std::map<std::string, std::string> variables;
 extern std::map<std::string, int> start_calls, stop_calls; // of fakes, also those that changed nothing
 extern int fakes_alive;
-extern int failing_pipe2, failing_vfork; // the k-th call from now fails; 0: none
 extern bool old_kernel;                  // there is no close_range
 
 struct lumd_test : support::test {
@@ -54,6 +53,3 @@ std::vector<std::string> split(std::string_view text, std::string_view separator
 // Passes of the loop in real time, at a virtual clock that stands still, until done; false after ten seconds.
 bool eventually(const std::function<bool()> &done);
 bool no_child_left();
-
-// The end of the SIGCHLD pipe that the handler writes to, -1 before there is one.
-int notice_end();

@@ -240,7 +240,7 @@ TEST_F(kinds, reboot)
   / put go / log FAILED: sig_handler() / wait 1000 > came back)");
     });
     support::isolated([&] {
-        failing_vfork = 1;
+        support::fail_call(support::VFORK, 1);
         play_kinds("none " + begin + "start r > reboot / wait 1000 > came back");
     });
 }
@@ -277,7 +277,7 @@ TEST_F(kinds, waiting_scripts_learn_how_they_ended)
 
 TEST_F(kinds, children_of_nobody_start_clean_and_leave_no_zombie)
 {
-    if (notice_end() >= 0)
+    if (support::pipe_end() >= 0)
         GTEST_SKIP() << "there was a process service before: run this test alone";
     for (const char *path : {"/etc/j", "/etc/init.d/s.now"})
         write_script(path, "(echo $#; ls /proc/self/fd; grep -E 'SigBlk|SigIgn' /proc/self/status) >" +

@@ -72,7 +72,7 @@ TEST_F(process_kind, full_pipe_loses_no_end)
     load("service a;exec sleep 99;service b;exec sleep 99;service c;exec sleep 99");
     play("start a / runs a / start b / runs b / start c / runs c");
     const pid_t nobody = -1;
-    while (write(notice_end(), &nobody, sizeof nobody) == sizeof nobody)
+    while (write(support::pipe_end(), &nobody, sizeof nobody) == sizeof nobody)
         ;
     play("kill a 9 / kill b 9 / kill c 9 / log FAILED: sig_handler() / ends a / ends b / ends c / back a / "
          "runs b / runs c");

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <pthread.h>
 #include <set>
 #include <sstream>
@@ -27,11 +28,11 @@
     result __real_##name(__VA_ARGS__); \
     result __wrap_##name(__VA_ARGS__)
 // A wrapper that only can fail.
-#define FAILING(kind, error, failed, result, name, parameters, call) \
-    result __real_##name parameters;                                 \
-    result __wrap_##name parameters                                  \
-    {                                                                \
-        return fails(kind, error) ? failed : call;                   \
+#define FAILING(kind, failed, result, name, parameters, call) \
+    result __real_##name parameters;                          \
+    result __wrap_##name parameters                           \
+    {                                                         \
+        return fails(kind) ? failed : call;                   \
     }
 
 namespace support {
@@ -40,18 +41,38 @@ namespace {
 struct {
     unsigned kinds;
     int left;
-    bool and_later, torn, happened;
+    bool and_later, torn;
+    int error;
+    unsigned happened;
 } failing;
+const std::map<calls, std::vector<int>> errors = {{ALLOC, {ENOMEM}},
+                                                  {OPEN, {EMFILE, ENOENT, EACCES}},
+                                                  {READ, {EIO, EINTR, EAGAIN}},
+                                                  {WRITE, {EIO, ENOSPC, EINTR, EAGAIN}},
+                                                  {LSEEK, {EIO, EINVAL}},
+                                                  {SOCKET, {EMFILE, ENOBUFS, EACCES}},
+                                                  {BIND, {EADDRINUSE, EACCES}},
+                                                  {CONNECT, {ECONNREFUSED, ENOENT, EAGAIN}},
+                                                  {SENDTO, {ENOBUFS, EAGAIN, ENETUNREACH, ECONNREFUSED}},
+                                                  {LISTEN, {EADDRINUSE}},
+                                                  {SETSOCKOPT, {ENOBUFS}},
+                                                  {POLL, {EINTR, ENOMEM}},
+                                                  {MKFIFO, {EROFS, ENOSPC}},
+                                                  {RECV, {EAGAIN, EINTR, ECONNREFUSED}},
+                                                  {PIPE, {EMFILE, ENFILE}},
+                                                  {VFORK, {EAGAIN, ENOMEM}},
+                                                  {IOCTL, {ENODEV, EIO}}};
 std::set<int> flash_fds;
+int last_pipe_end = -1;
 std::set<const void *> blocks; // allocated since counting began
 bool counting;
 
-bool fails(calls kind, int error)
+bool fails(calls kind)
 {
     if (!(failing.kinds & kind) || (--failing.left != 0 && !(failing.and_later && failing.left < 0)))
         return false;
-    failing.happened = true;
-    errno = error;
+    failing.happened = kind;
+    errno = failing.error ? failing.error : errors.at(kind).front();
     return true;
 }
 
@@ -216,12 +237,12 @@ std::string captured_log::messages()
     return all;
 }
 
-void fail_call(unsigned kinds, int k, bool and_later, bool torn)
+void fail_call(unsigned kinds, int k, bool and_later, bool torn, int error)
 {
-    failing = {kinds, k, and_later, torn, false};
+    failing = {kinds, k, and_later, torn, error, 0};
 }
 
-bool end_failing()
+unsigned end_failing()
 {
     failing.kinds = 0;
     return failing.happened;
@@ -233,24 +254,39 @@ int open_descriptors()
     return static_cast<int>(std::distance(begin(all), end(all)));
 }
 
+int pipe_end()
+{
+    return last_pipe_end;
+}
+
 int for_each_failure(unsigned kinds, const std::function<void()> &scenario)
 {
     constexpr int most_failures = 5000;
-    for (int k = 1; k <= most_failures; ++k) {
-        const int descriptors = open_descriptors();
-        blocks.clear();
-        counting = true;
-        fail_call(kinds, k);
-        scenario();
-        const bool failed = end_failing();
-        counting = false;
-        EXPECT_EQ(open_descriptors(), descriptors) << "after the failure of call " << k;
-        EXPECT_EQ(blocks.size(), 0u) << "after the failure of call " << k;
-        if (!failed || testing::Test::HasFailure())
-            return k - 1;
+    int failures = 0;
+    for (const auto &[kind, kind_errors] : errors) {
+        for (size_t i = 0; i < (kinds & kind ? kind_errors.size() : 0); ++i) {
+            for (int k = 1;; ++k) {
+                SCOPED_TRACE("call " + std::to_string(k) + " of kind " + std::to_string(kind) + ": " +
+                             strerror(kind_errors[i]));
+                const int descriptors = open_descriptors();
+                blocks.clear();
+                counting = true;
+                fail_call(kind, k, false, false, kind_errors[i]);
+                scenario();
+                const bool failed = end_failing() || testing::Test::HasFailure();
+                counting = false;
+                EXPECT_EQ(open_descriptors(), descriptors);
+                EXPECT_EQ(blocks.size(), 0u);
+                EXPECT_LT(k, most_failures) << "calls without end";
+                if (testing::Test::HasFailure())
+                    return failures;
+                if (!failed)
+                    break;
+                ++failures;
+            }
+        }
     }
-    ADD_FAILURE() << "calls without end";
-    return most_failures;
+    return failures;
 }
 
 void isolated(const std::function<void()> &body)
@@ -298,30 +334,34 @@ using namespace support;
 // clang-format off
 extern "C" {
 
-FAILING(ALLOC, ENOMEM, nullptr, void *, malloc, (size_t size), counted(__real_malloc(size)))
-FAILING(ALLOC, ENOMEM, nullptr, void *, calloc, (size_t n, size_t size), counted(__real_calloc(n, size)))
-FAILING(ALLOC, ENOMEM, nullptr, void *, realloc, (void *old, size_t size),
+FAILING(ALLOC, nullptr, void *, malloc, (size_t size), counted(__real_malloc(size)))
+FAILING(ALLOC, nullptr, void *, calloc, (size_t n, size_t size), counted(__real_calloc(n, size)))
+FAILING(ALLOC, nullptr, void *, realloc, (void *old, size_t size),
         counted(__real_realloc(uncounted(old), size)))
-FAILING(ALLOC, ENOMEM, nullptr, void *, reallocarray, (void *old, size_t n, size_t size),
+FAILING(ALLOC, nullptr, void *, reallocarray, (void *old, size_t n, size_t size),
         counted(__real_reallocarray(uncounted(old), n, size)))
 WRAP(void, free, void *block) { __real_free(uncounted(block)); }
 // A raw socket takes rights that tests do without.
-FAILING(SOCKET, EMFILE, -1, int, socket, (int domain, int type, int protocol),
+FAILING(SOCKET, -1, int, socket, (int domain, int type, int protocol),
         (type & 15) == SOCK_RAW ? __real_socket(domain, SOCK_DGRAM | SOCK_CLOEXEC, 0)
                                 : __real_socket(domain, type, protocol))
-FAILING(OPEN, EMFILE, nullptr, FILE *, fopen, (const char *path, const char *mode),
+FAILING(OPEN, nullptr, FILE *, fopen, (const char *path, const char *mode),
         __real_fopen(redirected(path).c_str(), mode))
-FAILING(BIND, EADDRINUSE, -1, int, bind, (int fd, const sockaddr *addr, socklen_t len),
+FAILING(BIND, -1, int, bind, (int fd, const sockaddr *addr, socklen_t len),
         __real_bind(fd, MOVED(addr, len)))
-FAILING(CONNECT, ECONNREFUSED, -1, int, connect, (int fd, const sockaddr *addr, socklen_t len),
+FAILING(CONNECT, -1, int, connect, (int fd, const sockaddr *addr, socklen_t len),
         __real_connect(fd, MOVED(addr, len)))
-FAILING(SENDTO, ENOBUFS, -1, ssize_t, sendto,
+FAILING(SENDTO, -1, ssize_t, sendto,
         (int fd, const void *data, size_t size, int flags, const sockaddr *addr, socklen_t len),
         __real_sendto(fd, data, size, flags, MOVED(addr, len)))
-FAILING(LISTEN, EIO, -1, int, listen, (int fd, int backlog), __real_listen(fd, backlog))
-FAILING(SETSOCKOPT, ENOBUFS, -1, int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
+FAILING(RECV, -1, ssize_t, recv, (int fd, void *data, size_t size, int flags), __real_recv(fd, data, size, flags))
+FAILING(RECV, -1, ssize_t, recvfrom,
+        (int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *len),
+        __real_recvfrom(fd, data, size, flags, from, len))
+FAILING(LISTEN, -1, int, listen, (int fd, int backlog), __real_listen(fd, backlog))
+FAILING(SETSOCKOPT, -1, int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
         __real_setsockopt(fd, level, name, value, size))
-FAILING(MKFIFO, EROFS, -1, int, mkfifo, (const char *path, mode_t mode), __real_mkfifo(redirected(path).c_str(), mode))
+FAILING(MKFIFO, -1, int, mkfifo, (const char *path, mode_t mode), __real_mkfifo(redirected(path).c_str(), mode))
 WRAP(int, unlink, const char *path) { return __real_unlink(redirected(path).c_str()); }
 WRAP(int, access, const char *path, int mode) { return __real_access(redirected(path).c_str(), mode); }
 WRAP(void, sync, ) { ++sync_count; }
@@ -343,7 +383,7 @@ int __wrap_open(const char *path, int flags, ...)
     va_start(args, flags);
     const mode_t mode = flags & O_CREAT ? va_arg(args, mode_t) : 0;
     va_end(args);
-    int fd = fails(OPEN, EMFILE) ? -1 : board_open(path);
+    int fd = fails(OPEN) ? -1 : board_open(path);
     if (fd == BOARD_NOT_MINE)
         fd = __real_open(redirected(path).c_str(), flags, mode);
     flash_fds.erase(fd);
@@ -355,7 +395,7 @@ int __wrap_open(const char *path, int flags, ...)
 WRAP(ssize_t, read, int fd, void *buffer, size_t size)
 {
     record(fd, "read ", static_cast<long>(size));
-    if (!fails(READ, EIO))
+    if (!fails(READ))
         return __real_read(fd, buffer, size);
     return failing.torn ? __real_read(fd, buffer, size / 2) : -1;
 }
@@ -367,22 +407,45 @@ WRAP(ssize_t, write, int fd, const void *buffer, size_t size)
     if (fd == STDERR_FILENO)
         return captured_log::capturing ? static_cast<ssize_t>(size) : __real_write(fd, buffer, size);
     record(fd, "write ", static_cast<long>(size));
-    if (fails(WRITE, EIO))
+    if (fails(WRITE))
         return failing.torn ? __real_write(fd, buffer, size / 2) : -1;
     const ssize_t done = board_write(fd, buffer, size);
     return done != BOARD_NOT_MINE ? done : __real_write(fd, buffer, size);
 }
 
+int __real_ioctl(int fd, unsigned long request, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...)
+{
+    va_list args;
+    va_start(args, request);
+    void *argument = va_arg(args, void *);
+    va_end(args);
+    const int done = fails(IOCTL) ? -1 : board_ioctl(fd, request, argument);
+    return done != BOARD_NOT_MINE ? done : __real_ioctl(fd, request, argument);
+}
+
+WRAP(int, pipe2, int *ends, int flags)
+{
+    const int result = fails(PIPE) ? -1 : __real_pipe2(ends, flags);
+    last_pipe_end = result == 0 ? ends[1] : last_pipe_end;
+    return result;
+}
+
+int next_vfork_fails()
+{
+    return fails(VFORK);
+}
+
 WRAP(off_t, lseek, int fd, off_t to, int whence)
 {
     record(fd, "seek ", to);
-    return fails(LSEEK, EIO) ? -1 : __real_lseek(fd, to, whence);
+    return fails(LSEEK) ? -1 : __real_lseek(fd, to, whence);
 }
 
 WRAP(int, poll, pollfd *fds, nfds_t count, int timeout)
 {
     poll_timeouts.push_back(timeout);
-    if (fails(POLL, EINTR))
+    if (fails(POLL))
         return -1;
     int ready = __real_poll(fds, count, real_time ? timeout : 0);
     if (ready != 0 || timeout == 0 || real_time)
@@ -406,3 +469,13 @@ WRAP(int, gettimeofday, timeval *now, void *zone)
 }
 
 } // extern "C"
+
+// Whoever calls vfork must not return before the child runs its program: the call is passed on by a jump.
+#ifdef __arm__
+asm(".text\n.globl __wrap_vfork\n.type __wrap_vfork, %function\n__wrap_vfork:\npush {r3, lr}\nbl "
+    "next_vfork_fails\n"
+    "cmp r0, #0\npop {r3, lr}\nbeq __real_vfork\nmov r0, #-1\nbx lr\n");
+#else
+asm(".text\n.globl __wrap_vfork\n__wrap_vfork:\nsubq $8, %rsp\ncall next_vfork_fails\naddq $8, %rsp\n"
+    "testl %eax, %eax\njz __real_vfork\nmovl $-1, %eax\nret\n");
+#endif

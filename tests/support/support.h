@@ -73,19 +73,25 @@ enum calls : unsigned {
     LISTEN = 512,
     SETSOCKOPT = 1024,
     POLL = 2048,
-    MKFIFO = 4096
+    MKFIFO = 4096,
+    RECV = 8192, // recv, recvfrom
+    PIPE = 16384,
+    VFORK = 32768,
+    IOCTL = 65536,
+    ALL_CALLS = 131071
 };
 
 // From here on the k-th (from 1) call of these kinds fails, with and_later every one after it too. With torn
-// a failing read or write does half of its work and says so.
-void fail_call(unsigned kinds, int k, bool and_later = false, bool torn = false);
-bool end_failing(); // true when a call was failed; nothing fails from here on
+// a failing read or write does half of its work and says so. Without an error the kind's first is given.
+void fail_call(unsigned kinds, int k, bool and_later = false, bool torn = false, int error = 0);
+unsigned end_failing(); // the kind of the call that was failed, or 0; nothing fails from here on
 
-// Runs scenario with the 1st, 2nd ... call of these kinds failing, until no call was left to fail, and
-// expects that each run leaves as many descriptors and heap blocks as it found. Returns the number of
-// failures.
+// For each of these kinds, and each error that it can give, runs scenario with the 1st, 2nd ... call of it
+// failing, until no call was left to fail, and expects that each run leaves as many descriptors and heap
+// blocks as it found. Returns the number of failures.
 int for_each_failure(unsigned kinds, const std::function<void()> &scenario);
 int open_descriptors();
+int pipe_end(); // for writing, of the last pipe, which is the one for SIGCHLD; -1 before there is one
 
 // Runs body in a process of its own, for what a process does once (app_run, log_set_level). Its expectations
 // count.

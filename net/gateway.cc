@@ -92,12 +92,12 @@ int wait_readable(int fd, stopwatch &watch, timeval *left)
     for (;;) {
         pollfd entry = {fd, POLLIN, 0};
         const int ready = poll(&entry, 1, whole_ms(*left));
+        if (ready < 0 && errno != EINTR)
+            return ready;
         const timeval spent = watch.lap();
         tv_sub(left, &spent);
-        if (ready >= 0 || errno != EINTR)
-            return ready;
-        if (!timerisset(left))
-            return 0;
+        if (ready >= 0 || !timerisset(left))
+            return std::max(ready, 0);
     }
 }
 

@@ -126,7 +126,8 @@ TEST_F(gateway_test, the_budget_holds_whatever_happens)
     const pid_t flood = fork();
     const unique_fd raw(socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
     sockaddr_in own = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    for (const int64_t end = now_ms() + 5000; flood == 0;)
+    const int64_t end = now_ms() + 5000;
+    while (flood == 0)
         if (sendto(raw.get(), &own, sizeof own, 0, generic(own), sizeof own) < 0 || now_ms() > end)
             _exit(0);
     timeval budget = {0, 400000};

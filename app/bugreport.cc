@@ -23,7 +23,7 @@ constexpr std::string_view body_end = "\n\n.\r\n";
 struct {
     std::atomic<uint64_t> count; // of all bytes ever added
     char ring[history_max];
-} bugreport_history;
+} bugreport_history = {};
 static_assert(decltype(bugreport_history.count)::is_always_lock_free, "used in signal handlers");
 
 // A reply, or the report on its way out.
@@ -31,18 +31,18 @@ char line_buffer[8192];
 constexpr size_t reply_max = sizeof line_buffer - 1;
 
 struct step {
-    const char *sent; // null: the report itself
-    int tag;
+    const char *sent;     // null: the report itself
     const char *expected; // what the reply begins with
+    int tag;
     int write_error, read_error, reply_error;
 };
 constexpr step dialogue[] = {
-    {"", 80, "220", 0, 81, 87},
-    {"HELO " LUMD_BUGREPORT_DOMAIN "\r\n", 97, "250", 93, 98, 104},
-    {"MAIL FROM:<" LUMD_BUGREPORT_MAILBOX ">\r\n", 114, "250", 110, 115, 121},
-    {"RCPT TO:<" LUMD_BUGREPORT_MAILBOX ">\r\n", 131, "250", 127, 132, 138},
-    {"DATA\r\n", 148, "354", 144, 149, 155},
-    {nullptr, 193, "250", 189, 194, 200},
+    {"", "220", 80, 0, 81, 87},
+    {"HELO " LUMD_BUGREPORT_DOMAIN "\r\n", "250", 97, 93, 98, 104},
+    {"MAIL FROM:<" LUMD_BUGREPORT_MAILBOX ">\r\n", "250", 114, 110, 115, 121},
+    {"RCPT TO:<" LUMD_BUGREPORT_MAILBOX ">\r\n", "250", 131, 127, 132, 138},
+    {"DATA\r\n", "354", 148, 144, 149, 155},
+    {nullptr, "250", 193, 189, 194, 200},
 };
 constexpr int quit_tag = 205;
 

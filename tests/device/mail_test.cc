@@ -10,7 +10,7 @@ TEST(mail, report_of_any_size_is_accepted)
     ASSERT_EQ(system("ip address add " LUMD_BUGREPORT_SERVER "/32 dev lo"), 0);
     const pid_t server = fork();
     if (server == 0) {
-        execlp("msmtpd", "msmtpd", "--interface=0.0.0.0", "--command=cat >/tmp/mail; echo %F >/tmp/sender",
+        execlp("msmtpd", "msmtpd", "--interface=0.0.0.0", "--command=cat >/tmp/mail; echo %F >/tmp/envelope",
                nullptr);
         _exit(99);
     }
@@ -30,7 +30,7 @@ TEST(mail, report_of_any_size_is_accepted)
     const std::string small = report("A=1 B= /opt/bin/reporter 3");
     EXPECT_TRUE(small.starts_with("line 0\nline 1\nline 2\n\n\nA=1\nB=\n") && small.ends_with("\n\n\n"))
         << small;
-    EXPECT_EQ(read_file("/tmp/sender"), LUMD_BUGREPORT_MAILBOX "\n");
+    EXPECT_EQ(read_file("/tmp/envelope"), LUMD_BUGREPORT_MAILBOX " " LUMD_BUGREPORT_MAILBOX "\n");
     EXPECT_NE(read_file("/tmp/said").find("tcp_gets(): 193\ntcp_gets(): 250 "), std::string::npos);
     kill(server, SIGKILL);
     waitpid(server, nullptr, 0);

@@ -15,7 +15,7 @@ using namespace std::string_literals;
 const struct {
     std::string sent, good, tag, write_fails, read_fails, wrong;
 } steps[] = {
-    {"", "220 ready\r\n", "80", "E081", "E081", "E087"},
+    {"", "220 ready\r\n", "80", "E081", "E081", "E087"}, // nothing is written, so the fault is a cut reply
     {"HELO " LUMD_BUGREPORT_DOMAIN "\r\n", "250-first of two\r\n", "97", "E093", "E098", "E104"},
     {"MAIL FROM:<" LUMD_BUGREPORT_MAILBOX ">\r\n", "250\n", "114", "E110", "E115", "E121"},
     {"RCPT TO:<" LUMD_BUGREPORT_MAILBOX ">\r\n", "2500\r\n", "131", "E127", "E132", "E138"},
@@ -57,7 +57,11 @@ extern "C" ssize_t send(int fd, const void *text, size_t size, int flags)
 }
 // clang-format off
 extern "C" hostent *gethostbyname(const char *) { return nullptr; }
-extern "C" size_t __wrap_fwrite(const void *text, size_t, size_t size, FILE *) { return size_t(write(2, text, size)); }
+extern "C" size_t __real_fwrite(const void *text, size_t size, size_t count, FILE *file);
+extern "C" size_t __wrap_fwrite(const void *text, size_t size, size_t count, FILE *file)
+{
+    return file == stderr ? size_t(write(2, text, size * count)) : __real_fwrite(text, size, count, file);
+}
 // clang-format on
 
 struct bugreport_test : test {

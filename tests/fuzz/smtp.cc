@@ -1,17 +1,16 @@
 // What a mail server says to a report. A byte 255 stands for 4096 others, as lines can be longer than inputs.
 #include "app/bugreport.h"
-#include "app/memory.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <netdb.h>
 #include <string>
 #include <sys/socket.h>
+#include <unistd.h>
 
 static std::string said;
 static int ends[2];
 
-// The port of the server is any that is connected to.
 extern "C" int connect(int fd, const sockaddr *, socklen_t)
 {
     const bool made = socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0 && dup2(ends[0], fd) == fd;

@@ -28,8 +28,9 @@ TEST(mail, report_of_any_size_is_accepted)
     write_file("/etc/hosts", "127.0.0.1 " LUMD_BUGREPORT_DOMAIN "\n");
     EXPECT_EQ(system("ip address del " LUMD_BUGREPORT_SERVER "/32 dev lo"), 0);
     const std::string small = report("A=1 B= /opt/bin/reporter 3");
-    EXPECT_TRUE(small.starts_with("line 0\nline 1\nline 2\n\n\nA=1\nB=\n") && small.ends_with("\n\n\n"))
-        << small;
+    EXPECT_TRUE(small.starts_with("line 0\nline 1\nline 2\n\n\n") && small.ends_with("\n\n\n")) << small;
+    // An emulator's shell has variables of its own.
+    EXPECT_TRUE(small.find("\nA=1\n") != small.npos && small.find("\nB=\n") != small.npos) << small;
     EXPECT_EQ(read_file("/tmp/envelope"), LUMD_BUGREPORT_MAILBOX " " LUMD_BUGREPORT_MAILBOX "\n");
     EXPECT_NE(read_file("/tmp/said").find("tcp_gets(): 193\ntcp_gets(): 250 "), std::string::npos);
     kill(server, SIGKILL);

@@ -3,6 +3,7 @@
 #include "app/memory.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -19,6 +20,7 @@ constexpr size_t line_max = 298;
 
 int log_level = 0;
 int log_fd = STDERR_FILENO;
+std::atomic<void (*)(const void *, size_t)> log_copy;
 
 // Callers log a failure and go on to look at its errno.
 class errno_keeper {
@@ -135,7 +137,14 @@ void log_printf(int level, const char *format, ...)
 
 ssize_t log_write(const void *buffer, size_t length)
 {
+    if (const auto copy = log_copy.load(std::memory_order_relaxed))
+        copy(buffer, length);
     return write(log_fd, buffer, length);
+}
+
+void log_set_copy(void (*copy)(const void *text, size_t length))
+{
+    log_copy = copy;
 }
 
 void log_flush()

@@ -30,6 +30,10 @@ void log_flush();
 // Whether a line can be written now, or within so long, without waiting for the log's reader.
 bool log_ready(int patience_ms);
 
+// Gives copy all that goes to the log from now on, before it is written and whatever then becomes of it;
+// null: nothing. It is called in signal handlers too, and keeps errno.
+void log_set_copy(void (*copy)(const void *text, size_t length));
+
 // Makes path, emptied, the log; 0, or -1 and the log stays where it is.
 int log_open(const char *path);
 

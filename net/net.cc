@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <netdb.h>
+#include <sys/random.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -107,6 +108,7 @@ bool join_group(int fd, const sockaddr_in &group)
 // The number goes into the address as it is drawn: any unprivileged port will do, in either byte order.
 bool bind_random_port(int fd, sockaddr_in *addr, socklen_t addrlen)
 {
+    seed_random();
     for (int tries = 0; tries < random_port_tries; ++tries) {
         long port = random() & 0xFFFF;
         if (port < lowest_random_port)
@@ -131,6 +133,16 @@ bool udp_bind_address(int fd, sockaddr *addr, socklen_t addrlen)
 }
 
 } // namespace
+
+void seed_random()
+{
+    static bool seeded;
+    unsigned seed;
+    if (seeded || getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed)
+        return;
+    srandom(seed);
+    seeded = true;
+}
 
 int unix_datagram_listen(int fd, const char *path)
 {

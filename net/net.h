@@ -37,6 +37,10 @@ struct ctlmsg {
 ssize_t send_ctlmsg(int fd, const ctlmsg *message);
 ssize_t recv_ctlmsg(int fd, ctlmsg *message);
 
+// Ports and identifiers that can be foretold let anybody answer: seeds random() and rand(), once, from the
+// kernel's entropy. A board that has just come up may have none yet; the next call tries again.
+void seed_random();
+
 // The pending error of a socket, or -1 when there is none to ask (a FIFO, for instance).
 int get_socket_error(int fd);
 

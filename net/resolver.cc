@@ -4,13 +4,13 @@
 #include "app/file.h"
 #include "app/log.h"
 #include "app/text.h"
+#include "net/net.h"
 #include "net/sockaddr.h"
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
-#include <sys/random.h>
 
 namespace {
 
@@ -30,17 +30,6 @@ size_t server_count;
 const sockaddr *generic(const sockaddr_in &addr)
 {
     return reinterpret_cast<const sockaddr *>(&addr);
-}
-
-// Identifiers that can be foretold let anybody answer. A board that has just come up may have no entropy yet.
-void seed_once()
-{
-    static bool seeded;
-    unsigned seed;
-    if (seeded || getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed)
-        return;
-    srand(seed);
-    seeded = true;
 }
 
 void add_server(std::string_view line)
@@ -249,7 +238,7 @@ int resolver_query(resolver *res, const char *name)
         return -1;
     }
     res->result_len = -1;
-    seed_once();
+    seed_random();
     for (uint8_t &byte : res->id)
         byte = static_cast<uint8_t>(rand());
     if (resolver_build_and_send_query(res) < 0) {

@@ -74,7 +74,7 @@ TEST_F(tools, verbs_and_exit_statuses)
         syscfg set NOTE=$(printf 'a\001\303\251\377\355\240\200\360\237\230\200\300\200"') | 0
         syscfg list --json NO* | 0 | [   {"name": "NOTE", "value": "a\u0001é\ufffd\ufffd\ufffd\ufffd😀\ufffd\ufffd\""} ]
         syscfg --json list X* | 0 | []
-        syscfg set NOTE="$(printf 'a\nb=c')"; syscfg list N* | 1 | - | NOTE is left out
+        syscfg set NOTE="$(printf 'a\nb=c')"; syscfg list NO* | 1 | - | NOTE is left out
         syscfg set HOSTNAME='Bad Name' | 4 | - | not a value of its type
         syscfg set MODEL=x | 4 | - | read-only
         syscfg set MODEL=gw100 | 0

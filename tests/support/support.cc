@@ -43,7 +43,7 @@ struct {
     int left;
     bool and_later, torn;
     int error;
-    unsigned happened;
+    bool happened;
 } failing;
 const std::map<calls, std::vector<int>> errors = {{ALLOC, {ENOMEM}},
                                                   {OPEN, {EMFILE, ENOENT, EACCES}},
@@ -71,7 +71,8 @@ bool fails(calls kind)
 {
     if (!(failing.kinds & kind) || (--failing.left != 0 && !(failing.and_later && failing.left < 0)))
         return false;
-    failing.happened = kind;
+    failing.happened = true;
+    failed_kind = kind;
     errno = failing.error ? failing.error : errors.at(kind).front();
     return true;
 }
@@ -239,10 +240,10 @@ std::string captured_log::messages()
 
 void fail_call(unsigned kinds, int k, bool and_later, bool torn, int error)
 {
-    failing = {kinds, k, and_later, torn, error, 0};
+    failing = {kinds, k, and_later, torn, error, false};
 }
 
-unsigned end_failing()
+bool end_failing()
 {
     failing.kinds = 0;
     return failing.happened;
@@ -259,31 +260,38 @@ int pipe_end()
     return last_pipe_end;
 }
 
+namespace {
+
+// True when a call was failed, and nothing was found to be wrong.
+bool run_failing(unsigned kind, int error, int k, const std::function<void()> &scenario)
+{
+    SCOPED_TRACE("call " + std::to_string(k) + " of kind " + std::to_string(kind) + ": " + strerror(error));
+    const int descriptors = open_descriptors();
+    blocks.clear();
+    counting = true;
+    fail_call(kind, k, false, false, error);
+    scenario();
+    const bool failed = end_failing();
+    counting = false;
+    EXPECT_EQ(open_descriptors(), descriptors);
+    EXPECT_EQ(blocks.size(), 0u);
+    return failed && !testing::Test::HasFailure();
+}
+
+} // namespace
+
 int for_each_failure(unsigned kinds, const std::function<void()> &scenario)
 {
     constexpr int most_failures = 5000;
     int failures = 0;
+    run_failing(0, 0, 0, scenario);
     for (const auto &[kind, kind_errors] : errors) {
-        for (size_t i = 0; i < (kinds & kind ? kind_errors.size() : 0); ++i) {
-            for (int k = 1;; ++k) {
-                SCOPED_TRACE("call " + std::to_string(k) + " of kind " + std::to_string(kind) + ": " +
-                             strerror(kind_errors[i]));
-                const int descriptors = open_descriptors();
-                blocks.clear();
-                counting = true;
-                fail_call(kind, k, false, false, kind_errors[i]);
-                scenario();
-                const bool failed = end_failing() || testing::Test::HasFailure();
-                counting = false;
-                EXPECT_EQ(open_descriptors(), descriptors);
-                EXPECT_EQ(blocks.size(), 0u);
-                EXPECT_LT(k, most_failures) << "calls without end";
-                if (testing::Test::HasFailure())
-                    return failures;
-                if (!failed)
-                    break;
-                ++failures;
-            }
+        for (const int error : kinds &kind ? kind_errors : std::vector<int>()) {
+            int k = 1;
+            while (k <= most_failures && run_failing(kind, error, k, scenario))
+                ++k;
+            EXPECT_LE(k, most_failures) << "calls without end";
+            failures += k - 1;
         }
     }
     return failures;

@@ -84,11 +84,12 @@ enum calls : unsigned {
 // From here on the k-th (from 1) call of these kinds fails, with and_later every one after it too. With torn
 // a failing read or write does half of its work and says so. Without an error the kind's first is given.
 void fail_call(unsigned kinds, int k, bool and_later = false, bool torn = false, int error = 0);
-unsigned end_failing(); // the kind of the call that was failed, or 0; nothing fails from here on
+bool end_failing();          // true when a call was failed; nothing fails from here on
+inline unsigned failed_kind; // of the last call that was failed
 
-// For each of these kinds, and each error that it can give, runs scenario with the 1st, 2nd ... call of it
-// failing, until no call was left to fail, and expects that each run leaves as many descriptors and heap
-// blocks as it found. Returns the number of failures.
+// Runs scenario as it is, and for each of these kinds, and each error that it can give, with the 1st, 2nd ...
+// call of it failing until no call was left to fail. Expects that each run leaves as many descriptors and
+// heap blocks as it found. Returns the number of failures.
 int for_each_failure(unsigned kinds, const std::function<void()> &scenario);
 int open_descriptors();
 int pipe_end(); // for writing, of the last pipe, which is the one for SIGCHLD; -1 before there is one

@@ -25,9 +25,8 @@ struct interfaces_test : support::test {
     static std::string text_of(const sockaddr *addr) { return addr ? sockaddr_ntop(addr, 0) : ""; }
     static std::string sh(const std::string &script)
     {
-        write_file("/script", "PATH=$PATH:/usr/sbin:/sbin\ncd " + device_root + "\n" + script);
-        const std::string run = device_path("/script") + " >" + device_path("/said") + " 2>&1";
-        return system(("sh " + run).c_str()) == 0 ? read_file("/said") : "failed";
+        write_file("/script", "cd " + device_root + "; exec >said 2>&1; PATH=$PATH:/sbin\n" + script);
+        return system(("sh " + device_path("/script")).c_str()) == 0 ? read_file("/said") : "failed";
     }
     // Lines of "name address/mask brd address peer address", ours and ip's.
     static std::string list(int fd, int flags)
@@ -43,9 +42,8 @@ struct interfaces_test : support::test {
     static std::string list_of_ip(int flags)
     {
         std::string script = R"_(ip -json -4 addr show up | grep -oE '"local":[^}]*"label":"[^"]*"' | sed -E '
-            s|"local":"([^"]+)",("address":"([^"]+)",)?("prefixlen":[0-9]+),("broadcast":"([^"]+)",)?.*"label":"(.*)"|\7 \1/\4 brd \6 peer \3|
-            s|"prefixlen":8 |255.0.0.0 |; s|"prefixlen":16 |255.255.0.0 |; s|"prefixlen":24 |255.255.255.0 |
-            s|"prefixlen":25 |255.255.255.128 |; s|"prefixlen":30 |255.255.255.252 |; s|"prefixlen":32 |255.255.255.255 |)_";
+            s#"local":"([^"]+)",("address":"([^"]+)",)?"prefixlen":([0-9]+),("broadcast":"([^"]+)",)?.*"label":"(.*)"#\7 \1/\4 brd \6 peer \3#
+            s#/8 #/255.0.0.0 #; s#/16 #/255.255.0.0 #; s#/24 #/255.255.255.0 #; s#/25 #/255.255.255.128 #; s#/32 #/255.255.255.255 #)_";
         for (const char *cut : {"/:/d", "/^lo /d", "s/brd [^ ]+/brd /", "s/peer .+/peer /", "s|/[^ ]+|/|"})
             script += std::exchange(flags, flags >> 1) & 1 ? "" : "\n" + std::string(cut);
         return sh(script + "'");
@@ -60,9 +58,8 @@ struct interfaces_test : support::test {
             real_time = true;
             if (unshare(CLONE_NEWNET) < 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0)
                 std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
-            const std::string first =
-                R"(set -e; ip link set lo up; for i in 0 1 2; do ip link add v$i type veth peer name w$i
-                ip link set v$i up; ip link set w$i up; ip addr add 10.7.$i.1/24 brd + dev v$i; done; )";
+            const char first[] = R"(set -e; ip link set lo up; for i in 0 1 2; do
+              ip link add v$i type veth peer name w$i; ip link set v$i up; ip link set w$i up; ip addr add 10.7.$i.1/24 brd + dev v$i; done; )";
             ASSERT_EQ(sh(first + script), "");
             body();
         });
@@ -78,8 +75,6 @@ TEST_F(interfaces_test, scores)
         const address from(own), of(mask), to(dest);
         const ifi record = {"", 0, from.any, of.any, nullptr, nullptr, nullptr};
         EXPECT_EQ(std::to_string(ifi_dest_match(&record, to.any)), score) << own;
-        to.any->sa_family = AF_INET6;
-        EXPECT_EQ(ifi_dest_match(&record, to.any), -1);
     }
 }
 
@@ -107,13 +102,12 @@ TEST_F(interfaces_test, route_tables_that_are_fed)
 TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
 {
     const char script[] = R"(ip addr add 10.2.0.1/16 brd + dev v0 label v0:1; ip addr add 10.3.0.1/25 dev v0
-        ip addr add 10.7.0.2/24 brd + dev v0; ip addr add 10.4.0.1/30 dev w1
-        ip tuntap add t0 mode tun; ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip link set t0 up
-        ip route add default via 10.7.1.9; ip route add 10.6.0.0/24 dev w2; ip route add unreachable 10.5.0.0/16)";
+        ip addr add 10.7.0.2/24 brd + dev v0; ip addr add 10.4.0.1/24 dev w1; ip tuntap add t0 mode tun; ip link set t0 up
+        ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip r add default via 10.7.1.9; ip r add 10.6.0.0/24 dev w2; ip r add blackhole 10.5/16)";
     // The address a socket is bound to, USE_INTERFACE, the destination, the address, what is logged.
     std::istringstream rows(R"(
         10.7.0.1:77 v1 1.2.3.4 10.7.0.1:77 -   0.0.0.0:77 v0 1.2.3.4 10.7.0.1:77 port=77   - v0 1.2.3.4 10.7.0.1 sockport:
-        - w2 - - requested      0.0.0.0:78 - 10.7.2.5:9 10.7.2.1:78 -     0.0.0.0:78 - - 10.7.1.1:78 -    - - 10.6.0.1 - FAILED    - - 10.5.0.1 - FAILED)");
+        - w2 - - requested  0.0.0.0:7 - 10.7.2.5:9 10.7.2.1:7 -  0.0.0.0:78 - - 10.7.1.1:78 -   - - 10.6.0.1 - FAILED - - 10.5.0.1 - FAILED)");
     in_network(script, [&, this] {
         const int any = socket(AF_INET, SOCK_DGRAM, 0);
         for (std::string own, use, dest, result, said; rows >> own >> use >> dest >> result >> said;) {
@@ -128,7 +122,6 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
                 EXPECT_TRUE(spoilt || said == "-" || log.has(said)) << log.text();
             });
             EXPECT_EQ(list(fd, 0).size() < 40, own[0] == '1') << "of a bound one, only its own";
-            close(fd);
         }
         for (int flags = 0; flags < 32; ++flags)
             EXPECT_EQ(list(any, flags), list_of_ip(flags)) << flags;
@@ -142,12 +135,9 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
         for (const int result : {POLLIN + 2, POLLIN + 2, POLLIN + 2, POLLIN + 2, -1})
             EXPECT_EQ(poll_fd(all, POLLIN, 100) + recv(all, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC), result);
         fail_call(SENDTO, 2);
-        EXPECT_TRUE(broadcast(all, "hi", 2, 0, 7000) == -1 && end_failing() &&
-                    log.has("SYSERROR: broadcast"));
-        const char many[] =
-            R"(for i in $(seq 150); do echo link add x$i type veth peer name y$i; echo link set x$i up
-            echo link set y$i up; echo addr add 10.40.$i.1/24 dev x$i; echo addr add 10.41.$i.1/25 dev y$i
-            done | ip -batch -)";
+        EXPECT_TRUE(broadcast(all, "", 0, 0, 7000) == -1 && end_failing() && log.has("SYSERROR: broadcast"));
+        const char many[] = R"(for i in $(seq 150); do echo "link add x$i type veth peer name y$i
+            link set x$i up\nlink set y$i up\naddr add 10.40.$i.1/24 dev x$i\naddr add 10.41.$i.1/25 dev y$i"; done | ip -batch -)";
         EXPECT_EQ(sh(many), "");
         EXPECT_EQ(list(any, 31), list_of_ip(31));
     });
@@ -165,8 +155,7 @@ TEST_F(interfaces_test, routes_as_the_kernel_chooses_them)
             std::vector<uint32_t> wanted = {0x0A070105, 0x28010203};
             const auto inside = static_cast<uint32_t>(0x14000000 + random() % 0x4000000);
             commands << "route flush proto static\n";
-            unsigned gateway = 253;
-            for (unsigned bits = random() % 2 * 7; bits <= 32 && gateway != 1;
+            for (unsigned bits = random() % 2 * 7, gateway = 253; bits <= 32 && gateway != 1;
                  bits = std::max(bits, 6U) + 1 + random() % 8) {
                 const uint32_t on = random() % 3;
                 const address network(bits > 0 ? inside & ~0U << (32 - bits) : 0),

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -14,7 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::span<const uint8_t> packet(data + 3, size - 3);
     const auto header = packet.first(std::min(packet.size(), longest_ip_header));
     std::array<uint8_t, 4> address;
-    if (icmp_find_route_entry(packet, id, data[2], address) && std::ranges::search(header, address).empty())
+    if (icmp_find_route_entry(packet, id, data[2], address) &&
+        !memmem(header.data(), header.size(), address.data(), address.size()))
         abort();
     if (icmp_returns_datagram(packet, id | 0x8000, 20000 + data[2]) && packet.size() < shortest_return)
         abort();

@@ -1,7 +1,7 @@
 // The device's own IPv4 interfaces and routes, as the kernel tells them at the time of the call.
 //
-// Failures are null or -1, after a log line where one is mentioned in net.h's manner; nothing is kept but the
-// name that findsaddr has found.
+// A failure is null or -1, with a line in the log where the declaration says so. Nothing is kept but the name
+// that findsaddr has found.
 #pragma once
 
 #include <array>

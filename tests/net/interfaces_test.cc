@@ -103,9 +103,9 @@ TEST_F(interfaces_test, route_tables_that_are_fed)
 TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
 {
     const char script[] = R"(ip addr add 10.2.0.1/16 brd + dev v0 label v0:1; ip addr add 10.3.0.1/25 dev v0
-        ip addr add 10.7.0.2/24 brd + dev v0; ip tuntap add t1 mode tun; ip tuntap add t0 mode tun; ip link set t0 up
-        ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip r add default via 10.7.1.9; ip r add 10.6.0.0/24 dev w2
-        ip r add blackhole 10.5/16; ip addr add 10.8.0.1/24 dev t1)";
+        ip addr add 10.7.0.2/24 brd + dev v0; ip r add default via 10.7.1.9; ip r add 10.6.0.0/24 dev w2; ip r add blackhole 10.5/16
+        [ ! -w /dev/net/tun ] || { ip tuntap add t1 mode tun; ip addr add 10.8.0.1/24 dev t1; ip tuntap add t0 mode tun
+        ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip link set t0 up; } # not everybody may make them)";
     // The address a socket is bound to, USE_INTERFACE, the destination, the address, what is logged.
     std::istringstream rows(R"(
         10.7.0.1:77 v1 1.2.3.4 10.7.0.1:77 -   0.0.0.0:77 v0 1.2.3.4 10.7.0.1:77 port=77   - v0 1.2.3.4 10.7.0.1 sockport:

@@ -63,11 +63,7 @@ struct programs {
         ++run[s];
         return pid;
     }
-    void die(pid_t pid, int how)
-    {
-        all[pid] = {all[pid].slot, how, false};
-        dead.push_back(pid);
-    }
+    void die(pid_t pid, int how) { all[pid] = {all[pid].slot, how, false}, dead.push_back(pid); }
     int reap() // how the first one ended
     {
         const int how = all[dead.front()].how;
@@ -204,11 +200,7 @@ struct model {
             die(pid, 0);
         return pid;
     }
-    void die(pid_t pid, int how)
-    {
-        table.die(pid, how);
-        sigchld = true;
-    }
+    void die(pid_t pid, int how) { table.die(pid, how), sigchld = true; }
     void track(int s, pid_t pid)
     {
         slots[s].child = pid;
@@ -615,31 +607,30 @@ template <typename List, typename Test>
 void shrink(List &list, Test still_fails)
 {
     int trials = 1000;
-    for (size_t chunk = list.size(); chunk > 0; chunk /= 2) {
-        for (size_t at = 0; at < list.size() && --trials > 0;) {
-            const List before = list;
-            const auto from = list.begin() + static_cast<std::ptrdiff_t>(at);
-            list.erase(from, from + static_cast<std::ptrdiff_t>(std::min(chunk, list.size() - at)));
-            if (!still_fails()) {
-                list = before;
-                at += chunk;
-            }
+    for (size_t chunk = list.size(), at = 0; chunk > 0 && --trials > 0;) {
+        const List before = list;
+        const auto from = list.begin() + static_cast<std::ptrdiff_t>(at);
+        list.erase(from, from + static_cast<std::ptrdiff_t>(std::min(chunk, list.size() - at)));
+        if (list.size() == before.size() || !still_fails()) {
+            list = before;
+            at += chunk;
         }
+        chunk = at < list.size() ? chunk : chunk / 2;
+        at = at < list.size() ? at : 0;
     }
 }
 
 void tell_shortest(std::vector<plan> plans, std::vector<event> events)
 {
     const auto still_fails = [&] { return fails(plans, events); };
-    for (int rounds = 0; rounds < 2; ++rounds) {
-        shrink(events, still_fails);
-        for (event &one : events)
-            shrink(one.names, still_fails);
-        for (plan &one : plans) {
-            const plan full = std::exchange(one, plan());
-            one = still_fails() ? one : full;
-        }
+    shrink(events, still_fails);
+    for (event &one : events)
+        shrink(one.names, still_fails);
+    for (plan &one : plans) {
+        const plan full = std::exchange(one, plan());
+        one = still_fails() ? one : full;
     }
+    shrink(events, still_fails);
     for (int s = 0; s < services; ++s)
         printf("%s", plans[s].kind == MISSING ? "" : said(plans[s], s).c_str());
     for (const event &e : events)

@@ -404,19 +404,12 @@ struct chance {
 
     plan any_plan()
     {
-        constexpr line lines[] = {NO_LINE, NO_LINE, NO_LINE,     HANDLER,
-                                  HANDLER, HELPER,  BAD_HANDLER, NO_HELPER};
+        constexpr line lines[] = {NO_LINE, NO_LINE, HANDLER, HANDLER, HELPER, BAD_HANDLER, NO_HELPER};
         constexpr ::kind others[] = {ONE_SHOT, ONE_SHOT, JOB, MISSING};
-        plan made = {one_of(3) ? any(others) : PROGRAM,
-                     {},
-                     {},
-                     {},
-                     -1,
-                     any(lines),
-                     any(lines),
-                     any({0, 1, 3}),
-                     one_of(12),
-                     one_of(2)};
+        plan made;
+        made.kind = one_of(3) ? any(others) : PROGRAM;
+        made.stop = any(lines), made.reload = any(lines);
+        made.every = any({0, 1, 3}), made.brief = one_of(12), made.prompt = one_of(2);
         for (int n = below(6) - 2; n > 0; --n)
             made.needs.push_back(one_of(50) ? -1 : below(services));
         for (int n = below(6) - 3; n > 0; --n)
@@ -553,9 +546,10 @@ struct walker {
                 is[6] += slot.svcent && what.ctx == slot.svcent;
             fault += is == should_be
                          ? ""
-                         : "s" + std::to_string(s) + ": entry state child ended timer due job, is";
+                         : "s" + std::to_string(s) + ": entry state child ended timer due job, is/should be";
             for (size_t i = 0; is != should_be && i < is.size(); ++i)
-                fault += " " + std::to_string(is[i]) + (is[i] == should_be[i] ? "" : "!");
+                fault +=
+                    " " + std::to_string(is[i]) + "/" + std::to_string(should_be[i]) + (i == 6 ? "\n" : "");
             if (entry && entry->pid > 0)
                 waiting.insert(&entry->node);
             else if (entry && entry->node.next != &entry->node)
@@ -569,7 +563,7 @@ struct walker {
         };
         for (const auto &[timer, what] : timers)
             fault += owners(timer, what.ctx) == 1 ? "" : std::string(timer->name) + " has not one owner\n";
-        size_t listed = 0; // with the head of the list
+        size_t listed = 0;
         for (const auto *at : waiting)
             listed += at->next->prev == at && at->prev->next == at &&
                       (waiting.contains(at->next) || !at->next->entry);
@@ -599,6 +593,7 @@ bool fails(const std::vector<plan> &plans, const std::vector<event> &events, boo
     }
     int status = -1;
     waitpid(child, &status, 0);
+    printf("%s", tell && WIFSIGNALED(status) ? "ends by a signal\n" : "");
     return status != 0;
 }
 

@@ -31,10 +31,7 @@ void start(scheduler *s)
 {
     if (!s->timer)
         s->timer = timer_new(0, s, scheduler_callback, "scheduler_callback");
-    if (s->timer && timer_start(s->timer, -1) < 0) {
-        timer_free(s->timer);
-        s->timer = nullptr;
-    }
+    timer_start(s->timer, -1);
 }
 
 } // namespace

@@ -16,11 +16,12 @@ struct instant {
     auto operator<=>(const instant &) const = default;
 };
 
-struct timer_entry {
-    struct timer *timer;
+// A timer's place in the list is part of the timer: to start one again takes no memory and no search.
+struct timer_entry : timer {
     instant expires;
     int32_t runs_left; // 0: until stopped
     timer_entry *next;
+    timer_entry **link; // what leads to it; null while it is not scheduled
 };
 
 struct later_call {
@@ -71,39 +72,44 @@ int milliseconds_until(instant then, instant now)
     return static_cast<int>(std::min<int64_t>(sec, INT_MAX / 1000 - 1) * 1000 + usec / 1000);
 }
 
+timer_entry *entry_of(timer *timer)
+{
+    return static_cast<timer_entry *>(timer);
+}
+
 void schedule(timer_entry *entry)
 {
-    entry->expires = expiry(wall_clock(), entry->timer->period_ms);
+    entry->expires = expiry(wall_clock(), entry->period_ms);
     timer_entry **at = &head;
     while (*at && (*at)->expires < entry->expires)
         at = &(*at)->next;
     entry->next = *at;
+    entry->link = at;
     *at = entry;
+    if (entry->next)
+        entry->next->link = &entry->next;
 }
 
-timer_entry *unschedule(const timer *timer)
+// False when it was not scheduled.
+bool unschedule(timer_entry *entry)
 {
-    for (timer_entry **at = &head; *at; at = &(*at)->next) {
-        timer_entry *entry = *at;
-        if (entry->timer == timer) {
-            *at = entry->next;
-            return entry;
-        }
-    }
-    return nullptr;
+    if (!entry->link)
+        return false;
+    *entry->link = entry->next;
+    if (entry->next)
+        entry->next->link = entry->link;
+    entry->link = nullptr;
+    return true;
 }
 
 void run_head()
 {
-    timer_entry *entry = head;
-    timer *due = entry->timer;
+    timer_entry *due = head;
     const timer_callback callback = due->callback;
     void *ctx = due->ctx;
-    head = entry->next;
-    if (entry->runs_left == 0 || --entry->runs_left > 0)
-        schedule(entry);
-    else
-        free(entry);
+    unschedule(due);
+    if (due->runs_left == 0 || --due->runs_left > 0)
+        schedule(due);
     callback(ctx);
 }
 
@@ -119,20 +125,18 @@ void run_later_call(void *ctx)
 
 timer *timer_new(uint32_t period_ms, void *ctx, timer_callback callback, const char *name)
 {
-    auto *created = new_record<timer>();
+    auto *created = new_record<timer_entry>();
     if (created)
-        *created = {period_ms, ctx, callback, name};
+        static_cast<timer &>(*created) = {period_ms, ctx, callback, name};
     return created;
 }
 
 int timer_start(timer *timer, int count)
 {
-    timer_entry *entry = unschedule(timer);
-    if (!entry)
-        entry = new_record<timer_entry>();
-    if (!entry)
+    if (!timer)
         return -1;
-    entry->timer = timer;
+    timer_entry *entry = entry_of(timer);
+    unschedule(entry);
     entry->runs_left = std::max(count, 0);
     schedule(entry);
     return 0;
@@ -140,17 +144,15 @@ int timer_start(timer *timer, int count)
 
 int timer_stop(timer *timer)
 {
-    timer_entry *entry = unschedule(timer);
-    if (!entry)
-        return -1;
-    free(entry);
-    return 0;
+    return unschedule(entry_of(timer)) ? 0 : -1;
 }
 
 void timer_free(timer *timer)
 {
+    if (!timer)
+        return;
     timer_stop(timer);
-    free(timer);
+    free(entry_of(timer));
 }
 
 int timer_call_later(uint32_t delay_ms, void *ctx, timer_callback fn)
@@ -159,9 +161,8 @@ int timer_call_later(uint32_t delay_ms, void *ctx, timer_callback fn)
     if (!call)
         return -1;
     *call = {ctx, fn, timer_new(delay_ms, call, run_later_call, "call_back")};
-    if (call->timer && timer_start(call->timer, 1) == 0)
+    if (timer_start(call->timer, 1) == 0)
         return 0;
-    timer_free(call->timer);
     free(call);
     return -1;
 }

@@ -26,8 +26,8 @@ struct timer {
 // A new unscheduled timer for timer_free, or null when memory is out.
 timer *timer_new(uint32_t period_ms, void *ctx, timer_callback callback, const char *name);
 
-// (Re)starts the period: count runs from now on, without end for 0 and below. -1 when memory is out; the
-// timer is unscheduled then.
+// (Re)starts the period: count runs from now on, without end for 0 and below. 0, or -1 for null, which
+// timer_new returns when memory is out.
 int timer_start(timer *timer, int count);
 
 // -1 when the timer was not scheduled.

@@ -6,6 +6,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+// What a started program tells of itself, in one write.
+struct start_report {
+    int64_t at_ns;
+    int64_t pid;
+};
+
 inline int64_t monotonic_ns()
 {
     timespec now;

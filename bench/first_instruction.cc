@@ -4,8 +4,10 @@
 
 extern "C" [[noreturn]] void _start()
 {
-    const int64_t at = monotonic_ns();
-    syscall(SYS_write, STDOUT_FILENO, &at, sizeof at);
+    start_report report;
+    report.at_ns = monotonic_ns();
+    report.pid = syscall(SYS_getpid);
+    syscall(SYS_write, STDOUT_FILENO, &report, sizeof report);
     for (;;)
         syscall(SYS_ppoll, nullptr, 0, nullptr, nullptr, 0);
 }

@@ -1,172 +1,238 @@
-// What the daemon costs beside the bare system calls: a query beside a server that only polls, receives and
-// sends, a start beside a vfork and execv of the same program, a value read by the command beside a process
-// that does nothing. Everything runs on one processor, and the sides take turns; a round's figure is the
-// median of its measurements, the reported one the median of the rounds. Runs inside the virtual device,
-// where the daemon's paths are its own.
-#include "bench/clock.h"
+// What the daemon costs beside the bare system calls: requests beside a server that only polls, receives and
+// sends, starts beside vfork and execv of the same program (also in a process that is asked to), a save
+// beside writing the same blocks, a value read by the command beside a process that does nothing. Everything
+// runs on one processor (see bench/figures.h). Runs inside the virtual device, where the daemon's paths are
+// its own.
+#include "bench/check.h"
+#include "bench/daemon.h"
+#include "bench/figures.h"
 
-#include <algorithm>
-#include <benchmark/benchmark.h>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
-#include <string>
-#include <string_view>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-constexpr int rounds = 11;
-constexpr int patience_ms = 5000;
-
-constexpr const char *program = "/opt/bin/first_instruction";
-constexpr const char *service_file = "/tmp/bench.conf";
-constexpr std::string_view service_text = "service probe\nexec /opt/bin/first_instruction\n";
-constexpr std::string_view query = "?HOSTNAME";
+constexpr const char *bare_socket = "/tmp/.bare-server";
+constexpr const char *flash = "/dev/mtdblock/5";
 constexpr const char *get_command[] = {"/usr/bin/syscfg", "get", "HOSTNAME", nullptr};
 constexpr const char *nothing_command[] = {"/opt/bin/nothing", nullptr};
-constexpr const char *daemon_socket = "/tmp/.syscfg-server";
-constexpr const char *bare_socket = "/tmp/.bare-server";
-
-const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-
-template <typename Result>
-Result check(Result result, const char *what)
-{
-    if (result < 0) {
-        std::fprintf(stderr, "lumd_bench: %s: %m\n", what);
-        std::exit(1);
-    }
-    return result;
-}
-
-void expect(bool is_so, const char *what)
-{
-    check(is_so ? 0 : -1, what);
-}
+constexpr std::string_view ok = "!OK";
 
 double microseconds(int64_t ns)
 {
     return static_cast<double>(ns) / 1e3;
 }
 
-double median(std::vector<double> values)
-{
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
+// ---- requests ----
 
-void put(int fd, std::string_view text)
-{
-    expect(write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "write");
-}
+// In turn the two requests, with the answers that they must get.
+struct dialogue {
+    std::string request[2];
+    std::string answer[2];
+};
 
-template <typename Call>
-int with_address(Call call, int fd, const char *path)
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
-    return call(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-}
-
-int bound_socket(const char *path)
-{
-    const int fd = check(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
-    check(with_address(bind, fd, path), path);
-    return fd;
-}
-
-// ---- the query ----
-
-std::string ask(int client)
-{
-    char answer[1024];
-    put(client, query);
-    return {answer, static_cast<size_t>(check(read(client, answer, sizeof answer), "read"))};
-}
-
-double time_query(int client, std::string_view expected)
+double time_dialogue(int client, const dialogue &said)
 {
     constexpr int trips = 50;
     const int64_t begin = monotonic_ns();
     for (int i = 0; i < trips; ++i)
-        expect(ask(client) == expected, "another answer");
+        expect(ask(client, said.request[i % 2]) == said.answer[i % 2], "another answer");
     return microseconds(monotonic_ns() - begin) / trips;
 }
 
+// Somebody waits for a value, somebody else sets it, and both are answered.
+double time_wait(int waiter, int setter)
+{
+    constexpr int trips = 50;
+    constexpr std::string_view assignments[] = {"WEB_TITLE=once", "WEB_TITLE=twice"};
+    const int64_t begin = monotonic_ns();
+    for (int i = 0; i < trips; ++i) {
+        put(waiter, "%wait " + std::string(assignments[i % 2]));
+        expect(ask(setter, assignments[i % 2]) == ok && receive(waiter) == ok, "another answer to a wait");
+    }
+    return microseconds(monotonic_ns() - begin) / trips;
+}
+
+struct correspondent {
+    sockaddr_un address;
+    socklen_t length;
+};
+
 // The least that answers. It polls as many descriptors as the daemon does once a program has been started:
 // the socket, the control FIFO and the pipe that tells of ended children.
-[[noreturn]] void serve_bare(int fd, std::string_view answer)
+[[noreturn]] void serve_bare(int fd, std::string_view value)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     int control[2];
     int children[2];
     expect(pipe2(control, O_CLOEXEC) == 0 && pipe2(children, O_CLOEXEC) == 0, "pipe2");
     pollfd polled[] = {{fd, POLLIN, 0}, {control[0], POLLIN, 0}, {children[0], POLLIN, 0}};
+    correspondent waiter = {};
+    const auto send_to = [fd](const correspondent &to, std::string_view text) {
+        sendto(fd, text.data(), text.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&to.address),
+               to.length);
+    };
     for (;;) {
         poll(polled, std::size(polled), -1);
         char request[1024];
-        sockaddr_un from;
-        socklen_t length = sizeof from;
-        auto *peer = reinterpret_cast<sockaddr *>(&from);
-        if (recvfrom(fd, request, sizeof request, MSG_DONTWAIT, peer, &length) > 0)
-            sendto(fd, answer.data(), answer.size(), MSG_DONTWAIT, peer, length);
+        correspondent from;
+        from.length = sizeof from.address;
+        auto *peer = reinterpret_cast<sockaddr *>(&from.address);
+        if (recvfrom(fd, request, sizeof request, MSG_DONTWAIT, peer, &from.length) <= 0)
+            continue;
+        if (request[0] == '%') {
+            waiter = from;
+            continue;
+        }
+        if (request[0] != '?' && waiter.length != 0) {
+            send_to(waiter, ok);
+            waiter.length = 0;
+        }
+        send_to(from, request[0] == '?' ? value : ok);
     }
 }
 
-// ---- the start ----
-
-// Both sides start out of the same calm: whatever the last start left to do is done when the daemon, which
-// handles one thing after the other, has answered twice.
-void settle(int client)
+void serve_bare_beside(const std::string &value)
 {
-    usleep(1000);
-    ask(client);
-    ask(client);
+    const int server = bound_socket(bare_socket);
+    if (check(fork(), "fork") == 0)
+        serve_bare(server, value);
 }
 
-int64_t take_report(int reports)
+void add_requests(const running_daemon &daemon)
 {
-    pollfd wait = {reports, POLLIN, 0};
-    int64_t at = 0;
-    expect(poll(&wait, 1, patience_ms) == 1 && read(reports, &at, sizeof at) == sizeof at,
-           "the program did not start");
-    return at;
+    const dialogue query = {{"?HOSTNAME", "?HOSTNAME"},
+                            {ask(daemon.client, "?HOSTNAME"), ask(daemon.client, "?HOSTNAME")}};
+    const dialogue plain = {{"WEB_TITLE=once", "WEB_TITLE=twice"}, {"!OK", "!OK"}};
+    const dialogue matched = {{"HOSTNAME=attic", "HOSTNAME=gateway"}, {"!OK", "!OK"}};
+    serve_bare_beside(query.answer[0]);
+    const int client = daemon.client;
+    const int bare = client_of(bare_socket);
+    const int waiter = client_of(daemon_socket);
+    const int bare_waiter = client_of(bare_socket);
+    const auto beside = [=](const char *name, double at_most, const dialogue &said) {
+        add_figure({name,
+                    "us",
+                    200,
+                    at_most,
+                    {{"lumd", [=] { return time_dialogue(client, said); }},
+                     {"bare", [=] { return time_dialogue(bare, said); }}}});
+    };
+    beside("query", 1.10, query);
+    beside("assignment of a text", 0, plain);
+    beside("assignment of a text with a pattern", 0, matched);
+    add_figure({"wait round trip",
+                "us",
+                200,
+                0,
+                {{"lumd", [=] { return time_wait(waiter, client); }},
+                 {"bare", [=] { return time_wait(bare_waiter, bare); }}}});
 }
+
+// ---- starts ----
 
 // A child shares its parent's memory until execv, so it does not matter how large the parent is.
-double time_bare_start(int reports)
+void bare_start()
 {
-    char name[] = "first_instruction";
-    char *const argv[] = {name, nullptr};
-    const int64_t begin = monotonic_ns();
-    const pid_t pid = vfork();
-    if (pid == 0) {
-        execv(program, argv);
+    char path[] = "/opt/bin/first_instruction";
+    char *const argv[] = {path, nullptr};
+    if (vfork() == 0) {
+        execv(started_program, argv);
         _exit(127);
     }
-    const int64_t at = take_report(reports);
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-    return microseconds(at - begin);
 }
 
-double time_start(int reports, int fifo)
+// Until the last of them has run its first instruction. Both sides begin out of the same calm.
+template <typename Start, typename Stop>
+double time_starts(int reports, int services, const running_daemon &daemon, Start start, Stop stop)
 {
+    std::vector<start_report> started;
     const int64_t begin = monotonic_ns();
-    put(fifo, "start probe\n");
-    const int64_t at = take_report(reports);
-    put(fifo, "stop probe\n");
-    return microseconds(at - begin);
+    start();
+    int64_t last = begin;
+    for (int i = 0; i < services; ++i) {
+        started.push_back(take_report(reports));
+        last = std::max(last, started.back().at_ns);
+    }
+    stop(started);
+    await_ends(daemon, started);
+    return microseconds(last - begin);
+}
+
+double time_daemon_starts(int reports, int services, const running_daemon &daemon)
+{
+    const std::string start = service_request("start", services);
+    const std::string stop = service_request("stop", services);
+    return time_starts(
+        reports, services, daemon, [&] { put(daemon.requests, start); },
+        [&](const std::vector<start_report> &) { put(daemon.requests, stop); });
+}
+
+void end_programs(const std::vector<start_report> &started)
+{
+    for (const start_report &report : started) {
+        kill(static_cast<pid_t>(report.pid), SIGTERM);
+        waitpid(static_cast<pid_t>(report.pid), nullptr, 0);
+    }
+}
+
+double time_bare_starts(int reports, int services, const running_daemon &daemon)
+{
+    const auto start = [services] {
+        for (int i = 0; i < services; ++i)
+            bare_start();
+    };
+    return time_starts(reports, services, daemon, start, end_programs);
+}
+
+// The least that starts on request: as many starts as the byte says that comes through the pipe.
+int serve_bare_starts()
+{
+    int ends[2];
+    expect(pipe2(ends, O_CLOEXEC) == 0, "pipe2");
+    if (check(fork(), "fork") != 0)
+        return ends[1];
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    struct sigaction unwaited = {};
+    unwaited.sa_handler = SIG_DFL;
+    unwaited.sa_flags = SA_NOCLDWAIT;
+    expect(sigaction(SIGCHLD, &unwaited, nullptr) == 0, "sigaction");
+    pollfd polled = {ends[0], POLLIN, 0};
+    for (;;) {
+        uint8_t services;
+        poll(&polled, 1, -1);
+        expect(read(ends[0], &services, 1) == 1, "read");
+        for (int i = 0; i < services; ++i)
+            bare_start();
+    }
+}
+
+double time_requested_starts(int reports, int services, const running_daemon &daemon, int requests)
+{
+    const auto start = [=] { put(requests, std::string(1, static_cast<char>(services))); };
+    return time_starts(reports, services, daemon, start, end_programs);
+}
+
+void add_starts(const running_daemon &daemon, int reports)
+{
+    const int requests = serve_bare_starts();
+    const auto beside = [=](const char *name, int services, int turns) {
+        add_figure({name,
+                    "us",
+                    turns,
+                    1.30,
+                    {{"lumd", [=] { return time_daemon_starts(reports, services, daemon); }},
+                     {"bare", [=] { return time_bare_starts(reports, services, daemon); }},
+                     {"bare on request",
+                      [=] { return time_requested_starts(reports, services, daemon, requests); }}}});
+    };
+    beside("start", 1, 100);
+    beside("32 services up", service_count, 20);
 }
 
 // ---- the command ----
@@ -174,6 +240,7 @@ double time_start(int reports, int fifo)
 // From its vfork to its end.
 double time_process(const char *const *argv)
 {
+    static const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     const int64_t begin = monotonic_ns();
     const pid_t pid = vfork();
     if (pid == 0) {
@@ -186,103 +253,165 @@ double time_process(const char *const *argv)
     return microseconds(monotonic_ns() - begin);
 }
 
-// ---- the daemon and the figures ----
+// ---- many variables ----
 
-pid_t run_daemon()
+std::string numbered(int index)
 {
-    put(check(open(service_file, O_WRONLY | O_CREAT | O_CLOEXEC, 0600), service_file), service_text);
-    const pid_t pid = check(fork(), "fork");
-    if (pid != 0)
-        return pid;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(open("/dev/null", O_RDWR | O_CLOEXEC), STDERR_FILENO);
-    execl("/usr/sbin/lumd", "lumd", service_file, nullptr);
-    _exit(127);
+    return "V_" + std::to_string(1000 + index);
 }
 
-// A round: the sides take turns, measurement by measurement.
-template <typename Lumd, typename Bare>
-void add_figure(const char *name, int turns, Lumd lumd, Bare bare)
+std::string read_file(const char *path)
 {
-    const auto round = [=](benchmark::State &state) {
-        std::vector<double> ours;
-        std::vector<double> theirs;
-        for ([[maybe_unused]] auto _ : state) {
-            for (int turn = 0; turn < turns; ++turn) {
-                ours.push_back(lumd());
-                theirs.push_back(bare());
-            }
-            state.SetIterationTime(median(ours) / 1e6);
-        }
-        state.counters["lumd"] = median(ours);
-        state.counters["bare"] = median(theirs);
-    };
-    benchmark::RegisterBenchmark(name, round)->UseManualTime()->Iterations(1)->Repetitions(rounds);
+    std::string text(65536, '\0');
+    const int fd = check(open(path, O_RDONLY | O_CLOEXEC), path);
+    text.resize(static_cast<size_t>(check(read(fd, text.data(), text.size()), path)));
+    close(fd);
+    return text;
 }
 
-// One line a figure.
-struct figures : benchmark::BenchmarkReporter {
-    FILE *output;
-    bool ReportContext(const Context &) override { return true; }
-    void ReportRuns(const std::vector<Run> &runs) override
-    {
-        std::vector<double> lumd;
-        std::vector<double> bare;
-        std::vector<double> ratio;
-        for (const Run &run : runs) {
-            if (run.run_type != Run::RT_Iteration)
-                return;
-            lumd.push_back(run.counters.at("lumd"));
-            bare.push_back(run.counters.at("bare"));
-            ratio.push_back(lumd.back() / bare.back());
-        }
-        const auto [least, most] = std::minmax_element(ratio.begin(), ratio.end());
-        std::fprintf(output,
-                     "%s: lumd %.2f us, bare %.2f us, ratio %.3f, spread %.3f to %.3f in %zu rounds\n",
-                     runs.front().run_name.function_name.c_str(), median(lumd), median(bare), median(ratio),
-                     *least, *most, runs.size());
+void write_file(const char *path, const std::string &text)
+{
+    const int fd = check(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644), path);
+    put(fd, text);
+    close(fd);
+}
+
+// The client of a daemon whose variables have their numbers as values. The device's own files are as before
+// then.
+int client_among(int variables, int reports)
+{
+    constexpr const char *declarations = "/etc/syscfg.def";
+    constexpr const char *defaults = "/usr/etc/syscfg.default";
+    const std::string declared_before = read_file(declarations);
+    const std::string values_before = read_file(defaults);
+    std::string declared;
+    std::string values;
+    for (int i = 0; i < variables; ++i) {
+        declared += numbered(i) + " integer\n";
+        values += numbered(i) + "=" + std::to_string(i) + "\n";
     }
-};
+    write_file(declarations, declared);
+    write_file(defaults, values);
+    const int client = run_daemon(reports).client;
+    write_file(declarations, declared_before);
+    write_file(defaults, values_before);
+    return client;
+}
+
+// Steps through the variables, so that no two queries in a row are the same.
+double time_queries(int client, int variables)
+{
+    constexpr int trips = 50;
+    constexpr int step = 37;
+    static int last;
+    int64_t spent = 0;
+    for (int i = 0; i < trips; ++i) {
+        last = (last + step) % variables;
+        const std::string request = "?" + numbered(last);
+        const std::string expected = ">" + std::to_string(last);
+        const int64_t begin = monotonic_ns();
+        const bool answered = ask(client, request) == expected;
+        spent += monotonic_ns() - begin;
+        expect(answered, "another answer");
+    }
+    return microseconds(spent) / trips;
+}
+
+void add_look_ups(int few, int many, int very_many)
+{
+    const auto beside = [few](const char *name, int client, int variables) {
+        add_figure({name,
+                    "us",
+                    100,
+                    1.05,
+                    {{"lumd", [=] { return time_queries(client, variables); }},
+                     {"among 100", [=] { return time_queries(few, 100); }}}});
+    };
+    beside("query among 1,000 variables", many, 1000);
+    beside("query among 5,000 variables", very_many, 5000);
+}
+
+// ---- the save ----
+
+constexpr size_t block_size = 4096;
+
+// How many blocks the registry's header says that the second blob, the saved values, reaches into.
+int saved_blocks()
+{
+    constexpr off_t second_length = 20 + 24 + 20;
+    constexpr size_t first_byte = 256 + 512;
+    const int fd = check(open(flash, O_RDONLY | O_CLOEXEC), flash);
+    uint8_t length[4];
+    expect(pread(fd, length, sizeof length, second_length) == sizeof length, flash);
+    close(fd);
+    const size_t bytes = length[0] | length[1] << 8 | length[2] << 16;
+    expect(bytes > 0, "nothing is saved");
+    return static_cast<int>((first_byte + bytes + block_size - 1) / block_size);
+}
+
+double time_save(int client)
+{
+    const int64_t begin = monotonic_ns();
+    const bool saved = ask(client, "%save") == ok;
+    const int64_t end = monotonic_ns();
+    expect(saved, "not saved");
+    return microseconds(end - begin);
+}
+
+// Every block is read before it is written, as flash is.
+double time_bare_save(int blocks, int syncs)
+{
+    uint8_t block[block_size];
+    const int64_t begin = monotonic_ns();
+    const int fd = open(flash, O_RDWR | O_CLOEXEC);
+    for (off_t at = 0; at < static_cast<off_t>(blocks * block_size); at += block_size) {
+        expect(pread(fd, block, sizeof block, at) == sizeof block, flash);
+        expect(pwrite(fd, block, sizeof block, at) == sizeof block, flash);
+    }
+    if (syncs == 0)
+        fsync(fd);
+    close(fd);
+    for (int i = 0; i < syncs; ++i)
+        sync();
+    return microseconds(monotonic_ns() - begin);
+}
+
+void add_save(const char *name, int client)
+{
+    expect(ask(client, "%save") == ok, "not saved");
+    const int blocks = saved_blocks();
+    add_figure({name,
+                "us",
+                10,
+                0,
+                {{"lumd", [=] { return time_save(client); }},
+                 {"bare with three syncs", [=] { return time_bare_save(blocks, 3); }},
+                 {"bare with one fsync", [=] { return time_bare_save(blocks, 0); }}}});
+}
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    benchmark::Initialize(&argc, argv);
-    // Standard output becomes the pipe into which started programs report, the daemon's as well as ours.
-    figures reporter;
-    reporter.output = fdopen(check(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "fcntl"), "w");
-    int ends[2];
-    expect(pipe2(ends, O_CLOEXEC) == 0 && dup2(ends[1], STDOUT_FILENO) >= 0, "pipe2");
-    const int reports = ends[0];
+    FILE *output = fdopen(check(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "fcntl"), "w");
+    const int reports = collect_reports();
+    const int few = client_among(100, reports);
+    const int many = client_among(1000, reports);
+    const int very_many = client_among(5000, reports);
+    const running_daemon daemon = run_daemon(reports); // the last: programs that are run find this one
+    time_daemon_starts(reports, 1, daemon);            // from here on it has all of its descriptors
 
-    run_daemon();
-    const int client = bound_socket("/tmp/.bench-client");
-    for (int tries = 0; with_address(connect, client, daemon_socket) < 0; ++tries) {
-        expect(tries < patience_ms, "no daemon");
-        usleep(1000);
-    }
-    const std::string answer = ask(client);
-    char announced[sizeof "starting lumd...\nlumd started!\n" - 1];
-    expect(read(reports, announced, sizeof announced) == sizeof announced, "the daemon announced nothing");
-    const int fifo = check(open("/tmp/svcctl", O_WRONLY | O_CLOEXEC), "/tmp/svcctl");
-    time_start(reports, fifo); // from here on the daemon has all of its descriptors
-
-    const int bare_server = bound_socket(bare_socket);
-    if (check(fork(), "fork") == 0)
-        serve_bare(bare_server, answer);
-    const int bare_client = bound_socket("/tmp/.bench-bare-client");
-    check(with_address(connect, bare_client, bare_socket), bare_socket);
-
-    add_figure(
-        "query", 200, [&] { return time_query(client, answer); },
-        [&] { return time_query(bare_client, answer); });
-    add_figure(
-        "start", 100, [&] { return settle(client), time_start(reports, fifo); },
-        [&] { return settle(client), time_bare_start(reports); });
-    add_figure(
-        "syscfg get", 100, [] { return time_process(get_command); },
-        [] { return time_process(nothing_command); });
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    std::fclose(reporter.output);
+    add_requests(daemon);
+    add_look_ups(few, many, very_many);
+    add_starts(daemon, reports);
+    add_figure({"syscfg get",
+                "us",
+                100,
+                0,
+                {{"lumd", [] { return time_process(get_command); }},
+                 {"process that does nothing", [] { return time_process(nothing_command); }}}});
+    add_save("save of the device's variables", daemon.client);
+    add_save("save of 1,000 variables", many);
+    run_figures(argc, argv, output);
+    std::fclose(output);
 }

@@ -28,7 +28,7 @@ foreach(call creat fallocate fopen ftruncate getrlimit lockf lseek mkstemp mmap 
     set(linked_as_${call} ${call}64)
 endforeach()
 foreach(call adjtime clock_gettime clock_settime getitimer getrusage getsockopt gettimeofday mktime nanosleep ppoll
-             recvmsg select sendmsg setitimer setsockopt settimeofday time utimensat utimes)
+             recvmsg select sendmsg setitimer setsockopt settimeofday time timerfd_settime utimensat utimes)
     set(linked_as_${call} __${call}64)
 endforeach()
 foreach(call fstat fstatat lstat stat)

@@ -20,8 +20,9 @@ add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-no-pie>)
 add_compile_options(-Wall -Wextra -Werror -Wshadow -Wformat=2 -Wvla -Wundef -Wcast-qual -Wpointer-arith)
 add_link_options(-Wl,--gc-sections -Wl,--as-needed)
 
-# What ships is built for its symbols file too, which is to be the same wherever the sources lie.
-set(house_shipped_options -fno-exceptions -fno-rtti
+# What ships is built for its symbols file too, which is to be the same wherever the sources lie. Nothing unwinds it:
+# a dump walks the frames, a debugger reads the symbols file.
+set(house_shipped_options -fno-exceptions -fno-rtti -fno-unwind-tables -fno-asynchronous-unwind-tables
     -g -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=.)
 
 # One folder is one static library; its include path is the root of the repository.

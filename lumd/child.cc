@@ -15,6 +15,21 @@ void close_inherited()
         close(fd);
 }
 
+// Those that a child is to set back: our handlers, all of them installed by the time of the first child, and
+// what whoever started us ignored, which a new program goes on ignoring.
+const sigset_t &changed_signals()
+{
+    static sigset_t changed;
+    static bool known;
+    for (int sig = 1; sig < NSIG && !known; ++sig) {
+        struct sigaction action;
+        if (sigaction(sig, nullptr, &action) == 0 && action.sa_handler != SIG_DFL)
+            sigaddset(&changed, sig);
+    }
+    known = true;
+    return changed;
+}
+
 } // namespace
 
 sigchld_guard::sigchld_guard()
@@ -29,12 +44,14 @@ pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)())
 {
     sigset_t none;
     sigemptyset(&none);
+    const sigset_t &changed = changed_signals();
     const pid_t pid = vfork();
     if (pid != 0)
         return pid;
-    // Ours are gone with the program; what whoever started us ignored would stay so.
-    for (int sig = 1; sig < NSIG; ++sig)
-        signal(sig, SIG_DFL);
+    for (int sig = 1; sig < NSIG; ++sig) {
+        if (sigismember(&changed, sig) == 1)
+            signal(sig, SIG_DFL);
+    }
     sigprocmask(SIG_SETMASK, &none, nullptr);
     close_inherited();
     execv(path, argv);

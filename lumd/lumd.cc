@@ -131,7 +131,7 @@ void schedule_restart(service_info *slot)
     log_trace(LOG_AS(func), "service %s stopped, schedule to restart", slot->name);
     if (!slot->restart_timer)
         slot->restart_timer = timer_new(restart_delay_ms, slot, lumd_restart_service, "lumd_restart_service");
-    if (!slot->restart_timer || timer_start(slot->restart_timer, 1) < 0)
+    if (timer_start(slot->restart_timer, 1) < 0)
         log_failed(LOG_AS(func));
 }
 

@@ -74,10 +74,9 @@ std::optional<packet_counts> parse_counts(const char *line, std::string_view dev
 void take_counts(netmon_svcent *entry, packet_counts now)
 {
     if (has_risen(entry->last_tx, now.tx)) {
-        if (!entry->nopkt_armed && timer_start(entry->nopkt_timer, -1) < 0)
-            log_failed(LOG_AS("checkpacket"));
-        else
-            entry->nopkt_armed = 1;
+        if (!entry->nopkt_armed)
+            timer_start(entry->nopkt_timer, -1);
+        entry->nopkt_armed = 1;
     }
     if (entry->last_rx == 0)
         entry->last_rx = now.rx;
@@ -140,8 +139,7 @@ void netmon_check(void *ctx)
         return;
     }
     checkpacket(entry);
-    if (timer_start(entry->check_timer, 1) < 0)
-        log_failed(LOG_HERE);
+    timer_start(entry->check_timer, 1);
     switch (get_link_status(entry->device)) {
     case 0:
         link_down(entry);
@@ -211,9 +209,9 @@ int netmon_start(svcent *base, int argc, char *const *argv, const svcfg *)
     if (!(flags & NETMON_NO_WATCH))
         entry->down_count = down_checks_after_start;
     if (!have_timer(entry->check_timer, check_period_ms, entry, netmon_check, "netmon_check") ||
-        !have_timer(entry->nopkt_timer, no_packet_period_ms, entry, no_pack_recv, "no_pack_recv") ||
-        timer_start(entry->check_timer, 1) < 0)
+        !have_timer(entry->nopkt_timer, no_packet_period_ms, entry, no_pack_recv, "no_pack_recv"))
         return -1;
+    timer_start(entry->check_timer, 1);
     entry->last_rx = 0;
     entry->last_tx = 0;
     return 0;

@@ -82,8 +82,7 @@ void arm_retry(ntp_svcent *entry, uint32_t period_ms)
         return;
     }
     entry->retry_timer->period_ms = period_ms;
-    if (timer_start(entry->retry_timer, 1) < 0)
-        log_failed(LOG_HERE);
+    timer_start(entry->retry_timer, 1);
 }
 
 void ntp_schedule(ntp_svcent *entry)

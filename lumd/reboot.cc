@@ -54,7 +54,7 @@ int reboot_start(svcent *base, int, char *const *, const svcfg *)
     entry->pid = run_script("reboot", nullptr, 0);
     timer_free(entry->timer);
     entry->timer = timer_new(check_period_ms, entry, reboot_callback, "reboot_callback");
-    if (!entry->timer || timer_start(entry->timer, -1) < 0)
+    if (timer_start(entry->timer, -1) < 0)
         log_failed(LOG_HERE);
     return 0;
 }

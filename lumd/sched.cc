@@ -41,7 +41,7 @@ sched_svcent *as_sched(void *entry)
 template <typename Number>
 std::optional<Number> parse_number(std::string_view text)
 {
-    Number number;
+    Number number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     const bool whole = error == std::errc() && end == text.data() + text.size();
     return whole ? std::optional(number) : std::nullopt;
@@ -125,8 +125,7 @@ void sched_do(void *ctx)
     const sched_svcent *entry = as_sched(ctx);
     log_trace(LOG_HERE, "%s", entry->path);
     entry->timer->period_ms = static_cast<uint32_t>(entry->interval) * 1000;
-    if (timer_start(entry->timer, 1) < 0)
-        log_failed(LOG_HERE);
+    timer_start(entry->timer, 1);
     child_reaper_init();
     char *const argv[] = {entry->path, nullptr};
     if (spawn_child(entry->path, argv, [] {}) < 0)
@@ -138,7 +137,7 @@ int arm(sched_svcent *entry, schedule when, const char *path)
     entry->interval = when.interval;
     entry->path = new_text(path);
     entry->timer = timer_new(static_cast<uint32_t>(when.first) * 1000, entry, sched_do, "sched_do");
-    if (!entry->path || !entry->timer || timer_start(entry->timer, 1) < 0) {
+    if (!entry->path || timer_start(entry->timer, 1) < 0) {
         log_failed(LOG_AS("sched_start"));
         drop_schedule(entry);
         return -1;

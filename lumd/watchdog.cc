@@ -63,7 +63,7 @@ void close_open(int &fd)
 
 void start_timer(timer *timer, const char *func)
 {
-    if (!timer || timer_start(timer, 1) < 0)
+    if (timer_start(timer, 1) < 0)
         log_failed(LOG_AS(func));
 }
 

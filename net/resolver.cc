@@ -115,10 +115,7 @@ void resolver_timeout_callback(void *ctx)
     }
     resolver_build_and_send_query(res);
     res->timer->period_ms = static_cast<uint32_t>(res->attempts) * 1000;
-    if (timer_start(res->timer, 1) < 0) { // nothing would ever end the query
-        log_failed(LOG_HERE);
-        report(res, RESOLVER_NO_ANSWER);
-    }
+    timer_start(res->timer, 1);
 }
 
 // True when the reply answers the question; the result is stored then.
@@ -170,7 +167,8 @@ bool wait_for_answer(resolver *res)
     if (!res->timer)
         return false;
     res->timer->period_ms = first_wait_ms;
-    return timer_start(res->timer, 1) == 0 && app_add_fd(res->sock, POLLIN, res, resolver_callback) >= 0;
+    timer_start(res->timer, 1);
+    return app_add_fd(res->sock, POLLIN, res, resolver_callback) >= 0;
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-# Completion for syscfg and svcctl. Names and current values come from the running daemon; which values a
+# Completion for syscfg, svcctl and netdiag. Names and current values come from the running daemon; which values a
 # choice has, and which services there are, no request tells: that comes from the files that the daemon reads.
 # shellcheck shell=bash
 
@@ -106,5 +106,16 @@ _svcctl() {
     esac
 }
 
+_netdiag() {
+    local cur=${COMP_WORDS[COMP_CWORD]} verb
+    verb=$(_syscfg_verb)
+    case $verb:$cur in
+    *:-*) _syscfg_reply --json -q --help --version ;;
+    :*) _syscfg_reply interfaces route outside ;;
+    outside:*) [[ ${COMP_WORDS[COMP_CWORD - 1]} != outside ]] || _syscfg_reply echo trace ;;
+    esac
+}
+
 complete -F _syscfg syscfg
 complete -F _svcctl svcctl
+complete -F _netdiag netdiag

@@ -100,6 +100,11 @@ TEST_F(tools, verbs_and_exit_statuses)
         svcctl start 'a b' | 2 | - | is no name
         svcctl start | 2 | - | usage
         svcctl --version && svcctl -h|grep -c restart | 0 | svcctl 0.1.0 1
+       netdiag --json interfaces|tr -d \"\  | 0 | [ {name:lo,address:127.0.0.1,netmask:255.0.0.0,broadcast:null,peer:null,flags:[up,loopback]} ]
+        netdiag route 127.0.0.9 && netdiag --json route 127.0.0.1 | 0 | lo 127.0.0.1 {"interface": "lo", "address": "127.0.0.1"}
+        netdiag route 192.0.2.1 | 1 | - | no route to 192.0.2.1
+        netdiag -q outside trace || netdiag route 192.0.2.1:5 | 2 | - | is no IPv4 address
+        netdiag interfaces|tr '\t' . | 0 | lo: < UP LOOP > .IP addr: 127.0.0.1 .Subnet mask: 255.0.0.0
         : >/dev/mtdblock/5; for verb in save reload reset; do syscfg -q $verb; echo $?; done | 0 | 7 7 7)_");
     expect(": >/tmp/w; syscfg watch N* >/tmp/w 2>&1 & until grep -q watching /tmp/w; do usleep 9000; done; "
            "syscfg set NOTE=w; until grep w$ /tmp/w; do usleep 9000; done; kill $! | 0 | NOTE=w");
@@ -149,6 +154,7 @@ TEST_F(tools, completion)
         sh /tmp/complete syscfg set BEACON_ENABLE = '' | 0 | 0 1
         sh /tmp/complete syscfg list -- | 0 | --json
         syscfg set NOTE='$(touch /tmp/ran)'; sh /tmp/complete syscfg set NOTE = ''; ls /tmp/ran | 1 | \$\(touch\ /tmp/ran\) | No such file
+        sh /tmp/complete netdiag outside t | 0 | trace
         sh /tmp/complete svcctl start b | 0 | beacon)_");
 }
 

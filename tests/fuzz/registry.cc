@@ -1,6 +1,7 @@
-// A flash partition: the header's seal is made to fit, since what is behind it is of interest.
+// A flash partition, with room behind it when it has an odd number of bytes: the header's seal is made to
+// fit, since what is behind it is of interest.
 #include "syscfg/registry.h"
-#include "tests/fuzz/memory_file.h"
+#include "tests/fuzz/machine.h"
 
 #include <md5.h>
 #include <vector>
@@ -8,7 +9,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     std::vector<uint8_t> image(data, data + size);
-    image.resize(std::max(size, registry_header_size));
+    image.resize(std::max(size, registry_header_size) + size % 2 * 0x20000);
     MD5_CTX context;
     MD5Init(&context);
     MD5Update(&context, &image[20], registry_header_size - 20);

@@ -1,26 +1,26 @@
-// Values as files give them, for a variable of each type.
-#include "syscfg/definition.h"
-#include "syscfg/store.h"
-#include "syscfg/syscfg.h"
-#include "tests/fuzz/memory_file.h"
-
-#include <string>
+// Definition files and values for what they declare. Each ends at 0xFF; the first file, "a", can include the
+// others, "b" to "z". The last is what values are read from.
+#include "tests/fuzz/database.h"
+#include "tests/fuzz/machine.h"
 
 void cfgdb_processSyscfgChange(cfgdb *, const char *const *, int) {}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static syscfg *const db = [] {
-        constexpr char definition[] =
-            "s string\nl string(8) [a-z]*\ni integer\nb bool\nc choice on,off\na ip\n"
-            "m mac\nd domain\nu url\nn sn\no alias s\n";
-        char line[256];
-        syscfg *created = create_syscfg(nullptr);
-        parse_definition(created, memory_file(definition, sizeof definition - 1).path, line, sizeof line);
-        build_var_tbl(created);
-        build_alias_tbl(created);
-        return created;
-    }();
-    std::string text(reinterpret_cast<const char *>(data), size);
-    return load_config(db, text.data(), static_cast<int>(size), LOAD_VALUES, 0);
+    std::map<char, memory_file> files;
+    std::string text;
+    machine = {};
+    std::string_view rest(reinterpret_cast<const char *>(data), size);
+    for (char name = 'a'; !rest.empty() && name <= 'z'; ++name) {
+        text = cut_until(rest, '\xFF');
+        machine.files[{name}] = files.try_emplace(name, text.data(), text.size()).first->second.path;
+    }
+    auto *db = new_record<syscfg>();
+    char line[256];
+    parse_definition(db, "a", line, sizeof line);
+    build_var_tbl(db);
+    build_alias_tbl(db);
+    load_config(db, text.data(), static_cast<int>(text.size()), LOAD_VALUES, 0);
+    free_database(db);
+    return 0;
 }

@@ -317,7 +317,7 @@ TEST_F(kinds, nothing_is_left_over)
     };
     play_and_end(round); // the sockets and the pipe of the process
     support::for_each_failure(0, [&] { play_and_end(rounds); });
-    EXPECT_GE(support::for_each_failure(support::ALLOC, [&] { play_and_end(round); }), 20);
+    EXPECT_GE(support::for_each_failure(support::ALLOC, [&] { play_and_end(round); }), 15);
     EXPECT_GE(support::for_each_failure(support::OPEN | support::SOCKET, [&] { play_and_end(round); }), 5);
 }
 

@@ -1,7 +1,5 @@
 #include "tests/lumd/fixture.h"
 
-#include <random>
-
 namespace {
 
 struct lifecycle : lumd_test {};
@@ -55,115 +53,6 @@ TEST_F(lifecycle, patterns_and_events)
         lumd_processServiceCallback(slot("a"), event);
         EXPECT_TRUE(log.has("FAILED: lumd_processServiceCallback()"));
         EXPECT_EQ(trace(), "");
-    }
-}
-
-// Every service depends on the next one of a ring, and on one across it.
-TEST_F(lifecycle, cycles_end_with_each_slot_handled_once)
-{
-    for (const auto &[size, chord] : {std::pair(1, 0), {2, 1}, {3, 1}, {12, 5}, {32, 7}}) {
-        for (const char *kind : {"eager", "quiet"}) {
-            std::string conf;
-            for (int i = 0; i < size; ++i)
-                conf += "service s" + std::to_string(i) + ";exec fake " + kind + ";depends s" +
-                        std::to_string((i + 1) % size) + " s" + std::to_string((i + chord) % size) + ";";
-            load(conf);
-            start_calls.clear();
-            lumd_start_service(manager, "s0");
-            // Of a ring of quiet services the last finds that its dependency has an entry.
-            for (int i = size - 1; i >= 0 && *kind == 'q'; --i)
-                step("up s" + std::to_string(i));
-            for (int i = 0; i < size; ++i) {
-                EXPECT_EQ(manager->svcs[i].svcent->state, SVCENT_STARTED) << i << kind;
-                EXPECT_TRUE(*kind == 'q' || start_calls["s" + std::to_string(i)] == 1) << i;
-            }
-            stop_calls.clear();
-            lumd_stop_service(manager, "s0");
-            EXPECT_EQ(fakes_alive, 0);
-            for (int i = 0; i < size; ++i)
-                EXPECT_EQ(stop_calls["s" + std::to_string(i)], 1) << i << kind;
-            trace();
-        }
-    }
-}
-
-// What must hold after every step of a random walk, whatever the dependencies, conditions and kinds are.
-struct walk : lumd_test {
-    static constexpr int services = 12;
-    std::mt19937 random;
-
-    int below(int end) { return static_cast<int>(random() % static_cast<unsigned>(end)); }
-
-    std::string random_services()
-    {
-        const char *kinds[] = {"", "", "", "eager", "eager", "fails", "missing", "stubborn"};
-        std::string conf;
-        for (int i = 0; i < services; ++i) {
-            conf += "service s" + std::to_string(i) + ";exec fake " + kinds[below(8)] + ";depends";
-            for (int d = below(4); d > 0; --d)
-                conf += " s" + std::to_string(below(services));
-            conf += below(3) == 0 ? " V" + std::to_string(below(3)) + "=1;" : ";";
-        }
-        return conf;
-    }
-
-    // In one outermost start or stop no slot is handled twice, and no stop leaves a dependent running.
-    void check_step(const service_info *at, const std::map<std::string, int> &calls, bool stopped)
-    {
-        for (const auto &[name, count] : calls)
-            EXPECT_EQ(count, 1) << name;
-        for (const svcfg_link *link = at->m_cfg->depended; stopped && link->name; ++link) {
-            const svcent *entry = link->info->svcent;
-            const bool stubborn = at->svcent && entry && link->info->m_cfg->argc > 1 &&
-                                  std::string_view(link->info->m_cfg->argv[1]) == "stubborn";
-            EXPECT_TRUE(!entry || entry->state != SVCENT_STARTED || stubborn) << link->name << at->name;
-        }
-        int entries = 0;
-        for (const service_info &slot : std::span(manager->svcs, services)) {
-            entries += slot.svcent != nullptr;
-            EXPECT_TRUE(slot.svcent || !slot.restart_timer) << slot.name;
-        }
-        EXPECT_EQ(entries, fakes_alive);
-    }
-
-    void random_step()
-    {
-        static const char *const verbs[] = {"start ", "stop ", "up ", "die ", "set V", "wait "};
-        const service_info *at = &manager->svcs[below(services)];
-        const int verb = below(6);
-        start_calls.clear(), stop_calls.clear();
-        if (verb >= 1 && verb <= 3 && (!at->svcent || (verb == 2 && at->svcent->state == SVCENT_STARTED)))
-            return;
-        const std::string what = verb < 4    ? at->name
-                                 : verb == 4 ? std::to_string(below(3)) + "=" + std::to_string(below(2))
-                                             : std::to_string(below(3000));
-        SCOPED_TRACE(verbs[verb] + what);
-        step(verbs[verb] + what);
-        check_step(at,
-                   verb == 0                ? start_calls
-                   : verb == 1 || verb == 3 ? stop_calls
-                                            : none,
-                   verb == 1 || verb == 3);
-        EXPECT_TRUE(verb != 3 || at->restart_timer);
-    }
-    const std::map<std::string, int> none = {};
-};
-
-TEST_F(walk, every_step_leaves_the_table_sound)
-{
-    for (unsigned seed = 1; seed <= 300 && !HasFailure(); ++seed) {
-        random.seed(seed);
-        load(random_services());
-        for (int n = 0; n < 150 && !HasFailure(); ++n) {
-            SCOPED_TRACE("seed " + std::to_string(seed) + ", step " + std::to_string(n));
-            random_step();
-            log.clear();
-        }
-        for (const service_info &slot : std::span(manager->svcs, services))
-            slot.svcent ? lumd_stop_service(manager, slot.name) : void();
-        EXPECT_EQ(fakes_alive, 0);
-        EXPECT_EQ(timer_run_expired(), -1);
-        trace();
     }
 }
 

@@ -1,0 +1,42 @@
+// The daemon on its virtual device, as a benchmark runs and asks it.
+#pragma once
+
+#include "bench/clock.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+constexpr int service_count = 32;
+constexpr const char *daemon_socket = "/tmp/.syscfg-server";
+constexpr const char *started_program = "/opt/bin/first_instruction";
+constexpr const char *ordinary_program = "/opt/bin/ordinary"; // linked with the C library
+
+struct running_daemon {
+    pid_t pid;
+    int client;   // asks the database
+    int requests; // the control FIFO
+};
+
+// The end of a pipe from which take_report reads what is written to standard output from now on: by the
+// daemon, by what it starts, and by what we start. Called once, before all others.
+int collect_reports();
+start_report take_report(int reports);
+
+// Starts a daemon with 32 services, all of them that program and none up, and waits until it answers. One
+// that was started before keeps its sockets, under no name; all die with us.
+running_daemon run_daemon(int reports, const char *program = started_program);
+
+// "start" or "stop", and the names of the first services.
+std::string service_request(const char *verb, int services);
+
+// Ends when the processes are gone and the daemon has done all that there was to do.
+void await_ends(const running_daemon &daemon, const std::vector<start_report> &started);
+
+// Datagram sockets with a path of their own; a client's is connected to a server's.
+int bound_socket(const std::string &path);
+int client_of(const char *server);
+
+// What comes back.
+std::string receive(int client);
+std::string ask(int client, std::string_view request);

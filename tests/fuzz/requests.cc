@@ -1,0 +1,84 @@
+// The configuration server, from its start, over datagrams that end at 0xFF. The first byte of each tells
+// which of 32 requesters sends it (the low bits), and whether any answer is taken from then on: all, three a
+// pass ('@' to '_') or none ('`' to 0x7F). After a line end it comes 1,026 times; from 0x80 on it is what
+// stands in all files instead.
+#include "syscfg/listing.h"
+#include "syscfg/server.h"
+#include "syscfg/syscfg.h"
+#include "tests/fuzz/database.h"
+#include "tests/fuzz/machine.h"
+
+static constexpr char definition[] = "S string\nL string(8) [a-z]*\nI integer\nB bool\nC choice on,off\nA "
+                                     "ip\nM mac\nD domain\nU url\nN -n sn\n"
+                                     "R -r string\nVENID string(4)\nB alias b\non alias yes\n";
+static constexpr const char *files[] = {"/usr/etc/syscfg.constant", "/usr/etc/syscfg.default",
+                                        "/etc/resolv.conf",         "/usr/etc/syscfg.default.x",
+                                        "/usr/etc/VERSION",         "/proc/net/route"};
+static int answers, room;
+
+static requester address_of(unsigned who)
+{
+    return {{AF_UNIX, {static_cast<char>(who + 1)}}, sizeof(sockaddr_un)};
+}
+
+static void receive(unsigned who, std::string_view request, int room_in_pass)
+{
+    const requester from = address_of(who);
+    memcpy(&machine.from, &from.addr, sizeof from.addr);
+    machine.arrived = true;
+    machine.datagram = request;
+    answers = 0;
+    room = room_in_pass;
+    app_poll_once();
+    answers > 0 || request.empty() || request.starts_with("%wait") ? void() : abort();
+}
+
+// Nobody may wait for what cannot come.
+static void end_waits(syscfg_var *var)
+{
+    while (const syscfg_waiter *waiter = var->waiters) {
+        const std::string quote(is_space(*waiter->text()), '"');
+        var->flags = VAR_CHANGED;
+        receive(0, var->name + ("=" + quote + waiter->text() + quote) + '\0', 1000);
+        var->waiters != waiter ? void() : abort();
+    }
+}
+
+void cfgdb_processSyscfgChange(cfgdb *, const char *const *names, int count)
+{
+    count <= 1023 && !names[count] ? void() : abort();
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static const memory_file declared(definition, sizeof definition - 1), flash("", 0);
+    ftruncate(flash.fd.get(), 0) == 0 && ftruncate(flash.fd.get(), 18 * 4096) == 0 ? void() : abort();
+    std::unique_ptr<memory_file> text;
+    machine = {{{"/etc/syscfg.def", declared.path}, {"/dev/mtdblock/5", flash.path}},
+               [](std::string_view answer) {
+                   answer.starts_with('>') || answer.starts_with('!') ? ++answers : (abort(), 0);
+                   return --room >= 0;
+               }};
+    syscfg *db = create_syscfg(nullptr);
+    db->ops->init(db) == 0 ? void() : abort();
+    int many = 1026;
+    for (std::string_view rest(reinterpret_cast<const char *>(data), size); !rest.empty();) {
+        const std::string_view request = cut_until(rest, '\xFF');
+        const unsigned how = request.empty() ? ' ' : static_cast<uint8_t>(request[0]);
+        if (how >= 0x80)
+            text = std::make_unique<memory_file>(request.data(), request.size());
+        for (const char *file : files)
+            how >= 0x80 ? void(machine.files[file] = text->path) : void();
+        for (int i = how >= 0x80 ? 0 : how == '\n' ? std::exchange(many, 1) : 1; i > 0; --i)
+            receive(how % 32, request.substr(!request.empty()), how < 0x40 ? 1000 : how < 0x60 ? 3 : 0);
+    }
+    for (unsigned who = 0; who < 32; ++who)
+        end_list(address_of(who));
+    for (syscfg_var *var = db->vars; var; var = var->next)
+        end_waits(var);
+    app_remove_ctx(db);
+    app_poll_once(); // so that the loop takes its place back
+    close(db->server_fd);
+    free_database(db);
+    return 0;
+}

@@ -1,0 +1,306 @@
+// What the random walk is made of, and what it believes of the services.
+#pragma once
+
+#include "lumd/svcent.h"
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <deque>
+#include <map>
+#include <set>
+#include <vector>
+
+namespace walking {
+
+constexpr int services = 32, variables = 6, no_value = -1;
+constexpr const char *variable_names[] = {"V0", "V1", "V2", "V3", "V4", "V5"},
+                     *value_texts[] = {"0", "1", "2", "3"};
+constexpr size_t notices_max = 4; // that the pipe of the SIGCHLD handler holds
+
+enum kind { PROGRAM, ONE_SHOT, JOB, MISSING };
+enum line { NO_LINE, HANDLER, BAD_HANDLER, HELPER, NO_HELPER }; // what a stop or reload line runs
+enum verb { START, STOP, PASS, WAIT, END, SET, verbs };
+constexpr const char *verb_words[] = {"start", "stop", "pass", "wait", "end", "set"};
+
+// One service: what its lines say, and what becomes of its programs.
+struct plan {
+    walking::kind kind = MISSING;
+    std::vector<int> needs, needed_by;           // need -1: a name that nobody has
+    std::vector<std::pair<int, int>> conditions; // variable and value; no_value imposes nothing
+    int watched = -1;                            // variable
+    line stop = NO_LINE, reload = NO_LINE;
+    int every = 0;                      // seconds of a job, 0: what variable 0 says
+    bool brief = false, prompt = false; // they end as soon as they run, or at the first signal
+};
+
+struct event {
+    walking::verb verb;
+    std::vector<int> names; // services, or variables
+    int number;             // how programs end, what variables become, how many passes, how much time
+};
+
+struct programs {
+    struct row {
+        int slot, how; // the service, services for a job; status or minus signal
+        bool living;
+        bool operator==(const row &) const = default;
+    };
+    std::map<pid_t, row> all = {};
+    std::deque<pid_t> dead = {}; // whom nobody has reaped
+    std::array<int, services + 1> run = {}, signalled = {};
+
+    bool operator==(const programs &) const = default;
+    pid_t spawn(int s)
+    {
+        pid_t pid = 100;
+        while (all.contains(pid))
+            ++pid;
+        all[pid] = {s, 0, true};
+        ++run[s];
+        return pid;
+    }
+    void die(pid_t pid, int how) { all[pid] = {all[pid].slot, how, false}, dead.push_back(pid); }
+    int reap() // how the first one ended
+    {
+        const int how = all[dead.front()].how;
+        all.erase(dead.front());
+        dead.pop_front();
+        return how;
+    }
+};
+
+// The rules once more, on sets and queues. Of the daemon it knows the numbers of the states.
+struct model {
+    struct slot {
+        bool entry, ended, wanted, timer;
+        int state, how, every;
+        pid_t child;
+        unsigned tracked;     // the higher, the later
+        int64_t restart, job; // when, 0 for never
+        std::set<int> awaits;
+    };
+    using round = std::set<int>; // what the outermost start or stop has handled
+
+    const std::vector<plan> &plans;
+    std::array<slot, services> slots = {};
+    std::array<int, variables> values = {1, 1, 1, 1, 1, 1};
+    programs table = {};
+    std::deque<pid_t> notices = {};
+    std::deque<int> reports = {}; // services whose start is reported, one a pass
+    bool sigchld = false, lost = false;
+    unsigned tracked = 0;
+    int64_t now = 0, report_at = 0; // microseconds
+
+    // What a service needs comes first, and is waited for when nobody has asked for it before.
+    void start(int s, round *within = nullptr)
+    {
+        slot &me = slots[s];
+        const plan &what = plans[s];
+        round own, &handled = within ? *within : own;
+        if (!me.entry && what.kind == MISSING)
+            return;
+        bool ready = me.entry = true;
+        for (size_t n = 0; n < what.needs.size() && what.needs[n] >= 0; ++n) {
+            if (slots[what.needs[n]].entry)
+                continue;
+            ready = false;
+            me.awaits.insert(what.needs[n]);
+            start(what.needs[n], &handled);
+        }
+        for (const auto &[variable, value] : what.conditions)
+            ready = ready && (value == no_value || values[variable] == value);
+        if (!ready || !handled.insert(s).second)
+            return;
+        me.awaits.clear();
+        if (what.kind == JOB) {
+            me.every = what.every ? what.every : values[0];
+            me.job = me.every > 0 ? now++ + me.every * int64_t{1000000} : 0;
+            if (me.job)
+                started(s, &handled);
+        } else if (me.child || me.state == SVCENT_STARTED) {
+            me.wanted = me.state == SVCENT_STOPPED;
+        } else {
+            track(s, spawn(s));
+            me.state = SVCENT_CREATED;
+            report_at = reports.empty() ? now++ : report_at;
+            if (what.kind == PROGRAM)
+                reports.push_back(s);
+        }
+    }
+
+    void started(int s, round *within = nullptr)
+    {
+        for (const int other : plans[s].needed_by) {
+            slots[other].awaits.erase(s);
+            if (slots[other].entry && slots[other].state != SVCENT_STARTED && slots[other].awaits.empty())
+                start(other, within);
+        }
+    }
+
+    // Who needs it and runs is stopped before it.
+    void stop(int s, bool release, round *within = nullptr)
+    {
+        slot &me = slots[s];
+        const line how = plans[s].stop;
+        round own, &handled = within ? *within : own;
+        if (!me.entry || !handled.insert(s).second)
+            return;
+        for (const int other : plans[s].needed_by) {
+            if (slots[other].state == SVCENT_STARTED)
+                stop(other, release, &handled);
+        }
+        me.wanted = false;
+        me.job = 0;
+        if (me.state != SVCENT_STOPPED && plans[s].kind < JOB) {
+            if (how == HANDLER || how == BAD_HANDLER) { // how it ends is nobody's concern any more
+                me.state = SVCENT_STOPPED;
+                std::erase(reports, s);
+            }
+            const pid_t helper = act(s, how, SIGTERM);
+            if (helper && plans[s].kind == ONE_SHOT)
+                track(s, helper);
+            reap();
+        }
+        if (release) {
+            std::erase(reports, s);
+            me = {};
+        }
+    }
+
+    void stopped(int s)
+    {
+        stop(s, false);
+        slots[s].timer = true;
+        slots[s].restart = now++ + 2000000;
+    }
+
+    // Signals the child, or runs a helper.
+    pid_t act(int s, line how, int number)
+    {
+        const auto child = table.all.find(slots[s].child);
+        const bool living = child != table.all.end() && child->second.living && !slots[s].ended;
+        if (how == HELPER)
+            return spawn(s);
+        if (!living || how == BAD_HANDLER || how == NO_HELPER)
+            return 0;
+        ++table.signalled[s];
+        if (plans[s].prompt)
+            die(child->first, how == HANDLER ? -SIGUSR1 : -number);
+        return 0;
+    }
+
+    pid_t spawn(int s)
+    {
+        const pid_t pid = table.spawn(s);
+        if (s < services && plans[s].brief)
+            die(pid, 0);
+        return pid;
+    }
+    void die(pid_t pid, int how) { table.die(pid, how), sigchld = true; }
+    void track(int s, pid_t pid)
+    {
+        slots[s].child = pid;
+        slots[s].ended = false;
+        slots[s].tracked = ++tracked;
+        reap();
+    }
+    int latest(pid_t pid, bool ended) const // of which child, any for 0; -1 when there is none
+    {
+        int found = -1;
+        for (int s = 0; s < services; ++s) {
+            const slot &one = slots[s];
+            if (one.child && one.ended >= ended && (pid == 0 || one.child == pid))
+                found = found < 0 || one.tracked > slots[found].tracked ? s : found;
+        }
+        return found;
+    }
+
+    // The dead leave a mark with who waits for them, and a notice if there is room.
+    void reap()
+    {
+        for (bool room = std::exchange(sigchld, false); room && !table.dead.empty();) {
+            const pid_t pid = table.dead.front();
+            const int parent = latest(pid, false), how = table.reap();
+            if (parent >= 0) {
+                slots[parent].ended = true;
+                slots[parent].how = how;
+            }
+            room = notices.size() < notices_max;
+            lost = lost || !room;
+            if (room)
+                notices.push_back(pid);
+        }
+    }
+
+    // An end is told unless a handler brought it about; then only when a start was asked for meanwhile.
+    void end(int s)
+    {
+        slot &me = slots[s];
+        const bool one_shot = plans[s].kind == ONE_SHOT, up = one_shot && me.state != SVCENT_STARTED;
+        const bool told = one_shot ? me.how == 0 : me.state != SVCENT_STOPPED || me.wanted;
+        me.child = 0;
+        me.ended = me.wanted = false;
+        std::erase(reports, s);
+        if (!told)
+            return;
+        me.state = up ? SVCENT_STARTED : SVCENT_STOPPED;
+        up ? started(s) : stopped(s);
+    }
+
+    void change(const std::vector<int> &names)
+    {
+        const auto changed = [&](int v) { return std::count(names.begin(), names.end(), v) > 0; };
+        for (int s = 0; s < services; ++s) {
+            for (const auto &[variable, value] : plans[s].conditions) {
+                if (slots[s].entry && changed(variable) && value != no_value && values[variable] != no_value)
+                    values[variable] == value ? start(s) : stop(s, false);
+            }
+        }
+        for (int s = 0; s < services; ++s) {
+            if (slots[s].entry && changed(plans[s].watched))
+                plans[s].kind == JOB ? stopped(s) : (void)act(s, plans[s].reload, SIGHUP);
+            reap();
+        }
+    }
+
+    // One pass of the loop: one notice, then whatever time has come for, the earliest first.
+    void pass()
+    {
+        if (!notices.empty()) {
+            int ended = latest(notices.front(), true);
+            notices.pop_front();
+            if (ended >= 0)
+                end(ended);
+            sigchld = lost;
+            if (std::exchange(lost, false))
+                for (reap(); (ended = latest(0, true)) >= 0;)
+                    end(ended);
+        }
+        for (const int64_t until = now++;;) {
+            int64_t first = reports.empty() ? until + 1 : report_at;
+            for (const slot &one : slots)
+                first = std::min({first, one.restart ? one.restart : first, one.job ? one.job : first});
+            if (first > until)
+                return;
+            const auto due = std::find_if(slots.begin(), slots.end(), [first](auto &one) {
+                return one.restart == first || one.job == first;
+            });
+            const int s = due == slots.end() ? reports.front() : static_cast<int>(due - slots.begin());
+            if (due == slots.end()) {
+                report_at = now++;
+                reports.pop_front();
+                slots[s].state = SVCENT_STARTED;
+                started(s);
+            } else if (due->job == first) {
+                due->job = now++ + due->every * int64_t{1000000};
+                spawn(services);
+            } else {
+                due->restart = 0;
+                start(s);
+            }
+        }
+    }
+};
+
+} // namespace walking

@@ -54,13 +54,6 @@ std::span<const svcfg_link> linked(std::span<const svcfg_link> links)
     return links.first(static_cast<size_t>(end - links.begin()));
 }
 
-std::span<const svcfg_condition> conditions(const svcfg *cfg)
-{
-    const auto *end = std::find_if(cfg->dsyscfg, cfg->dsyscfg + svcfg_condition_max,
-                                   [](const svcfg_condition &condition) { return !condition.name; });
-    return {cfg->dsyscfg, end};
-}
-
 // Starts the dependencies that nobody has started yet. True when there were none.
 bool dependencies_ready(service_info *slot)
 {
@@ -80,7 +73,7 @@ bool dependencies_ready(service_info *slot)
 bool conditions_hold(const service_info *slot)
 {
     constexpr char func[] = "lumd_do_start";
-    for (const svcfg_condition &condition : conditions(slot->m_cfg)) {
+    for (const svcfg_condition &condition : slot->m_cfg->dsyscfg) {
         log_trace(LOG_AS(func), "dsyscfg var name: \"%s\"", condition.name);
         if (!condition.value)
             continue;
@@ -159,8 +152,7 @@ void process_condition(service_info *slot, const svcfg_condition &condition,
 
 bool watches(const service_info *slot, std::span<const char *const> names)
 {
-    for (size_t i = 0; i < svcfg_pattern_max && slot->m_cfg->syscfg_patterns[i]; ++i) {
-        const char *pattern = slot->m_cfg->syscfg_patterns[i];
+    for (const char *pattern : slot->m_cfg->syscfg_patterns) {
         log_trace(LOG_AS("lumd_reload_service"), "checking %s", pattern);
         if (std::any_of(names.begin(), names.end(),
                         [pattern](const char *name) { return glob_match(pattern, name); }))
@@ -306,7 +298,7 @@ void lumd_processSyscfgChange(lumd *manager, const char *const *names, int count
         if (!slot.svcent)
             continue;
         log_trace(LOG_HERE, "process service %s dependent syscfg", slot.name);
-        for (const svcfg_condition &condition : conditions(slot.m_cfg))
+        for (const svcfg_condition &condition : slot.m_cfg->dsyscfg)
             process_condition(&slot, condition, changed);
     }
     lumd_reload_service(manager, changed);

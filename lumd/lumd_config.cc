@@ -86,18 +86,16 @@ std::string_view prepare_line(std::string_view line)
 bool depends_on(const svcfg *cfg, std::string_view name)
 {
     for (const svcfg_link &link : cfg->depend) {
-        if (link.name && name == link.name)
+        if (name == link.name)
             return true;
     }
     return false;
 }
 
-void link_names(lumd *manager, const svcfg *cfg, std::span<svcfg_link> links, const char *list)
+void link_names(lumd *manager, const svcfg *cfg, const svcfg_links &links, const char *list)
 {
     int index = 0;
     for (svcfg_link &link : links) {
-        if (!link.name)
-            break;
         link.info = lumd_find_slot(manager, link.name);
         log_trace(LOG_AS("lumd_init_service_infos"), "\t%s: svcfg[%d]: %s[%d]: name: %s info name: %s",
                   cfg->proc, cfg->index, list, index++, link.name, link.info ? link.info->name : "(null)");
@@ -107,7 +105,7 @@ void link_names(lumd *manager, const svcfg *cfg, std::span<svcfg_link> links, co
 void dump_commands(const svcfg *cfg)
 {
     constexpr char func[] = "lumd_init";
-    for (size_t c = 0; c < svcfg_cmd_max && cfg->cmds[c].name; ++c) {
+    for (size_t c = 0; c < cfg->cmds.count; ++c) {
         log_trace(LOG_AS(func), "%s: ", cfg->cmds[c].name);
         for (int w = 0; cfg->cmds[c].argv[w]; ++w) {
             log_trace(LOG_AS(func), "lumd->svcs[%d].m_cfg->cmds[%d].argv[%d]: %s", cfg->index,

@@ -5,6 +5,7 @@
 #include "app/text.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -40,45 +41,58 @@ std::string_view take_quoted_word(std::string_view &rest)
     return word;
 }
 
-void log_refused(const char *func, const svcfg *cfg, const char *what, std::string_view word)
+char *&text_of(char *&word)
 {
-    log_trace(LOG_AS(func), "service %s: too many %s, refused: %.*s", cfg->proc, what, printed(word),
-              word.data());
+    return word;
+}
+
+char *&text_of(auto &place)
+{
+    return place.name;
 }
 
 // A line that is given again takes the place of the earlier one.
-void clear_words(std::span<char *> list)
+template <typename Place, size_t Max>
+void clear(svcfg_list<Place, Max> &list)
 {
-    for (char *&word : list) {
-        free(word);
-        word = nullptr;
+    for (Place &place : list) {
+        free(text_of(place));
+        if constexpr (requires { place.value; })
+            free(place.value);
+        if constexpr (requires { place.argv; })
+            clear(place.argv);
     }
+    free(list.places);
+    list = {};
 }
 
-void clear_depends(svcfg *cfg)
+// True, logged with the word that finds no place, when the list is full.
+template <typename Place, size_t Max>
+bool is_full(const char *func, const svcfg *cfg, const svcfg_list<Place, Max> &list, const char *what,
+             std::string_view word)
 {
-    for (svcfg_condition &condition : cfg->dsyscfg) {
-        free(condition.name);
-        free(condition.value);
-        condition = {};
-    }
-    for (svcfg_link &link : cfg->depend) {
-        free(link.name);
-        link = {};
-    }
+    if (list.count < Max)
+        return false;
+    log_trace(LOG_AS(func), "service %s: too many %s, refused: %.*s", cfg->proc, what, printed(word),
+              word.data());
+    return true;
 }
 
-// Stores a copy of word at the first free place of a list whose last place stays null. -1 when memory is out.
-int append_word(const char *func, const svcfg *cfg, std::span<char *> list, const char *what,
-                std::string_view word)
+// Adds a place with a copy of text to a list that is not full. Null, and nothing added, when memory is out.
+template <typename Place, size_t Max>
+Place *append(svcfg_list<Place, Max> &list, std::string_view text)
 {
-    const auto place = std::find(list.begin(), list.end() - 1, nullptr);
-    if (place == list.end() - 1) {
-        log_refused(func, cfg, what, word);
-        return 0;
-    }
-    *place = new_text(word);
-    return *place ? 0 : -1;
+    void *larger = realloc(list.places, (list.count + 2) * sizeof(Place));
+    if (!larger)
+        return nullptr;
+    list.places = static_cast<Place *>(larger);
+    Place *place = list.end();
+    place[0] = place[1] = {};
+    text_of(*place) = new_text(text);
+    if (!text_of(*place))
+        return nullptr;
+    ++list.count;
+    return place;
 }
 
 // The next word, quoted or plain. A quote that is not closed is logged, and its word taken as a plain one.
@@ -101,46 +115,36 @@ parsed_word take_any_word(const char *func, std::string_view &rest)
 
 int append_condition(svcfg *cfg, std::string_view word)
 {
-    svcfg_condition *const end = cfg->dsyscfg + svcfg_condition_max;
-    svcfg_condition *place = std::find_if(cfg->dsyscfg, end, [](const auto &c) { return !c.name; });
-    if (place == end) {
-        log_refused("svcfg_parseDepends", cfg, "conditions", word);
+    if (is_full("svcfg_parseDepends", cfg, cfg->dsyscfg, "conditions", word))
         return 0;
-    }
     std::string_view value = word;
     std::string_view name = cut_until(value, '=');
-    if (name.starts_with('~')) {
+    const bool flagged = name.starts_with('~');
+    if (flagged)
         name.remove_prefix(1);
-        place->flag = 1;
-    }
-    const bool has_value = !value.starts_with("''") && !value.starts_with("\"\"");
-    place->value = has_value ? new_text(value) : nullptr;
-    place->name = new_text(name);
-    return place->name && (place->value || !has_value) ? 0 : -1;
+    svcfg_condition *place = append(cfg->dsyscfg, name);
+    if (!place)
+        return -1;
+    place->flag = flagged;
+    if (value.starts_with("''") || value.starts_with("\"\""))
+        return 0;
+    place->value = new_text(value);
+    return place->value ? 0 : -1;
 }
 
-// The first free command entry under that name, or null (logged) when all are taken or memory is out.
-svcfg_cmd *open_command(svcfg *cfg, std::string_view name, std::string_view word)
+// Adds a command with its first word to *added, which is null (logged) when there are too many.
+int open_command(svcfg *cfg, std::string_view name, std::string_view word, svcfg_cmd **added)
 {
-    svcfg_cmd *const end = cfg->cmds + svcfg_cmd_max;
-    svcfg_cmd *place = std::find_if(cfg->cmds, end, [](const auto &cmd) { return !cmd.name; });
-    if (place == end) {
-        log_refused("svcfg_parseCmdLine", cfg, "commands", name);
-        return nullptr;
-    }
+    constexpr char func[] = "svcfg_parseCmdLine";
+    *added = nullptr;
+    if (is_full(func, cfg, cfg->cmds, "commands", name))
+        return 0;
     if (name.size() > svcfg_cmd_name_max) {
         name = name.substr(0, svcfg_cmd_name_max);
-        log_trace(LOG_AS("svcfg_parseCmdLine"), "service %s: command name cut: %.*s", cfg->proc,
-                  printed(name), name.data());
+        log_trace(LOG_AS(func), "service %s: command name cut: %.*s", cfg->proc, printed(name), name.data());
     }
-    place->name = new_text(name);
-    place->argv[0] = new_text(word);
-    return place;
-}
-
-bool is_complete(const svcfg_cmd *cmd)
-{
-    return cmd->name && cmd->argv[0];
+    *added = append(cfg->cmds, name);
+    return *added && append((*added)->argv, word) ? 0 : -1;
 }
 
 } // namespace
@@ -149,15 +153,12 @@ void free_service_cfg(svcfg *cfg)
 {
     if (!cfg)
         return;
-    clear_words(cfg->argv);
-    clear_words(cfg->syscfg_patterns);
-    clear_depends(cfg);
-    for (svcfg_link &link : cfg->depended)
-        free(link.name);
-    for (svcfg_cmd &cmd : cfg->cmds) {
-        free(cmd.name);
-        clear_words(cmd.argv);
-    }
+    clear(cfg->argv);
+    clear(cfg->dsyscfg);
+    clear(cfg->syscfg_patterns);
+    clear(cfg->depend);
+    clear(cfg->depended);
+    clear(cfg->cmds);
     free(cfg);
 }
 
@@ -184,24 +185,22 @@ const char *svcfg_parseServiceLine(svcfg *cfg, std::string_view line)
 int svcfg_parseExecLine(svcfg *cfg, std::string_view line)
 {
     std::string_view rest = after_keyword(line, "exec");
-    clear_words(cfg->argv);
+    clear(cfg->argv);
     cfg->argc = 0;
     while (!rest.empty()) {
         parsed_word word = take_any_word(__func__, rest);
         const bool has_name = !word.quoted && word.text.find('=') != word.text.npos;
         if (has_name)
             cut_until(word.text, '=');
-        if (cfg->argc == svcfg_exec_max) {
-            log_refused(__func__, cfg, "words in exec", word.text);
+        if (is_full(__func__, cfg, cfg->argv, "words in exec", word.text))
             continue;
-        }
-        // A last word that lacks its closing quote counts, but its place stays empty.
-        char *&place = cfg->argv[cfg->argc++];
-        if (word.unclosed && rest.empty())
-            break;
-        place = new_text(word.text);
+        char **place = append(cfg->argv, word.text);
         if (!place)
             return -1;
+        ++cfg->argc;
+        // A last word that lacks its closing quote counts, but its place stays empty.
+        if (word.unclosed && rest.empty())
+            free(std::exchange(*place, nullptr));
     }
     return 0;
 }
@@ -209,7 +208,8 @@ int svcfg_parseExecLine(svcfg *cfg, std::string_view line)
 int svcfg_parseDepends(svcfg *cfg, std::string_view line)
 {
     std::string_view rest = after_keyword(line, "depends");
-    clear_depends(cfg);
+    clear(cfg->dsyscfg);
+    clear(cfg->depend);
     while (!rest.empty()) {
         const std::string_view word = take_word(rest);
         const int added = word.find('=') != word.npos
@@ -224,9 +224,11 @@ int svcfg_parseDepends(svcfg *cfg, std::string_view line)
 int svcfg_parseSyscfgLine(svcfg *cfg, std::string_view line)
 {
     std::string_view rest = after_keyword(line, "syscfg");
-    clear_words(cfg->syscfg_patterns);
+    clear(cfg->syscfg_patterns);
     while (!rest.empty()) {
-        if (append_word(__func__, cfg, cfg->syscfg_patterns, "watch patterns", take_word(rest)) < 0)
+        const std::string_view word = take_word(rest);
+        if (!is_full(__func__, cfg, cfg->syscfg_patterns, "watch patterns", word) &&
+            !append(cfg->syscfg_patterns, word))
             return -1;
     }
     return 0;
@@ -236,21 +238,19 @@ int svcfg_parseCmdLine(svcfg *cfg, std::string_view line)
 {
     std::string_view rest = line;
     const std::string_view name = take_word(rest);
-    if (rest.empty()) {
-        const svcfg_cmd *cmd = open_command(cfg, name, name);
-        return !cmd || is_complete(cmd) ? 0 : -1;
-    }
     svcfg_cmd *current = nullptr;
+    if (rest.empty())
+        return open_command(cfg, name, name, &current);
     bool refused = false;
     while (!rest.empty()) {
         const std::string_view word = take_any_word(__func__, rest).text;
         if (word.size() > 1 && word.front() == '-') {
-            current = open_command(cfg, name, word.substr(1));
-            refused = !current;
-            if (current && !is_complete(current))
+            if (open_command(cfg, name, word.substr(1), &current) < 0)
                 return -1;
+            refused = !current;
         } else if (current) {
-            if (append_word(__func__, cfg, current->argv, "words in a command", word) < 0)
+            if (!is_full(__func__, cfg, current->argv, "words in a command", word) &&
+                !append(current->argv, word))
                 return -1;
         } else if (!refused) {
             log_trace(LOG_HERE, "service %s: %.*s: no \"-\" word before it, refused: %.*s", cfg->proc,
@@ -264,21 +264,17 @@ char *const *svcfg_find_command(const svcfg *cfg, std::string_view name)
 {
     static char *const none[] = {nullptr};
     char *const *found = none;
-    for (size_t i = 0; i < svcfg_cmd_max && cfg->cmds[i].name; ++i) {
-        if (name == cfg->cmds[i].name)
-            found = cfg->cmds[i].argv;
+    for (const svcfg_cmd &cmd : cfg->cmds) {
+        if (name == cmd.name)
+            found = cmd.argv;
     }
     return found;
 }
 
-int svcfg_add_link(const svcfg *cfg, std::span<svcfg_link> links, std::string_view name, const char *what)
+int svcfg_add_link(const svcfg *cfg, svcfg_links &links, std::string_view name, const char *what)
 {
-    const auto place = std::find_if(links.begin(), links.end(), [](const auto &link) { return !link.name; });
-    if (place == links.end()) {
-        log_refused(__func__, cfg, what, name);
+    if (is_full(__func__, cfg, links, what, name))
         return 0;
-    }
     // A service of a longer name was cut to this too.
-    place->name = new_text(name.substr(0, svcfg_name_size - 1));
-    return place->name ? 0 : -1;
+    return append(links, name.substr(0, svcfg_name_size - 1)) ? 0 : -1;
 }

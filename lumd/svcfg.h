@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstddef>
-#include <span>
 #include <string_view>
 
 struct lumd;
@@ -20,6 +19,23 @@ constexpr size_t svcfg_depend_max = 16;
 constexpr size_t svcfg_cmd_max = 8;
 constexpr size_t svcfg_cmd_word_max = 16;
 constexpr size_t svcfg_cmd_name_max = 63;
+
+// As many places as have been filled, at most Max, on the heap; an empty one ends them.
+template <typename Place, size_t Max>
+struct svcfg_list {
+    Place *places; // null as long as nothing has been added
+    size_t count;
+
+    [[nodiscard]] Place *begin() const { return places; }
+    [[nodiscard]] Place *end() const { return places + count; }
+
+    // Never null: a list to which nothing has been added is an empty place.
+    operator const Place *() const
+    {
+        static constexpr Place empty = {};
+        return places ? places : &empty;
+    }
+};
 
 // A variable that must have a value for the service to run; without a value it imposes nothing.
 struct svcfg_condition {
@@ -35,19 +51,21 @@ struct svcfg_link {
 
 struct svcfg_cmd {
     char *name;
-    char *argv[svcfg_cmd_word_max + 1];
+    svcfg_list<char *, svcfg_cmd_word_max> argv;
 };
 
-// Lists end at their first null. All text is the record's own, on the heap.
+using svcfg_links = svcfg_list<svcfg_link, svcfg_depend_max>;
+
+// All text is the record's own, on the heap.
 struct svcfg {
     char proc[svcfg_name_size];
     int argc;
-    char *argv[svcfg_exec_max + 1];
-    svcfg_condition dsyscfg[svcfg_condition_max + 1];
-    char *syscfg_patterns[svcfg_pattern_max + 1];
-    svcfg_link depend[svcfg_depend_max];
-    svcfg_link depended[svcfg_depend_max];
-    svcfg_cmd cmds[svcfg_cmd_max + 1];
+    svcfg_list<char *, svcfg_exec_max> argv;
+    svcfg_list<svcfg_condition, svcfg_condition_max> dsyscfg;
+    svcfg_list<char *, svcfg_pattern_max> syscfg_patterns;
+    svcfg_links depend;
+    svcfg_links depended;
+    svcfg_list<svcfg_cmd, svcfg_cmd_max> cmds;
     lumd *owner;
     int index;
 };
@@ -70,4 +88,4 @@ char *const *svcfg_find_command(const svcfg *cfg, std::string_view name);
 
 // Adds a name to one of the record's lists of links, as what (for the log line that refuses it when the list
 // is full). -1 when memory is out.
-int svcfg_add_link(const svcfg *cfg, std::span<svcfg_link> links, std::string_view name, const char *what);
+int svcfg_add_link(const svcfg *cfg, svcfg_links &links, std::string_view name, const char *what);

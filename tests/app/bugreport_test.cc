@@ -121,6 +121,12 @@ TEST_F(bugreport_test, every_failure_of_every_step_has_its_number)
     fail_call(CONNECT, 1);
     expect_failure(0, "", "bugreport: E076 cannot connect to server!\n");
     EXPECT_TRUE(end_failing());
+    const int failures = for_each_failure(SOCKET | SETSOCKOPT | CONNECT | SENDTO | READ | ALLOC, [&] {
+        const std::string got = run(6, "\n");
+        EXPECT_EQ(got.starts_with("-1"), got.find(say + "E") != got.npos);
+        EXPECT_TRUE(got[0] == '0' || end_failing()) << got;
+    });
+    EXPECT_GT(failures, 200);
 }
 
 TEST_F(bugreport_test, reports_that_are_accepted_whatever_becomes_of_quit)

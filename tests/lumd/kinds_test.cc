@@ -317,8 +317,9 @@ TEST_F(kinds, nothing_is_left_over)
     };
     play_and_end(round); // the sockets and the pipe of the process
     support::for_each_failure(0, [&] { play_and_end(rounds); });
-    EXPECT_GE(support::for_each_failure(support::ALLOC, [&] { play_and_end(round); }), 15);
-    EXPECT_GE(support::for_each_failure(support::OPEN | support::SOCKET, [&] { play_and_end(round); }), 5);
+    using namespace support; // a pipe that does not take a notice is full, and others follow: no WRITE
+    EXPECT_GE(for_each_failure(ALLOC | OPEN | SOCKET | PIPE | VFORK | IOCTL, [&] { play_and_end(round); }),
+              50);
 }
 
 } // namespace

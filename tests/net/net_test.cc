@@ -79,6 +79,7 @@ TEST_F(net_test, constructors)
     const int listening = unix_listen(-1, far_path.c_str());
     parse("127.0.0.1");
     const int tcp = tcp_listen(0, addr, 16);
+    EXPECT_EQ(listen(listening, 999) + listen(tcp, 999), 0); // nobody accepts
     sockaddr_in there = {};
     auto *peer = reinterpret_cast<sockaddr *>(&there);
     socklen_t len = sizeof there;

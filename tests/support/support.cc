@@ -45,23 +45,6 @@ struct {
     int error;
     bool happened;
 } failing;
-const std::map<calls, std::vector<int>> errors = {{ALLOC, {ENOMEM}},
-                                                  {OPEN, {EMFILE, ENOENT, EACCES}},
-                                                  {READ, {EIO, EINTR, EAGAIN}},
-                                                  {WRITE, {EIO, ENOSPC, EINTR, EAGAIN}},
-                                                  {LSEEK, {EIO, EINVAL}},
-                                                  {SOCKET, {EMFILE, ENOBUFS, EACCES}},
-                                                  {BIND, {EADDRINUSE, EACCES}},
-                                                  {CONNECT, {ECONNREFUSED, ENOENT, EAGAIN}},
-                                                  {SENDTO, {ENOBUFS, EAGAIN, ENETUNREACH, ECONNREFUSED}},
-                                                  {LISTEN, {EADDRINUSE}},
-                                                  {SETSOCKOPT, {ENOBUFS}},
-                                                  {POLL, {EINTR, ENOMEM}},
-                                                  {MKFIFO, {EROFS, ENOSPC}},
-                                                  {RECV, {EAGAIN, EINTR, ECONNREFUSED}},
-                                                  {PIPE, {EMFILE, ENFILE}},
-                                                  {VFORK, {EAGAIN, ENOMEM}},
-                                                  {IOCTL, {ENODEV, EIO}}};
 std::set<int> flash_fds;
 int last_pipe_end = -1;
 std::set<const void *> blocks; // allocated since counting began
@@ -73,7 +56,7 @@ bool fails(calls kind)
         return false;
     failing.happened = true;
     failed_kind = kind;
-    errno = failing.error ? failing.error : errors.at(kind).front();
+    errno = failing.error ? failing.error : call_errors.at(kind).front();
     return true;
 }
 
@@ -132,6 +115,25 @@ void record(int fd, const char *what, long number)
 }
 
 } // namespace
+
+const std::map<unsigned, std::vector<int>> call_errors = {
+    {ALLOC, {ENOMEM}},
+    {OPEN, {EMFILE, ENOENT, EACCES}},
+    {READ, {EIO, EINTR, EAGAIN}},
+    {WRITE, {EIO, ENOSPC, EINTR, EAGAIN}},
+    {LSEEK, {EIO, EINVAL}},
+    {SOCKET, {EMFILE, ENOBUFS, EACCES}},
+    {BIND, {EADDRINUSE, EACCES}},
+    {CONNECT, {ECONNREFUSED, ENOENT, EAGAIN}},
+    {SENDTO, {ENOBUFS, EAGAIN, ENETUNREACH, ECONNREFUSED}},
+    {LISTEN, {EADDRINUSE}},
+    {SETSOCKOPT, {ENOBUFS}},
+    {POLL, {EINTR, ENOMEM}},
+    {MKFIFO, {EROFS, ENOSPC}},
+    {RECV, {EAGAIN, EINTR, ECONNREFUSED}},
+    {PIPE, {EMFILE, ENFILE}},
+    {VFORK, {EAGAIN, ENOMEM}},
+    {IOCTL, {ENODEV, EIO}}};
 
 bool run_until(const std::function<bool()> &done, int64_t ms)
 {
@@ -285,7 +287,7 @@ int for_each_failure(unsigned kinds, const std::function<void()> &scenario)
     constexpr int most_failures = 5000;
     int failures = 0;
     run_failing(0, 0, 0, scenario);
-    for (const auto &[kind, kind_errors] : errors) {
+    for (const auto &[kind, kind_errors] : call_errors) {
         for (const int error : kinds &kind ? kind_errors : std::vector<int>()) {
             int k = 1;
             while (k <= most_failures && run_failing(kind, error, k, scenario))

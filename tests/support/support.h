@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -80,6 +81,8 @@ enum calls : unsigned {
     IOCTL = 65536,
     ALL_CALLS = 131071
 };
+
+extern const std::map<unsigned, std::vector<int>> call_errors; // those that a kind can give
 
 // From here on the k-th (from 1) call of these kinds fails, with and_later every one after it too. With torn
 // a failing read or write does half of its work and says so. Without an error the kind's first is given.

@@ -142,11 +142,12 @@ replies => service n;exec ntp -h 127.0.0.1 -i -5 => start n > 0 0 127.0.0.1 -5 0
   / answer 47 / wait 4980 / wait 20 > 5000 ask 127.0.0.1 / answer 60 2208988800 4295 > 5010 0.000001, 5010 NTP_SYNC=1
   / wait 900 / wait 200 > 6010 ask 127.0.0.1
 no clock => service n;exec ntp -h 127.0.0.1 -c 1 -i 9 => start n > 0 1 127.0.0.1 9 0 / wait 10 > 0 ask 127.0.0.1 / mode noclock
-  / answer 48 1 > 10 SYSERROR: ntp_recvCallback, 10 NTP_SYNC=1 / mode found / wait 19500 > 9010 ask 127.0.0.1, 14010 ask 127.0.0.1, 19010 get ntp failed
+  / answer 48 1 > 10 SYSERROR: ntp_recvCallback, 10 NTP_SYNC=1 / mode found
+  / wait 19500 > 9010 ask 127.0.0.1, 14010 ask 127.0.0.1, 19010 get ntp failed
 unknown default => service n;exec ntp => mode unknown / start n > 0 4 ntp.example.com 36000 0, 0 query ntp.example.com
   / count 76000 > 11, 75000 NTP_SYNC=1
-not told => service n;exec ntp -h time.lan -c 1 -i 70 => mode deaf / start n > 0 1 time.lan 70 0, 0 query time.lan / count 60000 > 4, 10000 get ntp failed
-  / mode found / count 21000 > 4, 80000 NTP_SYNC=1
+not told => service n;exec ntp -h time.lan -c 1 -i 70 => mode deaf / start n > 0 1 time.lan 70 0, 0 query time.lan
+  / count 60000 > 4, 10000 get ntp failed / mode found / count 21000 > 4, 80000 NTP_SYNC=1
 no query => service n;exec ntp -h time.lan => mode refused / start n > 0 0 time.lan 600 0, 0 query time.lan / wait 4900 / mode lost
   / wait 200 > 5000 query time.lan / wait 19800 / mode found / wait 200 > 25000 ask time.lan
 variable => service n;exec ntp -p 4123 -c 9 -h @(T) => start n > 0 4 ntp.example.com 36000 4123 / set T=time.lan

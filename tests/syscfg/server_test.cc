@@ -244,4 +244,19 @@ TEST_F(syscfg_test, computed_variables)
     EXPECT_TRUE(timegm(&shown) >= before && timegm(&shown) <= before + 2);
 }
 
+TEST_F(server_test, a_failing_call_costs_an_answer_at_most)
+{
+    const auto scenario = [&] {
+        for (const char *request : {"NUM=12", "?NUM%04x", "%list", "?@lo_ip", "%wait NUM=12", "%apply"})
+            one.ask(request);
+        end_failing();
+        one.ask("NUM=12"); // for who still waits
+        while (one.receive() != "none")
+            app_poll_once();
+        EXPECT_EQ(all({one.ask("NUM=7"), one.ask("?NUM")}), "!OK>7");
+    };
+    scenario(); // what is kept
+    EXPECT_GT(for_each_failure(ALL_CALLS, scenario), 40);
+}
+
 } // namespace

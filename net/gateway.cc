@@ -356,6 +356,8 @@ const sockaddr_in *echo_gateway_addr(const sockaddr *, socklen_t len)
     echo_outcome outcome = echo_outcome::NOTHING;
     for (int i = 0; i < echo_tries && outcome == echo_outcome::NOTHING; ++i)
         outcome = ask_echo(sock.get(), server, &result, __func__);
+    if (outcome == echo_outcome::NOTHING)
+        errno = ETIMEDOUT;
     return outcome == echo_outcome::ANSWERED ? &result : nullptr;
 }
 
@@ -373,7 +375,9 @@ const sockaddr_in *trace_gateway_addr(const sockaddr *dest, socklen_t len)
     const int failure = probe_gateway(reinterpret_cast<const sockaddr_in *>(dest)->sin_addr,
                                       static_cast<int>(metric) + 1, budget_ms, &router);
     if (failure != PROBE_ANSWERED) {
+        const int reason = failure == PROBE_NO_ANSWER ? ETIMEDOUT : errno;
         log_trace(LOG_HERE, "failed: %d", failure);
+        errno = reason;
         return nullptr;
     }
     result = ipv4_address(router, 0);

@@ -9,7 +9,8 @@
 
 // dest is an IPv4 address of len bytes, 16 at least; the echo looks at its length only. The result is static,
 // is overwritten by the next call of the same function, and carries a port only when it comes from the echo.
-// Null after a log line. The settings are environment variables; docs/outside-address.md has them.
+// Null after a log line, with ETIMEDOUT in errno when nobody answered in time. The settings are environment
+// variables; docs/outside-address.md has them.
 const sockaddr_in *echo_gateway_addr(const sockaddr *dest, socklen_t len);
 const sockaddr_in *trace_gateway_addr(const sockaddr *dest, socklen_t len);
 const sockaddr_in *get_gateway_addr(const sockaddr *dest, socklen_t len); // the echo's, else the trace's

@@ -32,7 +32,8 @@ enum ifi_request {
 };
 
 // The addresses of interfaces that are up; of a socket bound to an address, that one only. The caller frees
-// the list; null when it is empty. When memory ends, the list ends.
+// the list; null when it is empty, or with a reason in errno when it cannot be read. When memory ends, the
+// list ends.
 ifi *get_ifi_info(int sockfd, int flags);
 void free_ifi_info(ifi *list);
 

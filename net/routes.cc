@@ -118,6 +118,15 @@ ifi *get_route_ifaddr(int sockfd, const sockaddr *dest)
 
 namespace {
 
+int copy_address(const sockaddr *from, socklen_t from_len, sockaddr *addr, socklen_t *len)
+{
+    const int copied = sockaddr_copy(addr, *len, from, from_len);
+    if (copied < 0)
+        return -1;
+    *len = static_cast<socklen_t>(copied);
+    return 0;
+}
+
 // The port of the socket, which the address of an interface has none of.
 int use_interface(const char *name, const sockaddr *own, sockaddr *addr, socklen_t *len)
 {
@@ -143,12 +152,9 @@ int use_route(int sockfd, sockaddr *addr, socklen_t *len)
     else if (*len >= sizeof dest)
         sockaddr_copy(addr, to);
     ifi *found = get_route_ifaddr(sockfd, to);
-    const int copied = found ? sockaddr_copy(addr, *len, found->addr, sizeof dest) : -1;
+    const int result = found ? copy_address(found->addr, sizeof dest, addr, len) : -1;
     free_ifi_info(found);
-    if (copied < 0)
-        return -1;
-    *len = static_cast<socklen_t>(copied);
-    return 0;
+    return result;
 }
 
 } // namespace
@@ -166,7 +172,7 @@ int getsockifaddr(int sockfd, sockaddr *addr, socklen_t *len)
         return -1;
     int result;
     if (reinterpret_cast<const sockaddr_in *>(own)->sin_addr.s_addr != INADDR_ANY)
-        result = sockaddr_copy(addr, *len, own, own_len) < 0 ? -1 : 0;
+        result = copy_address(own, own_len, addr, len);
     else if (const char *name = getenv("USE_INTERFACE"))
         result = use_interface(name, own, addr, len);
     else

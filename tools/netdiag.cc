@@ -7,6 +7,7 @@
 #include "tools/json.h"
 #include "tools/tool.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +26,7 @@ constexpr char usage[] =
     "root\n"
     "options: --json      one object or array instead of lines\n"
     "         -q          say nothing on standard error\n"
-    "Exit status: 0 done, 1 no such route or no answer, 2 usage.\n";
+    "Exit status: 0 done, 1 no such route or not to be had, 2 usage, 5 no answer in time.\n";
 
 constexpr int same_network = 5; // of ifi_dest_match
 
@@ -104,8 +105,11 @@ void print_json(const ifi *record)
 
 void interfaces(words)
 {
-    const ifi *list =
-        get_ifi_info(udp_socket(), IFI_ALIASES | IFI_LOOPBACK | IFI_BROADCAST | IFI_PEER | IFI_NETMASK);
+    const int fd = udp_socket();
+    errno = 0;
+    const ifi *list = get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_BROADCAST | IFI_PEER | IFI_NETMASK);
+    if (!list && errno != 0)
+        leave(code_no, "the interfaces cannot be read: %m");
     const char *before = "[\n  ";
     for (const ifi *at = list; at; at = at->next) {
         if (!wants_json) {
@@ -163,7 +167,7 @@ void route_to(words operands)
 void print_outside(const sockaddr_in *found)
 {
     if (!found)
-        leave(code_no, "the outside address is not to be had");
+        leave(errno == ETIMEDOUT ? code_late : code_no, "the outside address is not to be had");
     const auto *addr = reinterpret_cast<const sockaddr *>(found);
     if (!wants_json) {
         printf("%s\n", sockaddr_ntop(addr, address_length));
@@ -187,6 +191,7 @@ void outside(words operands)
     address dest = {};
     if (!rest.empty())
         dest = read_address(rest[0], by_echo);
+    errno = 0;
     if (by_trace)
         return print_outside(trace_gateway_addr(dest.any(), address_length));
     if (by_echo && !rest.empty())

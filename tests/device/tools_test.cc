@@ -1,7 +1,10 @@
 // The commands, the library and the completion as people, programs and shells of the device use them.
+#include "net/net.h"
 #include "tests/device/under_test.h"
 
 #include <gtest/gtest.h>
+
+#include <netinet/in.h>
 
 namespace {
 
@@ -122,6 +125,23 @@ TEST_F(tools, verbs_and_exit_statuses)
         syscfg list | 6 | - | does not run
         svcctl start a | 6 | - | no daemon reads
         rm /tmp/svcctl; : >/tmp/svcctl; svcctl start a; cat /tmp/svcctl | 0 | - | is no FIFO)_");
+}
+
+TEST_F(tools, outside_address)
+{
+    sockaddr_in here = {AF_INET, htons(54210), {htonl(INADDR_LOOPBACK)}, {}};
+    auto *peer = reinterpret_cast<sockaddr *>(&here);
+    socklen_t len = sizeof here;
+    const int fd = udp_bind(-1, peer, len);
+    const pid_t server = fork();
+    char asked[13] = "";
+    while (server == 0)
+        if (recvfrom(fd, asked, 12, 0, peer, &len) == 12 && strcmp(asked, "ECHOGWADDRRQ") == 0)
+            sendto(fd, "ECHOGWADDRRP\313\0\161\7\234\105", 18, 0, peer, len);
+    expect(R"_(
+        netdiag outside echo 127.0.0.1 | 0 | 203.0.113.7:40005 | Echo addr: 127.0.0.1:54210
+        netdiag -q --json outside echo 127.0.0.1 && netdiag -q outside echo 127.0.0.1:9 | 5 | {"address": "203.0.113.7", "port": 40005})_");
+    kill(server, SIGKILL), waitpid(server, nullptr, 0), close(fd);
 }
 
 TEST_F(tools, services)

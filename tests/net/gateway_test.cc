@@ -8,6 +8,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <fstream>
 #include <functional>
 #include <linux/capability.h>
 #include <poll.h>
@@ -19,6 +20,25 @@ using namespace std::literals;
 
 int fail_at;                     // the call from here that fails
 std::function<void(int)> server; // answers, and takes the place of waiting so long
+std::string sent;                // "20001:1 " of the UDP probe of try 1, "e" of every ICMP probe
+int last_echo = -1;              // the number that it carried; each is one more than the one before
+const sockaddr *note(int fd, const void *data, const sockaddr *to)
+{
+    const int port = ntohs(reinterpret_cast<const sockaddr_in *>(to)->sin_port);
+    const auto pid = static_cast<uint16_t>(getpid());
+    sockaddr_in own = {};
+    socklen_t len = sizeof own;
+    std::array<uint8_t, 8> bytes = {};
+    memcpy(bytes.data(), data, port == 0 ? 8 : 4);
+    getsockname(fd, reinterpret_cast<sockaddr *>(&own), &len);
+    if (port >= 20000 && port < 20009 && ntohs(own.sin_port) == (pid | 0x8000))
+        sent += std::to_string(port) + ":" + std::to_string(bytes[0] + bytes[3]) + " ";
+    if (port == 0 && bytes[0] == 8 && bytes[4] == pid >> 8 && bytes[5] == (pid & 255)) {
+        const int before = std::exchange(last_echo, bytes[6] << 8 | bytes[7]);
+        sent += before < 0 || last_echo == before + 1 ? "e" : "?";
+    }
+    return to;
+}
 // clang-format off
 #define WRAP(result, name, parameters, instead) extern "C" result __real_##name parameters; \
     extern "C" result __wrap_##name parameters { return instead; }
@@ -26,7 +46,7 @@ std::function<void(int)> server; // answers, and takes the place of waiting so l
 FAILING(int, socket, (int family, int type, int protocol), __real_socket(family, type, protocol))
 FAILING(int, bind, (int fd, const sockaddr *to, socklen_t len), __real_bind(fd, to, len))
 FAILING(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t n), __real_setsockopt(fd, level, name, value, n))
-FAILING(ssize_t, sendto, (int fd, const void *data, size_t n, int f, const sockaddr *to, socklen_t len), __real_sendto(fd, data, n, f, to, len))
+FAILING(ssize_t, sendto, (int s, const void *d, size_t n, int f, const sockaddr *to, socklen_t l), __real_sendto(s, d, n, f, note(s, d, to), l))
 FAILING(ssize_t, recvfrom, (int fd, void *data, size_t n, int f, sockaddr *from, socklen_t *len), __real_recvfrom(fd, data, n, f, from, len))
 FAILING(int, poll, (pollfd *fds, nfds_t count, int ms), __real_poll(fds, count, server ? server(ms), 0 : ms))
 // Whoever looks at the time of day finds it set back by an hour.
@@ -39,6 +59,7 @@ struct gateway_test : testing::Test {
     static inline bool emulated; // by qemu, which does not pass IP_OPTIONS on
     in_addr out = {};
     int64_t took = 0; // ms, of the last outcome
+    int reason = 0;   // errno, of the same
 
     static sockaddr *generic(sockaddr_in &addr) { return reinterpret_cast<sockaddr *>(&addr); }
     static void set(const char *name, const char *value) { value ? setenv(name, value, 1) : unsetenv(name); }
@@ -50,11 +71,34 @@ struct gateway_test : testing::Test {
         testing::internal::CaptureStderr();
         const int64_t begun = now_ms();
         const sockaddr_in *addr = scenario();
+        reason = errno;
         took = now_ms() - begun;
         const std::string log = testing::internal::GetCapturedStderr();
         const size_t code = log.find("failed: ");
         return code != log.npos ? log.substr(code, log.find('\n', code) - code)
-               : addr ? inet_ntoa(addr->sin_addr) + ":"s + std::to_string(ntohs(addr->sin_port)) : "none";
+               : addr ? inet_ntoa(addr->sin_addr) + ":"s + std::to_string(ntohs(addr->sin_port))
+               : log.find("echo server address is not correct.") != log.npos ? "incorrect" : "none";
+    }
+    // No kernel answers them; 127.0.0.2 sends us replies with a route, whomever we ask.
+    void unanswered_echoes()
+    {
+        sockaddr_in from = {AF_INET, 0, {htonl(INADDR_LOOPBACK + 1)}, {}}, to = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        std::ofstream("/proc/sys/net/ipv4/icmp_echo_ignore_all") << 1;
+        sent.clear(), last_echo = -1;
+        outcome([&] { EXPECT_EQ(probe_gateway(to.sin_addr, 1, 400, &out), 20); return nullptr; });
+        EXPECT_TRUE(sent == "20000:0 eee" && took >= 400 && took <= 1900) << sent << took;
+        const unique_fd forger(socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
+        ASSERT_EQ(bind(forger.get(), generic(from), sizeof from), 0);
+        ASSERT_EQ(setsockopt(forger.get(), IPPROTO_IP, IP_OPTIONS, icmp_record_route.data(), icmp_record_route.size()), 0);
+        icmp_echo_packet reply = icmp_build_echo(static_cast<uint16_t>(getpid()), 0);
+        reply[0] = 0;
+        server = [&](int) { sendto(forger.get(), reply.data(), reply.size(), 0, generic(to), sizeof to); };
+        for (const uint32_t other : {0, 1}) {
+            timeval budget = {0, 90000};
+            EXPECT_EQ(icmp_rr_probe({htonl(INADDR_LOOPBACK + 1 + other)}, 0, &budget, &out), other ? 20 : 0);
+        }
+        server = nullptr;
+        std::ofstream("/proc/sys/net/ipv4/icmp_echo_ignore_all") << 0;
     }
     static void SetUpTestSuite()
     {
@@ -91,19 +135,25 @@ TEST_F(gateway_test, the_trace_finds_the_router_at_each_distance)
         {"10.7.0.1", "0", "300", "failed: 20", 300, 1500}, {"10.9.0.1", "0", "300", "failed: 20", 300, 1500},
         {"10.0.2.2", nullptr, nullptr, "10.0.1.1:0"}, {"10.0.2.2", "1", "9999999999999999999", "10.0.2.1:0"},
         {"10.0.2.2", "2", "9000", "10.0.2.2:0"}, {"10.0.2.2", "-1", "9000", "10.0.0.1:0"},
-        {"10.0.2.2", "-2", "9000", "failed: 3"}, {"10.0.2.2", "-9999999999", "9000", "failed: 3"},
-        {"10.0.2.2", "254", "9000", "failed: 20"}, {"10.0.2.2", "9999999999", "9000", "failed: 20"},
-        {"10.8.0.1", "0", "9000", "failed: 4"}, {"10.9.0.1", "8", "9000", "failed: 20"},
+        {"10.0.2.2", "-2", "9000", "failed: 3 unsent"}, {"10.0.2.2", "-9999999999", "9000", "failed: 3 unsent"},
+        {"10.0.2.2", "254", "9000", "failed: 20 unsent"}, {"10.0.2.2", "9999999999", "9000", "failed: 20 unsent"},
+        {"10.8.0.1", "0", "9000", "failed: 4"}, {"10.9.0.1", "8", "9000", "failed: 20 unsent"}, {"10.9.0.1", "7", "90", "failed: 20"},
         {"10.9.0.1", "0", "soon", "failed: 20"}, {"10.9.0.1", "0", "-9999999999999999999", "failed: 20"}};
     // clang-format on
     signal(SIGALRM, [](int) {}), ualarm(7000, 7000); // into every wait
     for (const auto &row : cases) {
         set("GATE_METRIC", row.metric), set("GATE_TIMEOUT", row.timeout);
         sockaddr_in dest = {AF_INET, 0, {inet_addr(row.dest)}, {}};
-        EXPECT_EQ(outcome([&] { return trace_gateway_addr(generic(dest), 16); }), routed(row.expected));
+        sent.clear();
+        std::string got = outcome([&] { return errno = 0, trace_gateway_addr(generic(dest), 16); });
+        EXPECT_EQ(got.starts_with("failed: 20"), reason == ETIMEDOUT) << reason;
+        EXPECT_EQ(got += sent.empty() ? " unsent" : "", routed(row.expected));
         EXPECT_TRUE(took >= row.least_ms && took <= row.most_ms) << took << row.dest << row.metric;
     }
     ualarm(0, 0);
+    sockaddr_in local = {AF_UNIX, 0, {}, {}};
+    EXPECT_EQ(outcome([&] { return trace_gateway_addr(generic(local), 16); }), "none");
+    EXPECT_EQ(outcome([] { return echo_gateway_addr(generic(last), 15); }), "none");
 }
 
 TEST_F(gateway_test, every_call_that_fails_has_its_code)
@@ -128,15 +178,22 @@ TEST_F(gateway_test, the_budget_holds_whatever_happens)
 {
     const unique_fd raw(socket(AF_INET, SOCK_RAW, IPPROTO_ICMP));
     sockaddr_in own = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    server = [&, end = now_ms() + 2000](int) { // there is always another packet
+    int longest = 0;
+    server = [&, end = now_ms() + 2000](int ms) { // there is always another packet
+        longest = std::max(longest, ms);
         EXPECT_TRUE(now_ms() > end || sendto(raw.get(), &own, sizeof own, 0, generic(own), sizeof own) > 0);
     };
+    sent.clear();
     timeval budget = {0, 400000};
     const in_addr silent = {inet_addr("10.9.0.1")};
     EXPECT_EQ(outcome([&] { return udp_ttl_probe(silent, 1, &budget, &out) == 20 ? &last : nullptr; }),
               "10.0.2.2:0");
     EXPECT_TRUE(took >= 400 && took <= 1900 && !timerisset(&budget)) << took;
     server = nullptr;
+    EXPECT_EQ(sent, "20000:0 20001:1 20002:2 ");
+    EXPECT_LE(longest, 134) << "a third";
+    if (!emulated)
+        unanswered_echoes();
     timeval time = {3, 200000}, less = {1, 300000};
     tv_sub(&time, &less), tv_div(&time, 0), tv_div(&time, 2);
     EXPECT_EQ(time.tv_sec * 1000000 + time.tv_usec, 950000);
@@ -158,7 +215,7 @@ TEST_F(gateway_test, the_echo_asks_until_it_is_answered)
         {nullptr, "127.0.0.1", {good.substr(0, 17), "", good}, "10.1.2.3:4660 3 750"},
         {"127.0.0.1", "", std::vector(9, wrong), "none 8 2000"}, {"127.0.0.1:54211", "127.0.0.1", {}, "none 0 2000"},
         {nullptr, "", {}, "none 0 2000"}, {"255.255.255.255", "127.0.0.1", {}, "none 0 0"},
-        {"localhost", "127.0.0.1", {}, "none 0 0"}, {wide.c_str(), "127.0.0.1", {}, "none 0 0"}};
+        {"localhost", "127.0.0.1", {}, "incorrect 0 0"}, {wide.c_str(), "127.0.0.1", {}, "incorrect 0 0"}};
     // clang-format on
     sockaddr_in here = {AF_INET, htons(54210), {htonl(INADDR_LOOPBACK)}, {}};
     const unique_fd usual(socket(AF_INET, SOCK_DGRAM, 0)), other(socket(AF_INET, SOCK_DGRAM, 0));
@@ -178,7 +235,9 @@ TEST_F(gateway_test, the_echo_asks_until_it_is_answered)
                 sendto(from, &reply[head], reply.size() - head, 0, generic(here), len);
         };
         set("ECHOSVR_ADDR", row.server), set("GKADDR", row.second);
-        const std::string got = outcome([] { return echo_gateway_addr(nullptr, 16); });
+        const auto get = row.expected[0] == '1' ? get_gateway_addr : echo_gateway_addr;
+        const std::string got = outcome([&] { return errno = 0, get(generic(last), 16); });
+        EXPECT_EQ(got == "none" && waited > 0, reason == ETIMEDOUT) << reason;
         EXPECT_EQ(got + " " + std::to_string(asked) + " " + std::to_string(waited), row.expected);
     }
     server = nullptr;

@@ -76,6 +76,20 @@ TEST_F(interfaces_test, scores)
         const ifi record = {"", 0, from.any, of.any, nullptr, nullptr, nullptr};
         EXPECT_EQ(std::to_string(ifi_dest_match(&record, to.any)), score) << own;
     }
+    const address own("10.0.0.2"), mask("255.0.0.0"), all("10.0.0.3"), peer("10.0.0.4");
+    sockaddr local = {AF_UNIX, {}};
+    ifi record = {"t0", 0, own.any, mask.any, all.any, peer.any, nullptr};
+    record.flags = IFF_UP | IFF_BROADCAST | IFF_MULTICAST | IFF_LOOPBACK | IFF_POINTOPOINT;
+    EXPECT_EQ(ifi_dest_match(&record, &local), -1);
+    EXPECT_TRUE(log.has("matching interface: 10.0.0.2(2) not the same family(1)\n"));
+    testing::internal::CaptureStdout();
+    print_ifi_info(&record);
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "t0: < UP BCAST MCAST LOOP P2P >\n\tIP addr: 10.0.0.2\n\tBroadcast addr: 10.0.0.3\n"
+              "\tDestination addr: 10.0.0.4\n\tSubnet mask: 255.0.0.0\n");
+    record.addr = &local;
+    EXPECT_EQ(ifi_dest_match(&record, &local), 0);
 }
 
 TEST_F(interfaces_test, route_tables_that_are_fed)
@@ -90,6 +104,9 @@ TEST_F(interfaces_test, route_tables_that_are_fed)
     cases += std::string(300, 'x') + "_0_0_0_0_0_0_0";
     for (const size_t cut : {2, 4, 5, 8, 9, 10, 19})
         cases += " junk far_0_5_0_0_0_0_0" + std::string("|lan_201_0_0_0_0_0_", cut);
+    cases += " junk far_0_5_0_0_0_0_0|Iface";
+    EXPECT_TRUE(!findsaddr(address("1.2.3.4").any) && log.has("open /proc/net/route: No such file"))
+        << log.text();
     std::istringstream rows(cases);
     for (std::string found, table; rows >> found >> table; log.clear()) {
         std::replace(table.begin(), table.end(), '|', '\n');
@@ -109,7 +126,10 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
     // The address a socket is bound to, USE_INTERFACE, the destination, the address, what is logged.
     std::istringstream rows(R"(
         10.7.0.1:77 v1 1.2.3.4 10.7.0.1:77 -   0.0.0.0:77 v0 1.2.3.4 10.7.0.1:77 port=77   - v0 1.2.3.4 10.7.0.1 sockport:
-        - w2 - - requested  0.0.0.0:7 - 10.7.2.5:9 10.7.2.1:7 -  0.0.0.0:78 - - 10.7.1.1:78 -   - - 10.6.0.1 - FAILED - - 10.5.0.1 - FAILED)");
+        - w2 - - requested  0.0.0.0:7 - 10.7.2.5:9 10.7.2.1:7 -  0.0.0.0:78 - - 10.7.1.1:78 -   - - 10.6.0.1 - FAILED
+        - - 10.5.0.1 - FAILED   - nosuch - - name:)");
+    if (access("/dev/net/tun", W_OK) < 0)
+        puts("[   NOTE   ] without /dev/net/tun no interface has a peer");
     in_network(script, [&, this] {
         const int any = socket(AF_INET, SOCK_DGRAM, 0);
         for (std::string own, use, dest, result, said; rows >> own >> use >> dest >> result >> said;) {
@@ -118,9 +138,11 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
             for_each_failure(ALLOC | OPEN | SOCKET, [&, this] {
                 log.clear();
                 address given(dest);
+                given.len = 99;
                 const int done = getsockifaddr(fd, given.any, &given.len);
                 const bool spoilt = end_failing() && done < 0 && log.has("FAILED: getsockifaddr");
                 EXPECT_EQ(done < 0 ? "-" : text_of(given.any), spoilt ? "-" : result) << dest;
+                EXPECT_EQ(given.len, done < 0 ? 99U : 16U);
                 EXPECT_TRUE(spoilt || said == "-" || log.has(said)) << log.text();
             });
             EXPECT_EQ(list(fd, 0).size() < 40, own[0] == '1') << "of a bound one, only its own";
@@ -136,8 +158,13 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
         for (const int result : {POLLIN + 2, POLLIN + 2, POLLIN + 2, POLLIN + 2, -1})
             EXPECT_EQ(poll_fd(all, POLLIN, 100) + recv(all, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC), result)
                 << "back from each";
-        fail_call(SENDTO, 2);
-        EXPECT_TRUE(broadcast(all, "", 0, 0, 7000) == -1 && end_failing() && log.has("SYSERROR: broadcast"));
+        for (const auto &[call, nth, said] :
+             {std::tuple(SETSOCKOPT, 1, "SYSERROR"), {ALLOC, 1, "FAILED"}, {SENDTO, 2, "SYSERROR"}}) {
+            log.clear(), fail_call(call, nth);
+            EXPECT_TRUE(broadcast(all, "", 0, 0, 7000) == -1 && end_failing() &&
+                        log.has(std::string(said) + ": broadcast"))
+                << said;
+        }
         const char many[] = R"(for i in $(seq 150); do echo "link add x$i type veth peer name y$i
             link set x$i up\nlink set y$i up\naddr add 10.40.$i.1/24 dev x$i\naddr add 10.41.$i.1/25 dev y$i"; done | ip -batch -)";
         EXPECT_EQ(sh(many), "");
@@ -156,15 +183,15 @@ TEST_F(interfaces_test, routes_as_the_kernel_chooses_them)
             std::vector<uint32_t> wanted = {0x0A070105, 0x28010203};
             const auto inside = static_cast<uint32_t>(0x14000000 + random() % 0x4000000);
             commands << "route flush proto static\n";
-            for (unsigned bits = random() % 2 * 7, gateway = 253; bits <= 32 && gateway != 1;
-                 bits = std::max(bits, 6U) + 1 + random() % 8) {
+            for (unsigned bits = random() % 8, gateway = 253; bits <= 32 && gateway != 1;
+                 bits += 1 + random() % 8) {
                 const uint32_t on = random() % 3;
                 const address network(bits > 0 ? inside & ~0U << (32 - bits) : 0),
                     via(0x0A070000 + (on << 8) + gateway);
                 commands << "route add " << text_of(network.any) << "/" << bits << " dev v" << on
                          << " proto static" << (gateway > 0 ? " via " + text_of(via.any) : "") << "\n";
                 wanted.push_back(inside ^ 1U << random() % 26);
-                gateway = gateway < 3 ? 1 : random() % 4 > 0 ? 2 + random() % (gateway - 2) : 0;
+                gateway = gateway < 3 ? 1 : bits < 6 || random() % 4 > 0 ? 2 + random() % (gateway - 2) : 0;
             }
             for (const address dest : wanted) {
                 commands << "route get " << text_of(dest.any) << std::endl;

@@ -1,5 +1,5 @@
-# Completion for syscfg, svcctl and netdiag. Names and current values come from the running daemon; which values
-# a choice has, and which services there are, no request tells: that comes from the files that the daemon reads.
+# Completion for syscfg, svcctl and netdiag. Names and current values come from the running daemon. Which
+# values a choice has, and which services there are, no request tells: that comes from the daemon's files.
 # shellcheck shell=bash
 
 _syscfg_names() {

@@ -17,7 +17,7 @@
 extern std::map<std::string, std::string> variables;
 extern std::map<std::string, int> start_calls, stop_calls; // of fakes, also those that changed nothing
 extern int fakes_alive;
-extern bool old_kernel;                  // there is no close_range
+extern bool old_kernel; // there is no close_range
 
 struct lumd_test : support::test {
     lumd_test();

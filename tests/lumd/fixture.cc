@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 std::map<std::string, std::string> variables;
-std::map<std::string, int> start_calls, stop_calls;
 int fakes_alive;
 bool old_kernel;
 
@@ -45,7 +44,6 @@ char *const no_words[] = {nullptr};
 int fake_start(svcent *base, int, char *const *, const svcfg *cfg)
 {
     auto *entry = static_cast<fake_svcent *>(base);
-    ++start_calls[entry->name];
     for (const svcfg_link *at = cfg->depend; at != std::end(cfg->depend) && at->info; ++at)
         EXPECT_NE(at->info->svcent, nullptr) << entry->name << " was started before " << at->name;
     for (const svcfg_condition *at = cfg->dsyscfg; at->name; ++at)
@@ -63,10 +61,7 @@ int fake_start(svcent *base, int, char *const *, const svcfg *cfg)
 
 int fake_stop(svcent *base, char *const *argv)
 {
-    ++stop_calls[base->name];
     note("stop", base, argv);
-    if (is(base, "stubborn"))
-        return -1;
     static_cast<fake_svcent *>(base)->live = false;
     base->state = SVCENT_STOPPED;
     return 0;

@@ -281,14 +281,8 @@ void lumd_test::step(const std::string &text)
         {"halt", [&] { lumd_do_stop(at, 0); }}, // without release
         {"set", [&] { apply(name + rest); }},
         {"wait", [&] { support::run_for(stoi(name)); }},
-        // What a fake reports.
-        {"up", [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
-        {"die",
-         [&] {
-             static_cast<fake_svcent *>(at->svcent)->live = false;
-             at->svcent->state = SVCENT_STOPPED;
-             lumd_processServiceCallback(at, SVCENT_EV_STOPPED);
-         }},
+        {"up", // as a fake reports it
+         [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
         // Processes, in real time.
         {"kill", [&] { kill(child(), stoi(rest)); }},
         {"runs", [&] { EXPECT_TRUE(eventually([&] { return at->svcent->state == 1 && child() > 0; })); }},

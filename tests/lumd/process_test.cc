@@ -1,12 +1,7 @@
 #include "tests/lumd/fixture.h"
 
-#include "app/app.h"
-
-#include <csignal>
-#include <fcntl.h>
 #include <filesystem>
 #include <sstream>
-#include <unistd.h>
 
 namespace {
 
@@ -35,43 +30,6 @@ reload by a handler => service a;exec sleep 99;syscfg A;reload -kill 12 => start
 no program => service a;exec nosuch => start a / log can not find nosuch / state a -1
 a program that cannot be run is tried again every time => service a;exec broken => start a / back a / back a / back a
   / log SYSERROR: proc_svcent_start(): proc_se:  / log proc a exited with status: 255)");
-}
-
-TEST_F(process_kind, full_pipe_loses_no_end)
-{
-    load("service a;exec sleep 99;service b;exec sleep 99;service c;exec sleep 99");
-    play("start a / runs a / start b / runs b / start c / runs c");
-    const pid_t nobody = -1;
-    while (write(support::pipe_end(), &nobody, sizeof nobody) == sizeof nobody)
-        ;
-    play("kill a 9 / kill b 9 / kill c 9 / log FAILED: sig_handler() / ends a / ends b / ends c / back a / "
-         "runs b / runs c");
-    for (size_t before = 0; before != log.used; app_poll_once())
-        before = log.used; // until the pipe is empty
-}
-
-TEST_F(process_kind, children_inherit_three_descriptors_and_no_blocked_signal)
-{
-    const std::string root = support::device_root;
-    load("service fds;exec -find /proc/self/fd -mindepth 1 -fprintf " + root + "/fds %f,;service status;" +
-         "exec -cp /proc/self/status " + root + "/status");
-    sigset_t blocked, before;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGUSR1);
-    sigprocmask(SIG_BLOCK, &blocked, &before);
-    for (const int fd : {40, 700, 1023})
-        dup2(STDERR_FILENO, fd);
-    for (const bool old : {false, true}) {
-        old_kernel = old;
-        play("start fds / ends fds / stop fds / start status / ends status / stop status");
-        // Those of the program itself follow on the standard three.
-        EXPECT_EQ(support::read_file("/fds").find("0,1,2,3,"), 0u);
-        EXPECT_LT(support::read_file("/fds").size(), strlen("0,1,2,3,4,5,6,7,8,9,"));
-        EXPECT_NE(support::read_file("/status").find("SigBlk:\t0000000000000000\n"), std::string::npos);
-    }
-    old_kernel = false;
-    close_range(40, 1023, 0);
-    sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 TEST_F(process_kind, ends_are_recorded_where_a_record_exists)

@@ -81,8 +81,7 @@ int set(const syscfg *db, const std::string &name, const std::string &value)
     return var ? var_types[var->type].set(db, var, value.c_str()) : -1000;
 }
 
-void write_flash(std::string_view device, const std::vector<flash_entry> &table,
-                 const std::map<size_t, std::string> &texts, size_t size)
+void write_flash(std::string_view device, const std::vector<flash_entry> &table, size_t size)
 {
     std::string image(size, '\0');
     image.replace(0, 4, "REG\0", 4);
@@ -96,8 +95,6 @@ void write_flash(std::string_view device, const std::vector<flash_entry> &table,
     MD5Init(&context);
     MD5Update(&context, reinterpret_cast<const uint8_t *>(&image[20]), 192);
     MD5Final(reinterpret_cast<uint8_t *>(&image[4]), &context);
-    for (const auto &[at, text] : texts)
-        image.replace(at, text.size(), text);
     write_file(device, image);
 }
 

@@ -1,7 +1,5 @@
 // Ends as its words say, some functions deep in a callback within a callback; with 7 when it survives twice.
 #include "app/app.h"
-#include "app/frame.h"
-#include "app/symbols.h"
 #include "app/timer.h"
 
 #include <csignal>
@@ -16,26 +14,19 @@
 #endif
 
 static std::string_view way;
-static uintptr_t runs, number, offset;
+static uintptr_t runs, number;
 
 struct nested {
-    using word = volatile uintptr_t;
-    static word &saved_fp(uintptr_t fp) { return *reinterpret_cast<word *>(fp - frame_record_below_fp); }
     static void innermost()
     {
-        const auto own = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
-        const uintptr_t callers = saved_fp(own), end = stack_end + frame_record_below_fp - sizeof(word);
-        const uintptr_t bases[] = {0, own, callers, saved_fp(callers), end};
         if (way == "store")
-            *reinterpret_cast<word *>(number) = 1;
+            *reinterpret_cast<volatile char *>(number) = 1;
         else if (way == "kill")
             kill(getpid(), static_cast<int>(number));
         else if (way == "abort")
             abort();
         else if (way == "lose")
             asm volatile(LOSE_FRAME);
-        else if (way == "spoil")
-            saved_fp(callers) = bases[number] + offset;
         way == "kill" ? (void)0 : __builtin_trap();
     }
     static void middle(uintptr_t n = way == "deep" ? number : 0) { n > 0 ? middle(n - 1) : innermost(); }
@@ -53,7 +44,6 @@ int main(int, char **argv)
 {
     way = argv[1];
     number = strtoul(argv[2], nullptr, 0);
-    offset = strtoul(argv[3], nullptr, 0);
     app_init(1, argv, nullptr, "crasher");
     return timer_call_later(0, nullptr, nested::on_timer) < 0 ? 1 : app_run();
 }

@@ -5,15 +5,6 @@
 
 namespace {
 
-double count(const std::string &text, const std::string &path)
-{
-    const std::string all = read_file(path);
-    double found = 0;
-    for (size_t at = 0; (at = all.find(text, at)) != all.npos; ++at)
-        ++found;
-    return found;
-}
-
 int end_of(pid_t pid, double seconds) // -1 when it goes on
 {
     int status = -1;

@@ -50,18 +50,6 @@ struct soak : testing::Test {
         EXPECT_TRUE(eventually([&] { return all_run(lumd); }));
     }
 
-    std::string random_request(int n)
-    {
-        if (n < 3)
-            return rare_forms[n];
-        if (below(10) > 0)
-            return forms[below(std::size(forms))];
-        std::string bytes(static_cast<size_t>(1 + below(1024)), '\0');
-        for (char &byte : bytes)
-            byte = static_cast<char>(random());
-        return bytes;
-    }
-
     // Every request has an answer; waits are kept until the round ends.
     void ask_everything(const client &asking, const client &waiting)
     {
@@ -70,7 +58,7 @@ struct soak : testing::Test {
                 waiting.send("%wait NOTE=later");
                 continue;
             }
-            const std::string text = random_request(n);
+            const std::string text = n < 3 ? rare_forms[n] : forms[below(std::size(forms))];
             std::string answer = asking.ask(text);
             while (text == "%list" && answer.starts_with('>'))
                 answer = asking.receive();

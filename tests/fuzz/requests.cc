@@ -5,8 +5,8 @@
 #include "syscfg/listing.h"
 #include "syscfg/server.h"
 #include "syscfg/syscfg.h"
-#include "tests/fuzz/database.h"
 #include "tests/fuzz/machine.h"
+#include "tests/syscfg/records.h"
 
 static constexpr char definition[] = "S string\nL string(8) [a-z]*\nI integer\nB bool\nC choice on,off\nA "
                                      "ip\nM mac\nD domain\nU url\nN -n sn\n"
@@ -79,6 +79,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     app_remove_ctx(db);
     app_poll_once(); // so that the loop takes its place back
     close(db->server_fd);
-    free_database(db);
+    free_records(db);
     return 0;
 }

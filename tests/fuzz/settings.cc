@@ -1,7 +1,7 @@
 // Definition files and values for what they declare. Each ends at 0xFF; the first file, "a", can include the
 // others, "b" to "z". The last is what values are read from.
-#include "tests/fuzz/database.h"
 #include "tests/fuzz/machine.h"
+#include "tests/syscfg/records.h"
 
 void cfgdb_processSyscfgChange(cfgdb *, const char *const *, int) {}
 
@@ -21,6 +21,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     build_var_tbl(db);
     build_alias_tbl(db);
     load_config(db, text.data(), static_cast<int>(text.size()), LOAD_VALUES, 0);
-    free_database(db);
+    free_records(db);
     return 0;
 }

@@ -7,9 +7,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -111,29 +109,22 @@ TEST_F(control, requests)
 TEST_F(control, what_stands_in_the_place_of_the_fifo)
 {
     const std::string path = support::device_path("/tmp/svcctl"), other = path + "2";
-    const std::pair<const char *, std::function<void()>> rows[] = {
-        {"nothing", [] {}},
-        {"another FIFO", [&] { mkfifo(path.c_str(), 0600); }},
-        {"a file", [] { support::write_file("/tmp/svcctl", "start a\n"); }},
-        {"a link to nothing", [&] { std::filesystem::create_symlink(other, path); }},
-        {"a link to a FIFO",
-         [&] { mkfifo(other.c_str(), 0600), std::filesystem::create_symlink(other, path); }},
-        {"a socket",
-         [&] {
-             sockaddr_un address = {AF_UNIX, {}};
-             path.copy(address.sun_path, sizeof address.sun_path - 1);
-             const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-             bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address);
-             close(fd);
-         }},
-        {"a directory", [&] { std::filesystem::create_directory(path); }}};
-    for (const auto &[name, put] : rows) {
+    const std::tuple<const char *, mode_t, bool> rows[] = {
+        {"nothing", 0, false},          {"another FIFO", S_IFIFO, false},    {"a file", S_IFREG, false},
+        {"a link to nothing", 0, true}, {"a link to a FIFO", S_IFIFO, true}, {"a socket", S_IFSOCK, false},
+        {"a directory", S_IFDIR, false}};
+    for (const auto &[name, type, linked] : rows) {
         SCOPED_TRACE(name);
         load("service a");
         std::filesystem::remove(path);
-        put();
+        if (linked)
+            std::filesystem::create_symlink(other, path);
+        if (type == S_IFDIR)
+            std::filesystem::create_directory(path);
+        else if (type)
+            mknod((linked ? other : path).c_str(), type | 0600, 0);
         const int before = support::open_descriptors();
-        const bool replaced = std::string_view(name) != "a directory";
+        const bool replaced = type != S_IFDIR;
         EXPECT_EQ(open_control_fifo(manager), replaced ? 0 : -1);
         EXPECT_EQ(support::open_descriptors(), before + (replaced ? 2 : 0));
         EXPECT_EQ(std::filesystem::is_fifo(std::filesystem::symlink_status(path)), replaced);

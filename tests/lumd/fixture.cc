@@ -15,7 +15,6 @@
 #include <unistd.h>
 
 std::map<std::string, std::string> variables;
-std::map<std::string, int> start_calls, stop_calls;
 int fakes_alive;
 bool old_kernel;
 
@@ -45,7 +44,6 @@ char *const no_words[] = {nullptr};
 int fake_start(svcent *base, int, char *const *, const svcfg *cfg)
 {
     auto *entry = static_cast<fake_svcent *>(base);
-    ++start_calls[entry->name];
     for (const svcfg_link *at = cfg->depend; at != std::end(cfg->depend) && at->info; ++at)
         EXPECT_NE(at->info->svcent, nullptr) << entry->name << " was started before " << at->name;
     for (const svcfg_condition *at = cfg->dsyscfg; at->name; ++at)
@@ -63,10 +61,7 @@ int fake_start(svcent *base, int, char *const *, const svcfg *cfg)
 
 int fake_stop(svcent *base, char *const *argv)
 {
-    ++stop_calls[base->name];
     note("stop", base, argv);
-    if (is(base, "stubborn"))
-        return -1;
     static_cast<fake_svcent *>(base)->live = false;
     base->state = SVCENT_STOPPED;
     return 0;
@@ -286,14 +281,8 @@ void lumd_test::step(const std::string &text)
         {"halt", [&] { lumd_do_stop(at, 0); }}, // without release
         {"set", [&] { apply(name + rest); }},
         {"wait", [&] { support::run_for(stoi(name)); }},
-        // What a fake reports.
-        {"up", [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
-        {"die",
-         [&] {
-             static_cast<fake_svcent *>(at->svcent)->live = false;
-             at->svcent->state = SVCENT_STOPPED;
-             lumd_processServiceCallback(at, SVCENT_EV_STOPPED);
-         }},
+        {"up", // as a fake reports it
+         [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
         // Processes, in real time.
         {"kill", [&] { kill(child(), stoi(rest)); }},
         {"runs", [&] { EXPECT_TRUE(eventually([&] { return at->svcent->state == 1 && child() > 0; })); }},

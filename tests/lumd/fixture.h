@@ -2,7 +2,7 @@
 //
 // A service without an exec line, or with "exec fake WORD", is a fake: its operations go into the trace, and
 // the test reports its starts and ends. "eager" reports its start from inside it, "fails" refuses to start,
-// "stubborn" does not stop, "missing" cannot be created. All else is a process.
+// "missing" cannot be created. All else is a process.
 #pragma once
 
 #include "lumd/lumd.h"
@@ -15,7 +15,6 @@
 #include <vector>
 
 extern std::map<std::string, std::string> variables;
-extern std::map<std::string, int> start_calls, stop_calls; // of fakes, also those that changed nothing
 extern int fakes_alive;
 extern bool old_kernel; // there is no close_range
 

@@ -275,25 +275,31 @@ TEST_F(kinds, waiting_scripts_learn_how_they_ended)
     EXPECT_TRUE(log.has("path too long: /etc/init.d/l") && !log.has("run script"));
 }
 
-TEST_F(kinds, children_of_nobody_start_clean_and_leave_no_zombie)
+TEST_F(kinds, children_start_clean_and_leave_no_zombie)
 {
     if (support::pipe_end() >= 0)
         GTEST_SKIP() << "there was a process service before: run this test alone";
-    for (const char *path : {"/etc/j", "/etc/init.d/s.now"})
+    for (const char *path : {"/etc/j", "/etc/p", "/etc/init.d/s.now"})
         write_script(path, "(echo $#; ls /proc/self/fd; grep -E 'SigBlk|SigIgn' /proc/self/status) >" +
                                device_path("/${0##*/}"));
-    support::isolated([this] {
-        const sigset_t all = {{~0UL}};
-        sigprocmask(SIG_BLOCK, &all, nullptr);
-        signal(SIGINT, SIG_IGN);
-        dup2(STDERR_FILENO, 40);
-        load("service j;exec sched 1 /etc/j");
-        play("start j / wait 1500");
-        EXPECT_GT(run_script("s", "now", 0), 0);
-        EXPECT_TRUE(eventually(no_child_left));
-    });
-    for (const char *name : {"/j", "/s.now"})
-        EXPECT_EQ(read_file(name), "0\n0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+    for (const bool old : {false, true}) {
+        old_kernel = old;
+        support::isolated([this] {
+            const sigset_t all = {{~0UL}};
+            sigprocmask(SIG_BLOCK, &all, nullptr);
+            signal(SIGINT, SIG_IGN);
+            for (const int fd : {40, 700, 1023})
+                dup2(STDERR_FILENO, fd);
+            load("service j;exec sched 1 /etc/j;service p;exec -/etc/p");
+            play("start p / ends p / start j / wait 1500");
+            EXPECT_GT(run_script("s", "now", 0), 0);
+            EXPECT_TRUE(eventually(no_child_left));
+        });
+        for (const char *name : {"/j", "/s.now", "/p"})
+            EXPECT_EQ(read_file(name),
+                      "0\n0\n1\n2\n3\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+    }
+    old_kernel = false;
 }
 
 // Of descriptors, timers, children and memory, whatever is asked in whichever state, and whatever fails.

@@ -3,6 +3,7 @@
 #include "app/app.h"
 #include "app/text.h"
 #include "syscfg/registry.h"
+#include "tests/syscfg/records.h"
 
 #include <md5.h>
 #include <sstream>
@@ -35,31 +36,15 @@ std::vector<std::vector<std::string>> rows(std::string_view text)
     return result;
 }
 
-static void free_records(syscfg_var *var)
-{
-    while (var) {
-        EXPECT_EQ(var->waiters, nullptr);
-        drop_value(var);
-        for (char **name = var->type == VAR_ALIAS || var->type == VAR_CHOICE ? var->list : nullptr;
-             name && *name;)
-            free(*name++);
-        free(var->pattern);
-        free(var->name);
-        free(std::exchange(var, var->next));
-    }
-}
-
 void free_database(syscfg *db)
 {
     app_remove_ctx(db);
     app_poll_once(); // so that the loop takes its place back
     if (db->server_fd >= 0)
         close(db->server_fd);
-    free_records(db->vars);
-    free_records(db->aliases);
-    free(db->var_tbl);
-    free(db->alias_tbl);
-    free(db);
+    for (const syscfg_var *var = db->vars; var; var = var->next)
+        EXPECT_EQ(var->waiters, nullptr);
+    free_records(db);
 }
 
 database declare(std::string_view definition)
@@ -96,8 +81,7 @@ int set(const syscfg *db, const std::string &name, const std::string &value)
     return var ? var_types[var->type].set(db, var, value.c_str()) : -1000;
 }
 
-void write_flash(std::string_view device, const std::vector<flash_entry> &table,
-                 const std::map<size_t, std::string> &texts, size_t size)
+void write_flash(std::string_view device, const std::vector<flash_entry> &table, size_t size)
 {
     std::string image(size, '\0');
     image.replace(0, 4, "REG\0", 4);
@@ -111,8 +95,6 @@ void write_flash(std::string_view device, const std::vector<flash_entry> &table,
     MD5Init(&context);
     MD5Update(&context, reinterpret_cast<const uint8_t *>(&image[20]), 192);
     MD5Final(reinterpret_cast<uint8_t *>(&image[4]), &context);
-    for (const auto &[at, text] : texts)
-        image.replace(at, text.size(), text);
     write_file(device, image);
 }
 

@@ -32,9 +32,8 @@ struct flash_entry {
     uint32_t capacity;
     uint32_t length;
 };
-// A device with that table (its digest right) and these texts at their offsets.
-void write_flash(std::string_view device, const std::vector<flash_entry> &table,
-                 const std::map<size_t, std::string> &texts = {}, size_t size = 128 << 10);
+// A device with that table, its digest right.
+void write_flash(std::string_view device, const std::vector<flash_entry> &table, size_t size = 128 << 10);
 constexpr char flash5[] = "/dev/mtdblock/5";
 constexpr char flash6[] = "/dev/mtdblock/6";
 

@@ -44,7 +44,7 @@ TEST_F(syscfg_test, only_the_blocks_of_the_header_and_the_blob_are_written)
                  {0, 8000, "0 8192"},
                  {4033, 8000, "0 8192 12288"}};
     for (const auto &c : cases) {
-        write_flash(flash5, {{"hwinfo", c.first_capacity, 0}, {"syscfg", 65536, 9}}, {}, 256 << 10);
+        write_flash(flash5, {{"hwinfo", c.first_capacity, 0}, {"syscfg", 65536, 9}}, 256 << 10);
         const std::string text(c.length, 'x');
         device_io.clear();
         record_io = true;

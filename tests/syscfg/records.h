@@ -1,9 +1,10 @@
-// The end of a configuration database of a target's own.
+// The end of what a configuration database holds in memory.
+#pragma once
 #include "app/memory.h"
 #include "app/text.h"
 #include "syscfg/store.h"
 
-static void free_database(syscfg *db)
+inline void free_records(syscfg *db)
 {
     for (syscfg_var *var : {db->vars, db->aliases}) {
         while (var) {

@@ -144,7 +144,7 @@ int timer_start(timer *timer, int count)
 
 int timer_stop(timer *timer)
 {
-    return unschedule(entry_of(timer)) ? 0 : -1;
+    return timer && unschedule(entry_of(timer)) ? 0 : -1;
 }
 
 void timer_free(timer *timer)

@@ -30,7 +30,7 @@ timer *timer_new(uint32_t period_ms, void *ctx, timer_callback callback, const c
 // timer_new returns when memory is out.
 int timer_start(timer *timer, int count);
 
-// -1 when the timer was not scheduled.
+// -1 when the timer was not scheduled, or for null.
 int timer_stop(timer *timer);
 
 // Stops and frees; null is allowed.

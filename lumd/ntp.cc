@@ -190,8 +190,10 @@ void take_time(ntp_svcent *entry)
     if (entry->retry_timer)
         timer_stop(entry->retry_timer);
     entry->sync = NTP_SYNCHRONISED;
-    publish();
+    const bool told = publish();
     ntp_schedule(entry);
+    if (!told) // the next success tells, and is not to be hours away
+        arm_retry(entry, unsynchronised_interval_s * 1000);
 }
 
 // False when there is nothing more to look at.

@@ -141,6 +141,7 @@ void seed_random()
     if (seeded || getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed)
         return;
     srandom(seed);
+    srand(seed); // one generator or two, as the C library has it
     seeded = true;
 }
 

@@ -40,5 +40,7 @@ int run_script(const char *name, const char *action, int wait)
     // The handler reaps every child; one that is waited for is kept from it.
     const sigchld_guard guard;
     const pid_t pid = spawn_child(path, argv, [] { log_syserror(LOG_AS("run_script")); });
+    if (pid < 0)
+        log_syserror(LOG_HERE);
     return pid < 0 || !wait ? pid : exit_code_of(pid);
 }

@@ -87,6 +87,28 @@ TEST_F(faults, of_a_start)
     play("start a / runs a");
 }
 
+// It is not undone, so each of its starts has a process of its own; the pipe for SIGCHLD stays, too.
+TEST_F(faults, of_a_reboot)
+{
+    using namespace support;
+    write_file("/etc/init.d/reboot", "#!/bin/sh\n");
+    chmod(device_path("/etc/init.d/reboot").c_str(), 0755);
+    for (const unsigned kind : {ALLOC, OPEN, PIPE, VFORK}) {
+        for (int k = 1; k <= 6; ++k) {
+            isolated([&] {
+                load("service r;exec reboot");
+                const int before = open_descriptors();
+                fail_call(kind, k);
+                step("start r");
+                const bool failed = end_failing();
+                EXPECT_TRUE(!failed || log.has("FAILED") || log.has("SYSERROR"))
+                    << "call " << k << " of kind " << kind << log.text();
+                EXPECT_LE(open_descriptors(), before + 2) << "call " << k << " of kind " << kind;
+            });
+        }
+    }
+}
+
 // Without the pipe services start all the same, and none of their ends is lost once there is one.
 TEST_F(faults, of_the_pipe)
 {

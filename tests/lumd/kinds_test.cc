@@ -326,6 +326,7 @@ TEST_F(kinds, nothing_is_left_over)
     using namespace support; // a pipe that does not take a notice is full, and others follow: no WRITE
     EXPECT_GE(for_each_failure(ALLOC | OPEN | SOCKET | PIPE | VFORK | IOCTL, [&] { play_and_end(round); }),
               50);
+    EXPECT_GE(for_each_failure(READ | WRITE, [&] { play_and_end("start w/wait 600/set V=1/wait 600"); }), 8);
 }
 
 } // namespace

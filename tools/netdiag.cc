@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
+#include <memory>
 #include <span>
 
 namespace {
@@ -30,7 +31,11 @@ constexpr char usage[] =
 
 constexpr int same_network = 5; // of ifi_dest_match
 
-// What a verb takes from the heap lasts as long as the tool.
+struct free_list {
+    void operator()(ifi *list) const { free_ifi_info(list); }
+};
+using ifi_list = std::unique_ptr<ifi, free_list>;
+
 using words = std::span<char *const>;
 
 bool wants_json;
@@ -107,11 +112,12 @@ void interfaces(words)
 {
     const int fd = udp_socket();
     errno = 0;
-    const ifi *list = get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_BROADCAST | IFI_PEER | IFI_NETMASK);
+    const ifi_list list(
+        get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_BROADCAST | IFI_PEER | IFI_NETMASK));
     if (!list && errno != 0)
         leave(code_no, "the interfaces cannot be read: %m");
     const char *before = "[\n  ";
-    for (const ifi *at = list; at; at = at->next) {
+    for (const ifi *at = list.get(); at; at = at->next) {
         if (!wants_json) {
             print_ifi_info(at);
             continue;
@@ -154,14 +160,14 @@ void route_to(words operands)
 {
     const address dest = read_address(operands[0], false);
     const int fd = udp_socket();
-    const ifi *list = get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_NETMASK);
-    if (const ifi *own = find_own(list, dest.any()))
+    const ifi_list list(get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_NETMASK));
+    if (const ifi *own = find_own(list.get(), dest.any()))
         return print_route(own->name, own);
     const char *name = findsaddr(dest.any());
     // A route may also say that there is no way.
     if (!name || strcmp(name, "*") == 0)
         leave(code_no, "no route to %s", operands[0]);
-    print_route(name, get_route_ifaddr(fd, dest.any()));
+    print_route(name, ifi_list(get_route_ifaddr(fd, dest.any())).get());
 }
 
 void print_outside(const sockaddr_in *found)

@@ -251,11 +251,9 @@ constexpr svcent_ops operations = {netmon_start, netmon_stop, netmon_reload, net
 svcent *create_netmon_svcent(service_info *slot, const char *name)
 {
     log_trace(LOG_HERE, "create netmon svcent");
-    auto *entry = new_svcent<netmon_svcent>(&operations, slot, name);
-    if (!entry) {
-        log_failed(LOG_HERE);
+    auto *entry = new_svcent<netmon_svcent>(LOG_HERE, &operations, slot, name);
+    if (!entry)
         return nullptr;
-    }
     entry->sock = -1;
     return entry;
 }

@@ -375,11 +375,9 @@ constexpr svcent_ops operations = {ntp_start, ntp_stop, ntp_reload, ntp_release}
 svcent *create_ntp_svcent(service_info *slot, const char *name)
 {
     log_trace(LOG_HERE, "create ntp svcent");
-    auto *entry = new_svcent<ntp_svcent>(&operations, slot, name);
-    if (!entry) {
-        log_failed(LOG_HERE);
+    auto *entry = new_svcent<ntp_svcent>(LOG_HERE, &operations, slot, name);
+    if (!entry)
         return nullptr;
-    }
     entry->interval = usual_interval_s;
     entry->sock = -1;
     entry->resolver.sock = -1;

@@ -368,11 +368,9 @@ svcent *create_process_svcent(service_info *slot, const char *name, const char *
         return nullptr;
     }
     log_trace(LOG_HERE, "process service path: %s", path);
-    auto *entry = new_svcent<proc_svcent>(&operations, slot, name);
-    if (!entry) {
-        log_failed(LOG_HERE);
+    auto *entry = new_svcent<proc_svcent>(LOG_HERE, &operations, slot, name);
+    if (!entry)
         return nullptr;
-    }
     entry->oneshot = oneshot ? 1 : 0;
     copy_text(entry->path, path);
     entry->node = {&entry->node, &entry->node, entry};

@@ -77,8 +77,5 @@ constexpr svcent_ops operations = {reboot_start, cannot_be_undone, cannot_be_und
 svcent *create_reboot_svcent(service_info *slot, const char *name)
 {
     log_trace(LOG_HERE, "create reboot svcent");
-    auto *entry = new_svcent<reboot_svcent>(&operations, slot, name);
-    if (!entry)
-        log_failed(LOG_HERE);
-    return entry;
+    return new_svcent<reboot_svcent>(LOG_HERE, &operations, slot, name);
 }

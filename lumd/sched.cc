@@ -201,8 +201,5 @@ constexpr svcent_ops operations = {sched_start, sched_stop, sched_reload, sched_
 svcent *create_sched_svcent(service_info *slot, const char *name)
 {
     log_trace(LOG_HERE, "create sched svcent");
-    auto *entry = new_svcent<sched_svcent>(&operations, slot, name);
-    if (!entry)
-        log_failed(LOG_HERE);
-    return entry;
+    return new_svcent<sched_svcent>(LOG_HERE, &operations, slot, name);
 }

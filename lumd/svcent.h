@@ -5,6 +5,7 @@
 // entry is made at its slot's first start and kept over stops and restarts; only release ends it.
 #pragma once
 
+#include "app/log.h"
 #include "app/memory.h"
 #include "app/timer.h"
 #include "lumd/svcfg.h"
@@ -42,13 +43,16 @@ struct service_info {
         awaited; // dependencies that were started for this slot and have not reported yet, one bit a slot
 };
 
-// A kind's new record with its head filled, zero otherwise; null when memory is out. free_svcent ends it.
+// A kind's new record with its head filled, zero otherwise. When memory is out: null, and the failure is on
+// the log as that of the caller (LOG_HERE). free_svcent ends it.
 template <typename Entry>
-Entry *new_svcent(const svcent_ops *ops, service_info *slot, const char *name)
+Entry *new_svcent(int level, const char *func, const char *file, int line, const svcent_ops *ops,
+                  service_info *slot, const char *name)
 {
     auto *entry = new_record<Entry>();
     char *copy = entry ? new_text(name) : nullptr;
     if (!copy) {
+        log_failed(level, func, file, line);
         free(entry);
         return nullptr;
     }

@@ -149,11 +149,9 @@ constexpr svcent_ops operations = {watchdog_start, watchdog_stop, watchdog_reloa
 svcent *create_watchdog_svcent(service_info *slot, const char *name)
 {
     log_trace(LOG_HERE, "create watchdog svcent");
-    auto *entry = new_svcent<watchdog_svcent>(&operations, slot, name);
-    if (!entry) {
-        log_failed(LOG_HERE);
+    auto *entry = new_svcent<watchdog_svcent>(LOG_HERE, &operations, slot, name);
+    if (!entry)
         return nullptr;
-    }
     entry->gpio_fd = -1;
     entry->wd_fd = -1;
     return entry;

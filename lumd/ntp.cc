@@ -54,6 +54,7 @@ struct ntp_svcent : svcent {
     timer *retry_timer;
     std::array<uint8_t, packet_size> reply;
     int sync;
+    bool told; // NTP_SYNC has been set, since the last reply if there was one
 };
 
 ntp_svcent *as_ntp(void *entry)
@@ -88,8 +89,8 @@ void arm_retry(ntp_svcent *entry, uint32_t period_ms)
 void ntp_schedule(ntp_svcent *entry)
 {
     const int interval = std::clamp(entry->interval, 1, longest_interval_s);
-    const int seconds =
-        entry->sync == NTP_SYNCHRONISED ? interval : std::min(interval, unsynchronised_interval_s);
+    const bool is_done = entry->sync == NTP_SYNCHRONISED && entry->told;
+    const int seconds = is_done ? interval : std::min(interval, unsynchronised_interval_s);
     entry->tries = -1;
     arm_retry(entry, static_cast<uint32_t>(seconds) * 1000);
 }
@@ -126,8 +127,10 @@ void ntp_retry(void *ctx)
     ntp_svcent *entry = as_ntp(ctx);
     if (entry->probe_count != 0 && entry->tries >= entry->probe_count) {
         log_trace(LOG_HERE, "get ntp failed");
-        if (entry->sync == NTP_NEVER && publish())
+        if (entry->sync == NTP_NEVER)
             entry->sync = NTP_FAILED;
+        if (!entry->told)
+            entry->told = publish();
         ntp_schedule(entry);
         return;
     }
@@ -190,10 +193,8 @@ void take_time(ntp_svcent *entry)
     if (entry->retry_timer)
         timer_stop(entry->retry_timer);
     entry->sync = NTP_SYNCHRONISED;
-    const bool told = publish();
+    entry->told = publish();
     ntp_schedule(entry);
-    if (!told) // the next success tells, and is not to be hours away
-        arm_retry(entry, unsynchronised_interval_s * 1000);
 }
 
 // False when there is nothing more to look at.
@@ -253,8 +254,10 @@ bool parse_options(ntp_svcent *entry, int argc, char *const *argv)
 {
     // getopt puts the words into another order.
     std::array<char *, words_max + 1> words = {};
-    const int count = std::min(argc, static_cast<int>(words_max));
-    std::copy_n(argv, count, words.begin());
+    int count = 0;
+    // A last word that lacks its closing quote is counted, but not there.
+    for (; count < std::min(argc, static_cast<int>(words_max)) && argv[count]; ++count)
+        words[static_cast<size_t>(count)] = argv[count];
     optind = 0;
     for (int option; (option = getopt(count, words.data(), "c:h:i:p:")) != -1;) {
         switch (option) {

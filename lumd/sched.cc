@@ -7,6 +7,7 @@
 #include <charconv>
 #include <ctime>
 #include <optional>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace {
@@ -60,7 +61,11 @@ std::optional<time_of_day> parse_time(std::string_view text)
 // Seconds until the local time is next what at says; none when the clock is beyond what can be converted.
 std::optional<int> calc_timeout(time_of_day at)
 {
-    const time_t now = time(nullptr);
+    // Not time(), which tells the last second for some milliseconds more: a job that is started at its own
+    // second is due tomorrow.
+    timeval clock;
+    gettimeofday(&clock, nullptr);
+    const time_t now = clock.tv_sec;
     tm local;
     if (!localtime_r(&now, &local))
         return {};
@@ -151,7 +156,7 @@ int sched_start(svcent *base, int argc, char *const *argv, const svcfg *)
 {
     sched_svcent *entry = as_sched(base);
     drop_schedule(entry);
-    if (argc < 3) {
+    if (argc < 3 || !argv[2]) {
         log_trace(LOG_HERE, "missing argument\n");
         return -1;
     }

@@ -16,7 +16,8 @@ enum svcent_state { SVCENT_CREATED = 0, SVCENT_STARTED = 1, SVCENT_STOPPED = 2 }
 enum svcent_event { SVCENT_EV_STARTED = 1, SVCENT_EV_STOPPED = 2 };
 
 // Only start's result counts: negative is a failure that the manager logs. argv is ended by null and never
-// null itself. release withdraws all that could still reach the entry and frees it.
+// null itself; a last word that lacks its closing quote is counted in argc, and null. release withdraws all
+// that could still reach the entry and frees it.
 struct svcent_ops {
     int (*start)(svcent *entry, int argc, char *const *argv, const svcfg *m_cfg);
     int (*stop)(svcent *entry, char *const *argv);

@@ -213,6 +213,7 @@ again => service j;exec sched 60 /etc/j => start j > 60/60 / wait 30000 / start 
 reload before start => service j;exec sched 60 /etc/j;depends A=2;syscfg B => start j / set B=1 / wait 9999 > restart j
 no such variable => service j;exec sched @(NONE /etc/j => start j / log cannot get syscfg: NONE / wait 99999
 no program => service j;exec sched 60 => start j / log sched_start(): sched: / log missing argument / wait 99999
+no closing quote => service j;exec sched 60 "x => start j / log missing argument / wait 99999
 none that runs => service j;exec sched 60 /etc/none => start j / log not executable /etc/none / wait 99999)");
     EXPECT_EQ(split(read_file("/ran"), "\n").size(), 13u); // jobs that ran
     for (const std::string &spec : split("0 abc -5 60s 4294968 1:2 1:2: :1:2 256:0:0 1:2:-3", " "))

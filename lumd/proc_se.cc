@@ -157,7 +157,7 @@ void handle_end(proc_svcent *entry)
     }
     withdraw_notice(entry);
     const bool start_wanted = std::exchange(entry->start_wanted, 0) != 0;
-    if (entry->oneshot)
+    if (entry->oneshot && (result == 0 || !start_wanted))
         handle_oneshot_end(entry, result);
     else if (entry->state != SVCENT_STOPPED || start_wanted)
         report(entry, SVCENT_STOPPED, SVCENT_EV_STOPPED);

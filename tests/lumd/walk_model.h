@@ -237,7 +237,8 @@ struct model {
     void end(int s)
     {
         slot &me = slots[s];
-        const bool one_shot = plans[s].kind == ONE_SHOT, up = one_shot && me.state != SVCENT_STARTED;
+        const bool one_shot = plans[s].kind == ONE_SHOT && !(me.wanted && me.how != 0);
+        const bool up = one_shot && me.state != SVCENT_STARTED;
         const bool told = one_shot ? me.how == 0 : me.state != SVCENT_STOPPED || me.wanted;
         me.child = 0;
         me.ended = me.wanted = false;

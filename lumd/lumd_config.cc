@@ -157,8 +157,13 @@ int lumd_parse_conf(lumd *manager, const char *path, int last_index)
     log_trace(LOG_HERE, "%s", path);
     conf_reader reader = {manager, path, 0, last_index, nullptr};
     char line[line_size];
-    while (fgets(line, sizeof line, file.get())) {
-        ++reader.line_number;
+    for (bool is_whole = true; fgets(line, sizeof line, file.get());) {
+        if (is_whole)
+            ++reader.line_number;
+        else if (*line != '\n')
+            log_trace(LOG_HERE, "%s: %d: longer than %d characters, the rest is a line of its own", path,
+                      reader.line_number, static_cast<int>(sizeof line) - 1);
+        is_whole = strlen(line) < sizeof line - 1 || line[sizeof line - 2] == '\n';
         if (parse_line(reader, prepare_line(line)) < 0) {
             log_failed(LOG_HERE);
             return -1;

@@ -83,7 +83,9 @@ service a;exec p q;exec s;depends A=1 b c;depends d;syscfg A B;syscfg C => a exe
         expect(text, services, logged);
     const std::string n31(31, 'n'), c63(63, 'c'), a504(504, 'A');
     expect("service a;exec^p^q  ^ r^", "a exec2(p\tq|r)", "");
-    expect("service a;syscfg " + a504 + "B -c", "a watch(" + a504 + ") B(c)", ""); // two lines of 511 bytes
+    expect("service a;syscfg " + a504, "a watch(" + a504 + ")", ""); // 511 characters
+    expect("service a;syscfg " + a504 + "B -c", "a watch(" + a504 + ") B(c)",
+           "svc.conf: 2: longer than 511 characters");
     expect("service " + n31 + "x", n31, "service name cut: nnnn");
     expect("service a;" + c63 + "x -p", "a " + c63 + "(p)", "service a: command name cut: cccc");
     expect("service a;exec 0" + many(81, " #") + ";stop -p", "a exec81(0" + many(80, "|#") + ") stop(p)",

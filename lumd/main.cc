@@ -27,9 +27,11 @@ void announce(std::string_view text)
 void hold_standard_descriptors()
 {
     int fd;
-    do
+    do {
         fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO);
+        if (fd < 0)
+            fd = open("/", O_RDONLY);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0)
         close(fd);
     signal(SIGPIPE, SIG_IGN);

@@ -36,11 +36,6 @@ constexpr size_t packet_max = 1500;
 
 using bytes = std::span<const uint8_t>;
 
-const sockaddr *generic(const sockaddr_in &addr)
-{
-    return reinterpret_cast<const sockaddr *>(&addr);
-}
-
 sockaddr_in ipv4_address(in_addr address, uint16_t port)
 {
     sockaddr_in result = {};
@@ -233,8 +228,8 @@ int try_for_answer(int fd, int tries_left, timeval *budget, const char *func, Te
     stopwatch watch;
     timeval share = *budget;
     tv_div(&share, tries_left);
-    const timeval none = {};
-    tv_sub(&share, &none); // a budget below zero is one of zero
+    if (share.tv_sec < 0)
+        timerclear(&share);
     const int result = receive_answer(fd, share, func, is_answer);
     const timeval spent = watch.lap();
     tv_sub(budget, &spent);

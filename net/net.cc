@@ -76,10 +76,6 @@ const sockaddr *generic(const sockaddr_un &addr)
 {
     return reinterpret_cast<const sockaddr *>(&addr);
 }
-const sockaddr *generic(const sockaddr_in &addr)
-{
-    return reinterpret_cast<const sockaddr *>(&addr);
-}
 
 bool reuse_address(int fd)
 {
@@ -105,7 +101,8 @@ bool join_group(int fd, const sockaddr_in &group)
            setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
 
-// The number goes into the address as it is drawn: any unprivileged port will do, in either byte order.
+// The number goes into the address as it is drawn, so that on most boards it is another one on the wire: none
+// there that belongs to a service, or to root.
 bool bind_random_port(int fd, sockaddr_in *addr, socklen_t addrlen)
 {
     seed_random();
@@ -114,6 +111,8 @@ bool bind_random_port(int fd, sockaddr_in *addr, socklen_t addrlen)
         if (port < lowest_random_port)
             port += lowest_random_port;
         addr->sin_port = static_cast<in_port_t>(port);
+        if (ntohs(addr->sin_port) < IPPORT_RESERVED)
+            continue;
         if (bind(fd, generic(*addr), addrlen) == 0)
             return true;
         if (errno != EINVAL)
@@ -149,8 +148,10 @@ int unix_datagram_listen(int fd, const char *path)
 {
     subject sock = unix_subject(fd, SOCK_DGRAM);
     const unix_address address = unix_path_address(path, sizeof(sockaddr_un::sun_path));
+    char place[sizeof(sockaddr_un::sun_path) + 1]; // which the path may fill without a terminator
+    copy_text(place, path);
     if (sock)
-        unlink(path);
+        unlink(place);
     if (!sock || bind(sock.fd(), generic(address.addr), address.len) < 0) {
         log_syserror(LOG_HERE);
         return -1;

@@ -27,11 +27,6 @@ constexpr std::string_view nameserver = "nameserver";
 std::array<sockaddr_in, servers_max> servers;
 size_t server_count;
 
-const sockaddr *generic(const sockaddr_in &addr)
-{
-    return reinterpret_cast<const sockaddr *>(&addr);
-}
-
 void add_server(std::string_view line)
 {
     if (!line.starts_with(nameserver) || server_count == servers_max)

@@ -4,6 +4,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+// As the calls of the system take it.
+inline const sockaddr *generic(const sockaddr_in &addr)
+{
+    return reinterpret_cast<const sockaddr *>(&addr);
+}
+
 // 110 for AF_UNIX, otherwise 16.
 socklen_t sockaddr_len(const sockaddr *addr);
 

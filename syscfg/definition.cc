@@ -6,7 +6,6 @@
 #include "app/text.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>

@@ -10,8 +10,9 @@
 namespace {
 
 constexpr char log_module[] = "syscfg";
-constexpr long retry_ns = 2000000;
-constexpr int most_idle_retries = 1000;
+constexpr long quick_retry_ns = 2000000;
+constexpr long slow_retry_ns = 200000000; // for readers who have taken nothing for 2 s
+constexpr int most_quick_retries = 1000;
 constexpr int most_lists = 16;
 constexpr size_t line_size = 1024 + 1;
 
@@ -48,11 +49,16 @@ bool advance(listing &list)
 
 void retry_callback(void *, int, int fd, app_fd_handler *);
 
+bool retry_every(int fd, long period_ns)
+{
+    const itimerspec period = {{0, period_ns}, {0, period_ns}};
+    return timerfd_settime(fd, 0, &period, nullptr) == 0;
+}
+
 bool start_retries()
 {
     unique_fd fd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    const itimerspec period = {{0, retry_ns}, {0, retry_ns}};
-    if (!fd || timerfd_settime(fd.get(), 0, &period, nullptr) < 0 ||
+    if (!fd || !retry_every(fd.get(), quick_retry_ns) ||
         app_add_fd(fd.get(), POLLIN, nullptr, retry_callback) < 0)
         return false;
     retry_fd = fd.release();
@@ -86,21 +92,26 @@ void retry_callback(void *, int, int fd, app_fd_handler *)
     uint64_t expirations;
     if (read(fd, &expirations, sizeof expirations) < 0)
         return;
+    bool hurry = false;
     for (listing **at = &lists; *at;) {
-        if (advance(**at))
+        if (advance(**at)) {
             remove_list(at);
-        else if (++(*at)->idle_retries > most_idle_retries)
-            give_up(at, "its reader takes nothing");
-        else
-            at = &(*at)->next;
+            continue;
+        }
+        int &idle = (*at)->idle_retries;
+        idle = std::min(idle + 1, most_quick_retries);
+        hurry = hurry || idle < most_quick_retries;
+        at = &(*at)->next;
     }
+    if (lists)
+        retry_every(fd, hurry ? quick_retry_ns : slow_retry_ns);
 }
 
 // Keeps what is left of a list. False when something for it cannot be had.
 bool keep_list(const listing &list)
 {
     auto *kept = new_record<listing>();
-    if (!kept || (!lists && !start_retries())) {
+    if (!kept || !(lists ? retry_every(retry_fd, quick_retry_ns) : start_retries())) {
         free(kept);
         return false;
     }

@@ -1,9 +1,8 @@
 // The answer to "%list": one datagram a variable, then "!OK".
 //
 // It is sent as fast as the requester takes it, in pieces once its queue is full, so that a slow reader gets
-// every line and none holds the daemon. A list is given up, with a log line, when nothing of it was taken for
-// 2,000 ms, when its requester asks for something else, when 16 younger ones are under way, or when memory is
-// out.
+// every line, however long it stands still, and none holds the daemon. A list is given up, with a log line,
+// when its requester asks for something else, when 16 younger ones are under way, or when memory is out.
 #pragma once
 
 #include "syscfg/reply.h"

@@ -16,5 +16,6 @@ bool same_requester(const requester &a, const requester &b);
 bool try_reply(int server_fd, const requester &to, std::string_view text);
 
 // Sends, and waits for room in the requester's queue: 200 ms in all, which only time without waiting gives
-// back, eight times as slowly. However many requesters do not read, the others get most of the daemon.
+// back, eight times as slowly. However many requesters do not read, the others get most of the daemon, until
+// the unread answers fill the server's buffer, of some 8 MiB.
 void reply(int server_fd, const requester &to, std::string_view text);

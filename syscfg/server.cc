@@ -75,6 +75,26 @@ void release_waiters(const syscfg *db, syscfg_var *var)
     }
 }
 
+bool has_gone(int probe, const requester &who)
+{
+    return connect(probe, reinterpret_cast<const sockaddr *>(&who.addr), who.len) < 0 &&
+           (errno == ECONNREFUSED || errno == ENOENT);
+}
+
+// Who gives up waiting does not say so, and must not push out those who still wait.
+void drop_gone_waiters(const syscfg *db)
+{
+    const unique_fd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    for (syscfg_var *var = probe ? db->vars : nullptr; var; var = var->next) {
+        for (syscfg_waiter **at = &var->waiters; *at;) {
+            if (has_gone(probe.get(), (*at)->from))
+                unlink_waiter(at);
+            else
+                at = &(*at)->next_waiter;
+        }
+    }
+}
+
 // The oldest waiter of a variable is the last of its list.
 syscfg_waiter **last_waiter(syscfg_var *var)
 {
@@ -109,6 +129,8 @@ void drop_oldest_waiter(const syscfg *db)
 void keep_waiter(const syscfg *db, syscfg_var *var, syscfg_waiter *waiter, const requester &from)
 {
     if (waiter_count == most_waiters)
+        drop_gone_waiters(db);
+    if (waiter_count == most_waiters)
         drop_oldest_waiter(db);
     waiter->from = from;
     waiter->serial = next_serial++;
@@ -117,7 +139,7 @@ void keep_waiter(const syscfg *db, syscfg_var *var, syscfg_waiter *waiter, const
     ++waiter_count;
 }
 
-std::string_view wait_syscfg(const syscfg *db, std::string_view text, const requester &from)
+std::string_view wait_syscfg(syscfg *db, std::string_view text, const requester &from)
 {
     assignment wanted;
     if (!parse(text, wanted)) {
@@ -156,7 +178,7 @@ std::string_view take_name(std::string_view &list)
     return name;
 }
 
-std::string_view apply_names(const syscfg *db, std::string_view list)
+std::string_view apply_names(syscfg *db, std::string_view list, const requester &)
 {
     const char *names[most_applied_names + 1];
     int count = 0;
@@ -177,20 +199,10 @@ std::string_view do_list(syscfg *db, std::string_view, const requester &from)
     return no_reply;
 }
 
-std::string_view do_wait(syscfg *db, std::string_view rest, const requester &from)
-{
-    return wait_syscfg(db, rest, from);
-}
-
 std::string_view do_apply(syscfg *db, std::string_view, const requester &)
 {
     apply_syscfg(db);
     return ok;
-}
-
-std::string_view do_apply_names(syscfg *db, std::string_view rest, const requester &)
-{
-    return apply_names(db, rest);
 }
 
 std::string_view do_save(syscfg *db, std::string_view, const requester &)
@@ -213,8 +225,8 @@ constexpr struct {
     bool takes_rest; // the word is a prefix, and the rest goes to the command
     std::string_view (*run)(syscfg *db, std::string_view rest, const requester &from);
 } commands[] = {
-    {"list", false, do_list},         {"wait", true, do_wait},  {"apply", false, do_apply},
-    {"apply:", true, do_apply_names}, {"save", false, do_save}, {"reload", false, do_reload},
+    {"list", false, do_list},      {"wait", true, wait_syscfg}, {"apply", false, do_apply},
+    {"apply:", true, apply_names}, {"save", false, do_save},    {"reload", false, do_reload},
     {"reset", false, do_reset},
 };
 

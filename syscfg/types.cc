@@ -5,7 +5,6 @@
 #include "app/text.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +33,13 @@ int clear_value(syscfg_var *var)
         mark_changed(var);
     }
     return 0;
+}
+
+int mark_if_stored(syscfg_var *var, int stored)
+{
+    if (stored == 0)
+        mark_changed(var);
+    return stored;
 }
 
 // Stores text in the field of that size, which every value of the type has. 0 or -12.
@@ -108,9 +114,7 @@ int set_string(const syscfg *, syscfg_var *var, const char *text)
     }
     const int stored =
         var->size != 0 ? store_in_field(var, string_field(var), value) : store_exactly(var, value);
-    if (stored == 0)
-        mark_changed(var);
-    return stored;
+    return mark_if_stored(var, stored);
 }
 
 // The binary form that newer C libraries read is none of ours: flash must mean the same after an update.
@@ -141,13 +145,13 @@ int set_integer(const syscfg *, syscfg_var *var, const char *text)
     if (var->value) {
         long old = 0;
         parse_integer(var->value, old);
-        changed = old != number;
+        // Whatever is beyond a long reads as its limit, on the board from 0x80000000 on.
+        const bool is_limit = number == LONG_MAX || number == LONG_MIN;
+        changed = old != number || (is_limit && strcmp(var->value, text) != 0);
         log_trace(LOG_HERE, "old=%ld l=%ld", old, number);
     }
     const int stored = store_in_field(var, integer_field, text);
-    if (stored == 0 && changed)
-        mark_changed(var);
-    return stored;
+    return changed ? mark_if_stored(var, stored) : stored;
 }
 
 // '0' or '1', or 0 when text means neither.
@@ -167,10 +171,7 @@ int set_bool(const syscfg *, syscfg_var *var, const char *text)
         return value_refused;
     if (var->value && *var->value == value)
         return 0;
-    const int stored = store_in_field(var, bool_field, {&value, 1});
-    if (stored == 0)
-        mark_changed(var);
-    return stored;
+    return mark_if_stored(var, store_in_field(var, bool_field, {&value, 1}));
 }
 
 char *find_choice(const syscfg_var *var, const char *text)
@@ -213,10 +214,7 @@ int set_ip(const syscfg *, syscfg_var *var, const char *text)
     char dotted[ip_field];
     if (!inet_ntop(AF_INET, &address, dotted, sizeof dotted))
         return value_refused;
-    const int stored = store_in_field(var, ip_field, dotted);
-    if (stored == 0)
-        mark_changed(var);
-    return stored;
+    return mark_if_stored(var, store_in_field(var, ip_field, dotted));
 }
 
 constexpr char upper_digit(char c)
@@ -257,10 +255,7 @@ int set_mac(const syscfg *, syscfg_var *var, const char *text)
         return value_refused;
     if (var->value && strcmp(var->value, mac) == 0)
         return 0;
-    const int stored = store_in_field(var, mac_field, mac);
-    if (stored == 0)
-        mark_changed(var);
-    return stored;
+    return mark_if_stored(var, store_in_field(var, mac_field, mac));
 }
 
 int set_sn(const syscfg *, syscfg_var *var, const char *text)
@@ -269,10 +264,8 @@ int set_sn(const syscfg *, syscfg_var *var, const char *text)
     if (!stripped)
         return value_no_memory;
     char *end = std::remove_if(stripped.get(), stripped.get() + strlen(stripped.get()), is_space);
-    const int stored = store_exactly(var, {stripped.get(), static_cast<size_t>(end - stripped.get())});
-    if (stored == 0)
-        mark_changed(var);
-    return stored;
+    return mark_if_stored(var,
+                          store_exactly(var, {stripped.get(), static_cast<size_t>(end - stripped.get())}));
 }
 
 const char *get_string(const syscfg_var *var, const char *option, std::span<char> buffer)

@@ -318,17 +318,23 @@ void set(words assignments)
         const std::string_view answer = send_assignment("", wanted);
         if (answer == "!OK")
             continue;
-        // All lines of a list can be given back, though not every variable can be set.
+        // All lines of a list can be given back, though not every variable can be set, nor to nothing.
         const bool is_read_only = answer == "!ERR ACCESS";
-        if (!is_read_only)
+        if (!is_read_only && answer != "!ERR INVAL")
             leave_refused(wanted.name, answer);
         if (value_of(wanted.name) != wanted.value)
-            leave_refused(wanted.name, "!ERR ACCESS");
+            leave_refused(wanted.name, is_read_only ? "!ERR ACCESS" : "!ERR INVAL");
     }
     if (wants_save)
         command("save");
     else if (wants_apply)
         command("apply");
+}
+
+// False when the value has a line end in it: what follows would be taken for another variable's line.
+bool print_line(const variable &var)
+{
+    return !strchr(var.value, '\n') && printf("%s=%s\n", var.name, var.value) > 0;
 }
 
 void list(words patterns)
@@ -338,10 +344,8 @@ void list(words patterns)
         return print_json(all);
     const char *left_out = nullptr;
     for (const variable &var : all) {
-        if (strchr(var.value, '\n'))
+        if (!print_line(var))
             left_out = var.name;
-        else
-            printf("%s=%s\n", var.name, var.value);
     }
     if (left_out)
         leave(code_no, "%s is left out: its value has more than one line (see --json)", left_out);
@@ -413,7 +417,8 @@ void reset(words)
                 continue;
             free(var.value);
             var.value = copy(value);
-            printf("%s=%s\n", var.name, var.value);
+            if (!print_line(var))
+                fprintf(stderr, "syscfg: %s: a value with a line end\n", var.name);
         }
         if (fflush(stdout) != 0)
             leave_done();

@@ -75,10 +75,7 @@ struct ntp : lumd_test {
         EXPECT_EQ(bind(database, reinterpret_cast<const sockaddr *>(&path), sizeof path), 0);
         board_power_on();
     }
-    ~ntp() override
-    {
-        EXPECT_EQ(close(server) + close(database) + fcntl(STDIN_FILENO, F_GETFD), 0);
-    }
+    ~ntp() override { EXPECT_EQ(close(server) + close(database) + fcntl(STDIN_FILENO, F_GETFD), 0); }
     void note(const std::string &what) { all += ", " + std::to_string((seen - began) / 1000) + " " + what; }
     bool look() // at what came of the last pass
     {
@@ -179,7 +176,7 @@ TEST_F(ntp, nothing_is_left_over)
         end_services();
         timer_free(std::exchange(app_scheduler.timer, nullptr)); // it outlives its calls
     };
-    step("start p"), step("start n"); // the pipe of the process
+    lumd_test::step("start p"), lumd_test::step("start n"); // the pipe of the process
     EXPECT_TRUE(log.has("cannot open resolv.conf"));
     play_and_end();
     EXPECT_GE(support::for_each_failure(support::ALL_CALLS & ~support::RECV, play_and_end), 100);

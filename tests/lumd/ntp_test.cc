@@ -176,7 +176,7 @@ TEST_F(ntp, nothing_is_left_over)
         end_services();
         timer_free(std::exchange(app_scheduler.timer, nullptr)); // it outlives its calls
     };
-    lumd_test::step("start p"), lumd_test::step("start n"); // the pipe of the process
+    lumd_start_service(manager, "p"), lumd_start_service(manager, "n"); // the pipe of the process
     EXPECT_TRUE(log.has("cannot open resolv.conf"));
     play_and_end();
     EXPECT_GE(support::for_each_failure(support::ALL_CALLS & ~support::RECV, play_and_end), 100);

@@ -6,7 +6,6 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 static int failures;
@@ -30,18 +29,6 @@ static int count_title(void *context, const char *name, const char *value)
     return is(name, "HOSTNAME");
 }
 
-/* Another process waits and this one sets, at the same time. */
-static void two_processes(void)
-{
-    int status = -1;
-    const pid_t other = fork();
-    if (other == 0)
-        _exit(syscfg_wait("NOTE", "later") == 0 && is(syscfg_get("NOTE"), "later") ? 0 : 1);
-    EXPECT(syscfg_set("NOTE", "soon") == 0);
-    EXPECT(syscfg_set("NOTE", "later") == 0);
-    EXPECT(waitpid(other, &status, 0) == other && status == 0);
-}
-
 int main(void)
 {
     char text[SYSCFG_ERROR_SIZE] = "-";
@@ -63,7 +50,6 @@ int main(void)
     EXPECT(syscfg_wait("LANGUAGE", "english") == 0 && syscfg_wait("LANGUAGE", "xx") == -1);
     EXPECT(syscfg_set_flags("NOTE", "now", 0) == 0 && syscfg_set_flags("HOSTNAME", "No Name", 0) == -1);
     EXPECT(syscfg_set_flags("NOTE", "then", SYSCFG_NOREPLY) == 0 && is(syscfg_get("NOTE"), "then"));
-    two_processes();
     EXPECT(syscfg_apply() == 0 && syscfg_save() == 0 && syscfg_set("WEB_TITLE", "c") == 0);
     EXPECT(syscfg_reload() == 0 && is(syscfg_get("WEB_TITLE"), "a b"));
     EXPECT(syscfg_reset() == 0 && is(syscfg_get("WEB_TITLE"), "Norvik gateway"));

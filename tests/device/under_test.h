@@ -32,10 +32,10 @@ inline std::string read_file(const std::string &path)
     return text.str();
 }
 
-inline double count(const std::string &text, const std::string &path)
+inline int count(const std::string &text, const std::string &path)
 {
     const std::string all = read_file(path);
-    double found = 0;
+    int found = 0;
     for (size_t at = 0; (at = all.find(text, at)) != all.npos; ++at)
         ++found;
     return found;

@@ -72,29 +72,20 @@ TEST_F(control, requests)
     ASSERT_EQ(open_control_fifo(manager), 0);
     const std::string cut =
         "start b" + std::string(244, ' ') + "\nstart ped\n"; // a read ends in its second line
-    const std::string rows[] = {"start b a\n",
-                                "start b, start a",
-                                "  \tstop   a\n",
-                                "stop a, release a",
-                                "startped\n",
-                                "start ped",
-                                "stopped\n",
-                                "stop ped, release ped",
-                                "start a\nstop b",
-                                "start a, stop b, release b",
-                                "start nobody b\n\n\r\nstop\nstart \n",
-                                "start b",
-                                "restart a\nSTOP a\nstar a\nstart two words\n",
-                                "",
-                                "start\tb\r\nstop a\vb\r\n",
-                                "stop a, release a, stop b, release b",
-                                {"start a\0start b\n", 16},
-                                "start a",
-                                cut,
-                                "start b"};
-    for (const std::string *row = rows; row != std::end(rows); row += 2) {
-        write_fifo(row[0]);
-        EXPECT_EQ(trace(), row[1]) << row[0];
+    const std::pair<std::string, std::string> rows[] = {
+        {"start b a\n", "start b, start a"},
+        {"  \tstop   a\n", "stop a, release a"},
+        {"startped\n", "start ped"},
+        {"stopped\n", "stop ped, release ped"},
+        {"start a\nstop b", "start a, stop b, release b"},
+        {"start nobody b\n\n\r\nstop\nstart \n", "start b"},
+        {"restart a\nSTOP a\nstar a\nstart two words\n", ""},
+        {"start\tb\r\nstop a\vb\r\n", "stop a, release a, stop b, release b"},
+        {{"start a\0start b\n", 16}, "start a"},
+        {cut, "start b"}};
+    for (const auto &[request, done] : rows) {
+        write_fifo(request);
+        EXPECT_EQ(trace(), done) << request;
         EXPECT_EQ(log.text().find("  lumd_recvCallback(): lumd: "), 0u);
         app_poll_once();
         EXPECT_EQ(trace(), "");

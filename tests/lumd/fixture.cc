@@ -254,7 +254,7 @@ void lumd_test::play(const std::string &script)
         SCOPED_TRACE(text);
         const auto parts = split(text, " > ");
         step(parts[0]);
-        EXPECT_EQ(trace(), parts.size() > 1 ? parts[1] : "");
+        EXPECT_EQ(events(), parts.size() > 1 ? parts[1] : "");
     }
 }
 

@@ -26,11 +26,12 @@ struct lumd_test : support::test {
     // manager; the last index. load also makes it as lumd_init leaves it, but without control FIFO and with
     // the test's variables.
     int parse(std::string conf);
-    void load(const std::string &conf);
+    virtual void load(const std::string &conf);
 
-    // Plays steps such as "start a > start b, start a / up b": each with what it adds to the trace.
+    // Plays steps such as "start a > start b, start a / up b": each with the events that it brings about.
     void play(const std::string &script);
-    void step(const std::string &text);
+    virtual void step(const std::string &text);
+    virtual std::string events() { return trace(); } // since the last call
     // The same for each line "what it shows => services => steps".
     void play_all(std::string_view scripts);
 
@@ -38,7 +39,7 @@ struct lumd_test : support::test {
     proc_svcent *process(std::string_view name) const; // null for a fake and without an entry
     void apply(std::string_view assignments) const;    // "A=1 B=2"
     void end_services();                               // without trace; expects that nothing of them is left
-    static std::string trace();                        // the operations since the last call
+    static std::string trace();                        // the operations of fakes since the last call
 
     lumd *manager = nullptr;
     support::captured_log log;

@@ -37,6 +37,12 @@ struct kinds : lumd_test {
         board_add_interface("eth1");
         seen.clear();
     }
+    void load(const std::string &conf) override
+    {
+        lumd_test::load(conf);
+        new_board();
+        began = support::now_us;
+    }
     static void write_script(const std::string &path, const std::string &text)
     {
         write_file(path, "#!/bin/sh\n" + text + "\n");
@@ -50,7 +56,7 @@ struct kinds : lumd_test {
 
     // What was done since the last call: by the kinds, in the words of their log; on the board, behind the
     // milliseconds since the services were loaded; by the fakes.
-    std::string events()
+    std::string events() override
     {
         static const std::regex told(
             R"(script: /etc/init\.d/(\S+)|link (up|down)!|(restart) service:( \w+)|(fail=\d+))"
@@ -74,7 +80,7 @@ struct kinds : lumd_test {
     }
 
     // Steps of the board, the packet counters and the clock, and those of every service.
-    void play_step(const std::string &text)
+    void step(const std::string &text) override
     {
         std::istringstream words(text);
         std::string verb, name, rest;
@@ -97,31 +103,15 @@ struct kinds : lumd_test {
             local.tm_isdst = -1;
             support::now_us = mktime(&local) * 1000000LL;
         } else {
-            step(text);
-        }
-    }
-    void play_kinds(std::string_view rows)
-    {
-        for (const auto &[what, services, script] : table(rows)) {
-            SCOPED_TRACE(what);
-            load(services);
-            new_board();
-            began = support::now_us;
-            for (const std::string &text : split(script, " / ")) {
-                SCOPED_TRACE(text);
-                const auto parts = split(text, " > ");
-                play_step(parts[0]);
-                EXPECT_EQ(events(), parts.size() > 1 ? parts[1] : "");
-            }
-            end_services();
+            lumd_test::step(text);
         }
     }
 };
 
 TEST_F(kinds, netmon_follows_the_link)
 {
-    play_step("packets 5 0");
-    play_kinds(R"(
+    step("packets 5 0");
+    play_all(R"(
 down at the 15th check => service n;exec netmon eth0;service d;depends n => put eth0/link down / start d / wait 29900 / wait 200
   > down, n.stop, n.stop / wait 1800 / wait 200 > restart n / wait 99000 / put eth0/link up / wait 2100 > up, n.start, start d
 at the 5th once it was up => service n;exec netmon eth0;service d;depends n => start d / wait 2100 > up, n.start, start d / up d
@@ -142,7 +132,7 @@ an option alone => service n;exec netmon -n => start n / log netmon_start(): net
 
 TEST_F(kinds, netmon_counts_packets)
 {
-    play_kinds(R"(
+    play_all(R"(
 the sixth restart => service n;exec netmon eth0;service reboot => packets 5 0 / start n / wait 2100 > up, n.start / packets 6 0 / wait 2000
   / packets 6 1 / wait 122000 / wait 200 > fail=1, eth0.restart / wait 130000 / packets 6 2 / wait 122200 > fail=2, eth0.restart / packets 6 3
   / wait 122200 > fail=3, eth0.restart / packets 6 4 / wait 122200 > fail=4, eth0.restart / packets 6 5 / wait 122200 > fail=5, eth0.restart
@@ -168,14 +158,14 @@ link up = 1 / link down = 0 / mii standard = 1 / mii standard; link down = 0 / m
     for (const std::string &row : split(cases.substr(1), " / ")) {
         new_board();
         for (const std::string &setting : split(row.substr(0, row.find(" =")), "; "))
-            play_step("put eth0/" + setting);
+            step("put eth0/" + setting);
         EXPECT_EQ(get_link_status("eth0"), stoi(row.substr(row.find(" = ") + 3))) << row;
     }
 }
 
 TEST_F(kinds, watchdog)
 {
-    play_kinds(R"(
+    play_all(R"(
 fed and blinking => service w;exec watchdog;service v;exec watchdog => start w > 0 open / wait 1600
   > 500 feed, 1000 feed, 1500 feed, 1000 0xa010 1 / halt w > 1600 stop, 1600 close, 1600 close / start v > 1600 open / stop w
 variables => service w;exec watchdog => set WD=0x1f WD_TIMER=50 / start w > 0 open / wait 270 > 50 0x1f 1, 150 0x1f 0, 250 0x1f 1
@@ -191,7 +181,7 @@ reload before start => service w;exec watchdog;depends A=2;syscfg WD_TIMER => st
 
 TEST_F(kinds, sched)
 {
-    play_kinds(R"(
+    play_all(R"(
 60 s => service j;exec sched 60 /etc/j;service d;depends j => start d > 60/60, start d / wait 59900 / wait 200 > j / wait 59800 / wait 200 > j
 daily => service j;exec sched 3:0:0 /etc/j => clock 240110 020000 / start j > 3600/86400 / wait 3600100 > j / wait 86399700 / wait 200 > j
 at the exact second => service j;exec sched 3:0:0 /etc/j => clock 240110 030000 / start j > 86400/86400
@@ -217,7 +207,7 @@ no closing quote => service j;exec sched 60 "x => start j / log missing argument
 none that runs => service j;exec sched 60 /etc/none => start j / log not executable /etc/none / wait 99999)");
     EXPECT_EQ(split(read_file("/ran"), "\n").size(), 13u); // jobs that ran
     for (const std::string &spec : split("0 abc -5 60s 4294968 1:2 1:2: :1:2 256:0:0 1:2:-3", " "))
-        play_kinds("no => service j;exec sched " + spec + " /etc/j => start j / log time spec: " + spec);
+        play_all("no => service j;exec sched " + spec + " /etc/j => start j / log time spec: " + spec);
 }
 
 // Up to the loop that never returns.
@@ -236,13 +226,13 @@ TEST_F(kinds, reboot)
     const std::string begin =
         "=> service watchdog;exec watchdog;service r;exec reboot;syscfg A => start watchdog > 0 open / ";
     support::isolated([&] {
-        play_kinds("script " + begin + R"(wait 100 / start r > reboot / start r > reboot / wait 1990
+        play_all("script " + begin + R"(wait 100 / start r > reboot / start r > reboot / wait 1990
   > Rebooting, 500 feed, 1000 feed, 1100 stop, 1100 close, 1000 0xa010 1, 1100 close / halt r / set A=1 / stop r / wait 990 > Rebooting
   / put go / log FAILED: sig_handler() / wait 1000 > came back)");
     });
     support::isolated([&] {
         support::fail_call(support::VFORK, 1);
-        play_kinds("none " + begin + "start r > reboot / wait 1000 > came back");
+        play_all("none " + begin + "start r > reboot / wait 1000 > came back");
     });
 }
 
@@ -292,7 +282,7 @@ TEST_F(kinds, children_start_clean_and_leave_no_zombie)
             for (const int fd : {40, 700, 1023})
                 dup2(STDERR_FILENO, fd);
             load("service j;exec sched 1 /etc/j;service p;exec -/etc/p");
-            play("start p / ends p / start j / wait 1500");
+            play("start p / ends p / start j > 1/1 / wait 1500 > j");
             EXPECT_GT(run_script("s", "now", 0), 0);
             EXPECT_TRUE(eventually(no_child_left));
         });
@@ -308,8 +298,7 @@ TEST_F(kinds, nothing_is_left_over)
 {
     load("service w;exec watchdog;syscfg V;service n;exec netmon eth0;depends w;syscfg V;service j;"
          "exec sched 1 /etc/j;syscfg V");
-    new_board();
-    play_step("packets 5 1 5 1");
+    step("packets 5 1 5 1");
     const std::string round = "start w/start n/start j/wait 2500/set V=1/wait 2500";
     const auto all = split(round + "/wait 900/halt w/halt n/halt j/stop w/stop n/stop j", "/");
     std::mt19937 random(1);
@@ -318,7 +307,7 @@ TEST_F(kinds, nothing_is_left_over)
         rounds += "/" + all[random() % all.size()];
     const auto play_and_end = [this](const std::string &steps) {
         for (const std::string &text : split(steps, "/"))
-            play_step(text);
+            step(text);
         end_services();
         const bool told = log.has("FAILED") || log.has("SYSERROR") || log.has("cannot ") ||
                           log.has("ioctl ") || log.has("open gpio ");

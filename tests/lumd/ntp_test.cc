@@ -75,12 +75,7 @@ struct ntp : lumd_test {
         EXPECT_EQ(bind(database, reinterpret_cast<const sockaddr *>(&path), sizeof path), 0);
         board_power_on();
     }
-    ~ntp() override
-    {
-        if (manager)
-            step("stop n"); // or it would be taken for a process
-        EXPECT_EQ(close(server) + close(database) + fcntl(STDIN_FILENO, F_GETFD), 0);
-    }
+    ~ntp() override { EXPECT_EQ(close(server) + close(database) + fcntl(STDIN_FILENO, F_GETFD), 0); }
     void note(const std::string &what) { all += ", " + std::to_string((seen - began) / 1000) + " " + what; }
     bool look() // at what came of the last pass
     {
@@ -107,7 +102,17 @@ struct ntp : lumd_test {
         seen = support::now_us;
         return false;
     }
-    void play_step(const std::string &text)
+    void load(const std::string &conf) override
+    {
+        lumd_test::load(conf);
+        began = seen = support::now_us, mode = "found";
+    }
+    std::string events() override
+    {
+        const std::string came = std::exchange(all, "");
+        return came.substr(std::min<size_t>(came.size(), 2));
+    }
+    void step(const std::string &text) override
     {
         std::istringstream words(text);
         std::string verb;
@@ -121,7 +126,7 @@ struct ntp : lumd_test {
         else if (verb == "answer" || verb == "wait" || verb == "count")
             support::run_until([&] { return look(); }, number);
         else
-            step(text);
+            lumd_test::step(text);
         look();
         if (verb == "count") // and the last
             all = ", " + std::to_string(std::count(all.begin(), all.end(), ',')) + all.substr(all.rfind(','));
@@ -130,7 +135,7 @@ struct ntp : lumd_test {
 
 TEST_F(ntp, clock_and_variable)
 {
-    for (const auto &[what, services, script] : table(R"(
+    play_all(R"(
 default, told once => service n;exec ntp => start n > 0 4 ntp.example.com 36000 0 / wait 9000 > 0 ask ntp.example.com, 5000 ask ntp.example.com
   / count 15900 > 3, 20000 ask ntp.example.com / wait 200 > 25000 get ntp failed, 25000 NTP_SYNC=1 / wait 59800
   / count 21000 > 5, 105000 ask ntp.example.com / wait 5000 > 110000 get ntp failed
@@ -162,17 +167,7 @@ again => service n;exec ntp -h time.lan -h @(NONE -c 1 => start n > 0 1 time.lan
   / start n > 6000 1 time.lan 600 0 / wait 4900 > 6000 ask time.lan / wait 200 > 11000 ask time.lan
 late => service n;exec ntp -h 127.0.0.1 => start n > 0 0 127.0.0.1 600 0 / halt n / wait 9999 / start n > 9999 0 127.0.0.1 600 0
   / wait 10 > 9999 ask 127.0.0.1 / halt n / answer 48 1 / halt n / wait 9999 / start n > 20008 0 127.0.0.1 600 0 / stop n / wait 9999
-)")) {
-        load(services), began = seen = support::now_us, mode = "found";
-        for (const std::string &text : split(script, " / ")) {
-            SCOPED_TRACE(what + ": " + text);
-            const auto parts = split(text, " > ");
-            all.clear(), play_step(parts[0]);
-            EXPECT_EQ(all.substr(std::min<size_t>(all.size(), 2)), parts.size() > 1 ? parts[1] : "");
-        }
-        step("stop n");
-        end_services();
-    }
+)");
 }
 
 // Of descriptors, timers and memory, whatever fails.
@@ -182,11 +177,11 @@ TEST_F(ntp, nothing_is_left_over)
     const auto play_and_end = [this] {
         for (const char *text : {"mode unknown", "start n", "wait 16000", "start n", "wait 10", "answer 48 1",
                                  "halt n", "halt n", "start n", "stop n", "start n", "wait 10", "stop n"})
-            play_step(text);
+            step(text);
         end_services();
         timer_free(std::exchange(app_scheduler.timer, nullptr)); // it outlives its calls
     };
-    step("start p"), step("start n"); // the pipe of the process
+    lumd_start_service(manager, "p"), lumd_start_service(manager, "n"); // the pipe of the process
     EXPECT_TRUE(log.has("cannot open resolv.conf"));
     play_and_end();
     EXPECT_GE(support::for_each_failure(support::ALL_CALLS & ~support::RECV, play_and_end), 100);

@@ -18,6 +18,11 @@ void cfgdb_processSyscfgChange(cfgdb *, const char *const *names, int count)
     reported += names[count] ? "!" : ";";
 }
 
+std::string trimmed(std::string_view text)
+{
+    return std::string(trim_end(skip_space(text)));
+}
+
 std::vector<std::vector<std::string>> rows(std::string_view text)
 {
     std::vector<std::vector<std::string>> result;
@@ -28,7 +33,7 @@ std::vector<std::vector<std::string>> rows(std::string_view text)
         result.emplace_back();
         for (bool more = true; more;) {
             more = line.find('|') != line.npos;
-            std::string &column = result.back().emplace_back(trim_end(skip_space(cut_until(line, '|'))));
+            std::string &column = result.back().emplace_back(trimmed(cut_until(line, '|')));
             for (size_t at; (at = column.find("\\n")) != column.npos;)
                 column.replace(at, 2, "\n");
         }

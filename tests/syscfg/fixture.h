@@ -13,6 +13,7 @@ using namespace support;
 // What the service manager was told, "A B;" for one report of two names.
 extern std::string reported;
 
+std::string trimmed(std::string_view text); // of the blanks around it
 // Cases, one a line, their columns between "|", outer blanks dropped; "\n" in a case is a line end.
 std::vector<std::vector<std::string>> rows(std::string_view text);
 

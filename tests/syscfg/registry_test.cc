@@ -1,6 +1,8 @@
 #include "syscfg/registry.h"
 #include "tests/syscfg/fixture.h"
 
+#include <algorithm>
+
 namespace {
 
 std::string read_blob(const std::string &name, int size = 100000)
@@ -34,27 +36,15 @@ TEST_F(syscfg_test, the_first_write_lays_out_the_device)
 
 TEST_F(syscfg_test, only_the_blocks_of_the_header_and_the_blob_are_written)
 {
-    const struct {
-        size_t length;
-        uint32_t first_capacity;
-        std::string blocks;
-    } cases[] = {{0, 512, "0"},
-                 {3328, 512, "0"},
-                 {3329, 512, "0 4096"},
-                 {0, 8000, "0 8192"},
-                 {4033, 8000, "0 8192 12288"}};
-    for (const auto &c : cases) {
-        write_flash(flash5, {{"hwinfo", c.first_capacity, 0}, {"syscfg", 65536, 9}}, 256 << 10);
-        const std::string text(c.length, 'x');
+    record_io = true;
+    for (const auto &[length, first_capacity, blocks] :
+         {std::tuple(0, 512U, 1), {3328, 512U, 1}, {3329, 512U, 2}, {0, 8000U, 2}, {4033, 8000U, 3}}) {
+        write_flash(flash5, {{"hwinfo", first_capacity, 0}, {"syscfg", 65536, 9}}, 256 << 10);
         device_io.clear();
-        record_io = true;
-        EXPECT_EQ(write_blob(text), static_cast<int>(c.length));
-        record_io = false;
-        std::string written;
-        for (size_t i = 1; i < device_io.size(); ++i)
-            written += device_io[i] == "write 4096" ? device_io[i - 1].substr(4) : "";
-        EXPECT_EQ(written, " " + c.blocks);
-        EXPECT_TRUE(read_blob("syscfg") == text) << c.length;
+        const std::string text(static_cast<size_t>(length), 'x');
+        EXPECT_EQ(write_blob(text), length);
+        EXPECT_EQ(std::count(device_io.begin(), device_io.end(), "write 4096"), blocks) << length;
+        EXPECT_TRUE(read_blob("syscfg") == text) << length;
     }
 }
 

@@ -1,15 +1,13 @@
+#include "app/text.h"
 #include "tests/syscfg/fixture.h"
 
 namespace {
 
-// "left = right" with the blanks around "=" gone.
-std::pair<std::string, std::string> halves(const std::string &text, const std::string &mark)
+// What stands on the left and on the right of the mark.
+std::pair<std::string, std::string> halves(std::string_view text, char mark)
 {
-    const size_t at = text.find(mark);
-    const auto trimmed = [](const std::string &part) {
-        return rows(part + "|").empty() ? "" : rows(part + "|")[0][0];
-    };
-    return {trimmed(text.substr(0, at)), trimmed(text.substr(at + mark.size()))};
+    const std::string_view left = cut_until(text, mark);
+    return {trimmed(left), trimmed(text)};
 }
 
 // A type, then old > new = what is stored; "*" marked changed, "!22" refused with -22.
@@ -39,18 +37,16 @@ TEST_F(syscfg_test, setters)
         sn           | > A B  C = ABC * | ABC > ABC = ABC * | ABC > = *)")) {
         for (size_t i = 1; i < row.size(); ++i) {
             SCOPED_TRACE(row[0] + ": " + row[i]);
-            const auto [texts, after] = halves(row[i], "=");
-            const auto [old, text] = halves(texts, ">");
+            const auto [texts, after] = halves(row[i], '=');
+            const auto [old, text] = halves(texts, '>');
             const database db = declare("V " + row[0] + "\non alias yes\n");
             syscfg_var *var = find_var(db.get(), "V");
             if (!old.empty())
                 EXPECT_EQ(set(db.get(), "V", old), 0);
             var->flags = 0;
             const int result = set(db.get(), "V", text);
-            EXPECT_EQ(halves(var->text() + std::string(var->changed() ? " *" : "") +
-                                 (result ? " !" + std::to_string(-result) : "") + "=",
-                             "=")
-                          .first,
+            EXPECT_EQ(trimmed(var->text() + std::string(var->changed() ? " *" : "") +
+                              (result ? " !" + std::to_string(-result) : "")),
                       after);
         }
     }
@@ -77,9 +73,8 @@ TEST_F(syscfg_test, getters)
             set(db.get(), "V", row[1]);
         for (size_t i = 2; i < row.size(); ++i) {
             char buffer[128] = "";
-            const auto [option, shown] = halves(row[i], "=");
-            EXPECT_EQ(halves(get_value(db.get(), "V", option.c_str(), buffer), "=").first, shown)
-                << row[0] << row[i];
+            const auto [option, shown] = halves(row[i], '=');
+            EXPECT_EQ(trimmed(get_value(db.get(), "V", option.c_str(), buffer)), shown) << row[0] << row[i];
         }
     }
     const database db = declare("V integer\n");

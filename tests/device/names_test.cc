@@ -1,0 +1,44 @@
+// Name resolution with the provider's name server, which others wrote.
+#include "app/app.h"
+#include "net/resolver.h"
+#include "tests/device/under_test.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+// "status: answer", or nothing when there is none within two seconds.
+std::string resolve(const char *name, uint16_t type)
+{
+    std::string told;
+    resolver res = {};
+    EXPECT_EQ(resolver_init(&res, type, RESOLVER_IN), 0);
+    resolver_set_callback(&res, &told, [](void *ctx, resolver *of, int status) {
+        *static_cast<std::string *>(ctx) =
+            std::to_string(status) + ": " + std::string(of->result, static_cast<size_t>(of->result_len));
+    });
+    EXPECT_EQ(resolver_query(&res, name), 0);
+    const double end = now() + 2;
+    do {
+        const int wait = timer_run_expired();
+        pollfd reply = {res.sock, POLLIN, 0};
+        if (poll(&reply, 1, wait) > 0)
+            app_poll_once();
+    } while (told.empty() && now() < end);
+    resolver_release(&res);
+    return told;
+}
+
+TEST(names, of_every_type)
+{
+    _resolver_init();
+    const std::string address = "0: \xC0" + std::string("\0\2\1", 3);
+    EXPECT_EQ(resolve("time.example.net", RESOLVER_A), address);
+    EXPECT_EQ(resolve("ntp.example.net.", RESOLVER_A), address) << "behind an alias";
+    EXPECT_EQ(resolve("1.2.0.192.in-addr.arpa", RESOLVER_PTR), "0: time.example.net");
+    EXPECT_EQ(resolve("example.net", RESOLVER_MX), "0: mail.example.net");
+    EXPECT_EQ(resolve("example.net", RESOLVER_TXT), "0: the provider of the virtual device");
+    EXPECT_EQ(resolve("nobody.example.net", RESOLVER_A), "") << "no such name";
+}
+
+} // namespace

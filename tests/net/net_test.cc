@@ -1,3 +1,4 @@
+#include "app/memory.h"
 #include "net/net.h"
 #include "net/sockaddr.h"
 #include "tests/support/support.h"
@@ -76,14 +77,14 @@ TEST_F(net_test, constructors)
 {
     using namespace support;
     const std::string path = device_root + "/s", far_path = device_root + "/far";
-    const int listening = unix_listen(-1, far_path.c_str());
+    const unique_fd listening(unix_listen(-1, far_path.c_str()));
     parse("127.0.0.1");
-    const int tcp = tcp_listen(0, addr, 16);
-    EXPECT_EQ(listen(listening, 999) + listen(tcp, 999), 0); // nobody accepts
+    const unique_fd tcp(tcp_listen(0, addr, 16));
+    EXPECT_EQ(listen(listening.get(), 999) + listen(tcp.get(), 999), 0); // nobody accepts
     sockaddr_in there = {};
     auto *peer = reinterpret_cast<sockaddr *>(&there);
     socklen_t len = sizeof there;
-    getsockname(tcp, peer, &len);
+    getsockname(tcp.get(), peer, &len);
     const struct {
         int domain, type, none; // the highest descriptor that stands for none
         std::function<int(int)> make;
@@ -126,10 +127,8 @@ TEST_F(net_test, constructors)
     close(udp_bind(0, addr, 16));
     EXPECT_GE(in.sin_port, 5000) << "the random port, as it is stored";
     EXPECT_EQ(unix_datagram_listen(0, path.c_str()), -1) << "0 is a descriptor, though of no socket here";
-    EXPECT_EQ(get_socket_error(tcp), 0);
+    EXPECT_EQ(get_socket_error(tcp.get()), 0);
     EXPECT_EQ(get_socket_error(0), -1);
-    close(listening);
-    close(tcp);
 }
 
 TEST_F(net_test, long_paths_are_cut_and_a_group_is_joined_on_its_port)
@@ -159,26 +158,24 @@ TEST_F(net_test, messages_carry_names_data_and_descriptors)
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
     const int before = support::open_descriptors();
     const std::string n32(32, 'n');
-    const struct {
-        std::string name;
-        uint32_t sent, room, data_room;
-    } cases[] = {{"start", 0, 0, 8}, {"start", 2, 4, 8}, {"start", 3, 1, 8}, {"start", 2, 0, 8},
-                 {"start", 0, 0, 3}, {n32, 1, 1, 8},     {"", 1, 1, 0},      {"x", 253, 253, 8}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name + " " + std::to_string(c.sent));
-        const std::string got_name = c.name.substr(0, 31);
+    const std::tuple<std::string, uint32_t, uint32_t, uint32_t> cases[] = {
+        // name, descriptors, room for descriptors, room for data
+        {"start", 0, 0, 8}, {"start", 2, 4, 8}, {"start", 3, 1, 8}, {"start", 2, 0, 8},
+        {"start", 0, 0, 3}, {n32, 1, 1, 8},     {"", 1, 1, 0},      {"x", 253, 253, 8}};
+    for (const auto &[name, sent, room, data_room] : cases) {
+        SCOPED_TRACE(name + " " + std::to_string(sent));
+        const std::string got_name = name.substr(0, 31);
         std::array<int, 300> fds;
         fds.fill(ends[0]);
-        char data[] = "12345678";
-        ctlmsg out = {"", fds.data(), c.sent, data, 8};
-        c.name.copy(out.name, sizeof out.name);
+        char data[] = "12345678", received[8] = "";
+        ctlmsg out = {"", fds.data(), sent, data, 8},
+               in_message = {"", fds.data(), room, received, data_room};
+        name.copy(out.name, sizeof out.name);
         EXPECT_EQ(send_ctlmsg(ends[0], &out), static_cast<ssize_t>(got_name.size() + 9));
-        char received[8] = "";
-        ctlmsg in_message = {"", fds.data(), c.room, received, c.data_room};
         EXPECT_GT(recv_ctlmsg(ends[1], &in_message), 0);
         EXPECT_EQ(in_message.name, got_name);
-        EXPECT_EQ(std::string(received, in_message.datalen), std::string(data, c.data_room));
-        ASSERT_EQ(in_message.nfds, std::min(c.sent, c.room));
+        EXPECT_EQ(std::string(received, in_message.datalen), std::string(data, data_room));
+        ASSERT_EQ(in_message.nfds, std::min(sent, room));
         for (uint32_t i = 0; i < in_message.nfds; ++i) {
             EXPECT_TRUE(fcntl(fds[i], F_GETFD) & FD_CLOEXEC);
             close(fds[i]);
@@ -198,10 +195,9 @@ TEST_F(net_test, messages_carry_names_data_and_descriptors)
 
 TEST_F(net_test, host_names)
 {
-    in.sin_port = 7;
+    in.sin_port = htons(7);
     EXPECT_EQ(get_host_addr("localhost", addr, 16), 0);
-    EXPECT_EQ(in.sin_family == AF_INET && in.sin_port == 7 && in.sin_addr.s_addr == htonl(INADDR_LOOPBACK),
-              true);
+    EXPECT_STREQ(sockaddr_ntop(addr, 0), "127.0.0.1:7");
     EXPECT_EQ(get_host_addr("localhost", addr, 15), -1);
     EXPECT_EQ(get_host_addr("not a name", addr, 16), -1);
     ASSERT_NE(get_host_name(), nullptr);

@@ -199,9 +199,7 @@ TEST_F(app_test, a_later_call_is_made_once_or_not_at_all_and_the_interval_timer_
         for (int i = 0; alarms < 3 && i < 2000; ++i)
             usleep(1000);
         EXPECT_EQ(itimer_stop(), 0);
-        const int before = alarms;
-        usleep(20000);
-        EXPECT_TRUE(alarms == before && before >= 3);
+        EXPECT_TRUE(alarms >= 3 && usleep(20000) == 0) << "no signal ends the sleep";
     });
 }
 
@@ -293,15 +291,16 @@ TEST_F(app_test, what_a_callback_removes_is_not_called_and_what_it_adds_only_aft
 
 TEST_F(app_test, events_tell_what_happened_and_an_error_is_logged_on_every_pass)
 {
-    int hung_up[2], with_data[2], broken[2], peers[2];
-    ASSERT_EQ(pipe(hung_up) + pipe(with_data) + pipe(broken) + socketpair(AF_UNIX, SOCK_STREAM, 0, peers), 0);
+    int hung_up[2], with_data[2], broken[2];
+    ASSERT_EQ(pipe(hung_up) + pipe(with_data) + pipe(broken), 0);
     EXPECT_EQ(write(with_data[1], "x", 1), 1);
-    for (const int end : {hung_up[1], with_data[1], broken[0], peers[1]})
+    for (const int end : {hung_up[1], with_data[1], broken[0]})
         close(end);
     const std::tuple<int, int, std::string> cases[] = {
-        {ready, POLLIN, "ar"},       {ready, POLLIN | POLLOUT, "arw"}, {quiet, POLLOUT, "aw"},
-        {hung_up[0], POLLIN, "ae"},  {with_data[0], POLLIN, "are"},    {hung_up[0], 0, "ae"},
-        {broken[1], POLLOUT, "awe"}, {peers[0], POLLIN, "are"},        {1000, POLLIN, "ae"}};
+        {ready, POLLIN, "ar"},         {ready, POLLIN | POLLOUT, "arw"},
+        {quiet, POLLOUT, "aw"},        {hung_up[0], POLLIN, "ae"},
+        {with_data[0], POLLIN, "are"}, {hung_up[0], 0, "ae"},
+        {broken[1], POLLOUT, "awe"},   {1000, POLLIN, "ae"}};
     for (const auto &[fd, mask, events] : cases) {
         log.clear();
         add(a, fd, mask);
@@ -310,7 +309,7 @@ TEST_F(app_test, events_tell_what_happened_and_an_error_is_logged_on_every_pass)
         EXPECT_EQ(log.messages(), events.ends_with("e") ? line + line : "");
         remove_all();
     }
-    for (const int end : {hung_up[0], with_data[0], broken[1], peers[0]})
+    for (const int end : {hung_up[0], with_data[0], broken[1]})
         close(end);
 }
 

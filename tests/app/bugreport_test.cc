@@ -1,9 +1,7 @@
 #include "app/bugreport.h"
 #include "app/log.h"
+#include "tests/support/mail_server.h"
 #include "tests/support/support.h"
-
-#include <netdb.h>
-#include <sys/socket.h>
 
 namespace {
 
@@ -22,35 +20,20 @@ const struct {
     {"QUIT\r\n", "500 so what\r\n", "205", "", "", ""},
 };
 
-// The other end of a socket pair is a mail server that is well up to the last step, has the last line for
-// that, and hangs up. Instead it may go without a farewell before that step's send, or take no more than a
-// half of it.
+// The server is well up to the last step and has the last line for that. Instead it may go without a farewell
+// before that step's send, or take no more than a half of it.
 const std::string gone = "GONE", half = "1/2";
 size_t sends, last_step;
-int peer;
 std::string last_line;
 
-extern "C" int connect(int fd, const sockaddr *, socklen_t)
-{
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    dup2(ends[0], fd), close(ends[0]);
-    peer = ends[1];
-    for (size_t i = 0; i <= last_step; ++i) {
-        const std::string &line = i == last_step ? last_line : steps[i].good;
-        EXPECT_EQ(write(peer, line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    }
-    return shutdown(peer, SHUT_WR);
-}
 extern "C" ssize_t send(int fd, const void *text, size_t size, int flags)
 {
     const bool last = ++sends == last_step;
     if (last && last_line == gone)
-        close(std::exchange(peer, -1));
+        close(std::exchange(server_end, -1));
     return sendto(fd, text, last && last_line == half ? size / 2 : size, flags, nullptr, 0);
 }
 // clang-format off
-extern "C" hostent *gethostbyname(const char *) { return nullptr; }
 extern "C" size_t __real_fwrite(const void *text, size_t size, size_t count, FILE *file);
 extern "C" size_t __wrap_fwrite(const void *text, size_t size, size_t count, FILE *file)
 {
@@ -68,12 +51,15 @@ struct bugreport_test : test {
     std::string run(size_t last, const std::string &with)
     {
         const int descriptors = open_descriptors();
-        sends = 0, last_step = last, last_line = with, received.clear(), log.clear();
+        sends = 0, last_step = last, last_line = with, server_says.clear(), received.clear(), log.clear();
+        for (size_t i = 0; i < last; ++i)
+            server_says += steps[i].good;
+        server_says += with;
         const std::string result = std::to_string(bugreport_send());
         char text[256];
-        for (ssize_t got; (got = recv(peer, text, sizeof text, 0)) > 0;)
+        for (ssize_t got; (got = recv(server_end, text, sizeof text, 0)) > 0;)
             received.append(text, static_cast<size_t>(got));
-        close(std::exchange(peer, -1));
+        close(std::exchange(server_end, -1));
         EXPECT_EQ(open_descriptors(), descriptors);
         return result + log.text();
     }

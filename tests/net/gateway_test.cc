@@ -3,6 +3,7 @@
 #include "app/memory.h"
 #include "net/gateway.h"
 #include "net/icmp_message.h"
+#include "tests/net/address.h"
 
 #include <gtest/gtest.h>
 
@@ -24,12 +25,9 @@ const sockaddr *note(int fd, const void *data, const sockaddr *to)
 {
     const int port = ntohs(reinterpret_cast<const sockaddr_in *>(to)->sin_port);
     const auto pid = static_cast<uint16_t>(getpid());
-    sockaddr_in own = {};
-    socklen_t len = sizeof own;
     std::array<uint8_t, 8> bytes = {};
     memcpy(bytes.data(), data, port == 0 ? 8 : 4);
-    getsockname(fd, reinterpret_cast<sockaddr *>(&own), &len);
-    if (port >= 20000 && port < 20009 && ntohs(own.sin_port) == (pid | 0x8000))
+    if (port >= 20000 && port < 20009 && ntohs(address(fd).in.sin_port) == (pid | 0x8000))
         sent += std::to_string(port) + ":" + std::to_string(bytes[0] + bytes[3]) + " ";
     if (port == 0 && bytes[0] == 8 && bytes[4] == pid >> 8 && bytes[5] == (pid & 255)) {
         const int before = std::exchange(last_echo, bytes[6] << 8 | bytes[7]);

@@ -1,7 +1,7 @@
 // Tables that are fed, and the kernel itself in network namespaces, as ip shows it.
 #include "net/interfaces.h"
 #include "net/net.h"
-#include "net/sockaddr.h"
+#include "tests/net/address.h"
 #include "tests/support/support.h"
 
 #include <fstream>
@@ -10,13 +10,6 @@
 namespace {
 
 using namespace support;
-
-struct address {
-    sockaddr_in in = {};
-    sockaddr *any = reinterpret_cast<sockaddr *>(&in);
-    socklen_t len = sizeof in;
-    address(const std::string &text) { sockaddr_parse(text.c_str(), any, &len); }
-};
 
 struct interfaces_test : support::test {
     captured_log log;

@@ -92,16 +92,17 @@ TEST_F(interfaces_test, route_tables_that_are_fed)
     }
 }
 
+// A network of its own with lo and three pairs.
+const char network[] =
+    R"(set -e; ip link set lo up; for i in 0 1 2; do ip link add v$i type veth peer name w$i
+    ip link set v$i up; ip link set w$i up; ip addr add 10.7.$i.1/24 brd + dev v$i; done
+    ip addr add 10.2.0.1/16 brd + dev v0 label v0:1; ip addr add 10.3.0.1/25 dev v0
+    ip addr add 10.7.0.2/24 brd + dev v0; ip r add default via 10.7.1.9; ip r add 10.6.0.0/24 dev w2; ip r add blackhole 10.5/16
+    [ ! -w /dev/net/tun ] || { ip tuntap add t1 mode tun; ip addr add 10.8.0.1/24 dev t1; ip tuntap add t0 mode tun
+    ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip link set t0 up; } # not everybody may make them)";
+
 TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
 {
-    // In a network of its own with lo and three pairs; as root, or as the root of a user namespace.
-    const char script[] =
-        R"(set -e; ip link set lo up; for i in 0 1 2; do ip link add v$i type veth peer name w$i
-        ip link set v$i up; ip link set w$i up; ip addr add 10.7.$i.1/24 brd + dev v$i; done
-        ip addr add 10.2.0.1/16 brd + dev v0 label v0:1; ip addr add 10.3.0.1/25 dev v0
-        ip addr add 10.7.0.2/24 brd + dev v0; ip r add default via 10.7.1.9; ip r add 10.6.0.0/24 dev w2; ip r add blackhole 10.5/16
-        [ ! -w /dev/net/tun ] || { ip tuntap add t1 mode tun; ip addr add 10.8.0.1/24 dev t1; ip tuntap add t0 mode tun
-        ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip link set t0 up; } # not everybody may make them)";
     // The address a socket is bound to, USE_INTERFACE, the destination, the address, what is logged.
     std::istringstream rows(R"(
         10.7.0.1:77 v1 1.2.3.4 10.7.0.1:77 -   0.0.0.0:77 v0 1.2.3.4 10.7.0.1:77 port=77   - v0 1.2.3.4 10.7.0.1 sockport:
@@ -114,9 +115,10 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
     isolated([&, this, uid = getuid()] {
         device_prefixes.clear();
         real_time = true;
+        // As root, or as the root of a user namespace.
         if (unshare(CLONE_NEWNET) < 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0)
             std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
-        ASSERT_EQ(sh(script), "");
+        ASSERT_EQ(sh(network), "");
         const int any = socket(AF_INET, SOCK_DGRAM, 0);
         for (std::string own, use, dest, result, said; rows >> own >> use >> dest >> result >> said;) {
             use == "-" ? unsetenv("USE_INTERFACE") : setenv("USE_INTERFACE", use.c_str(), 1);

@@ -355,7 +355,7 @@ TEST_F(app_test, without_memory_a_registration_fails_and_harms_nothing)
 
 TEST_F(app_test, the_stack_of_calls_is_paired_beyond_its_size)
 {
-    isolated([this] {
+    isolated([] {
         static const char at[300] = {};
         for (const char &addr : at)
             EXPECT_GT(logged_stack_push(&addr), 0);

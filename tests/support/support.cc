@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstddef>
 #include <cstring>
@@ -37,8 +36,6 @@
 
 namespace support {
 namespace {
-
-using namespace std::chrono_literals;
 
 struct {
     unsigned kinds;
@@ -140,18 +137,20 @@ const std::map<unsigned, std::vector<int>> call_errors = {
 bool run_until(const std::function<bool()> &done, int64_t ms)
 {
     const auto clock = [] {
-        return real_time ? std::chrono::system_clock::now().time_since_epoch() / 1us : now_us;
+        timeval now;
+        gettimeofday(&now, nullptr);
+        return now.tv_sec * 1000000LL + now.tv_usec;
     };
-    const int64_t end = clock() + ms * 1000;
+    const long long end = clock() + ms * 1000;
     while (!done()) {
         const int wait = app_poll_once();
-        const int64_t now = clock();
+        const long long now = clock();
         if (now >= end)
             return done();
         if (real_time)
             usleep(1000);
         else if (wait != 0)
-            now_us = wait < 0 ? end : std::min(end, now + wait * int64_t{1000});
+            now_us = wait < 0 ? end : std::min(end, now + wait * 1000LL);
     }
     return true;
 }

@@ -1,11 +1,7 @@
 #include "app/bugreport.h"
 #include "app/log.h"
-#include "net/net.h"
+#include "tests/support/mail_server.h"
 #include "tests/support/support.h"
-
-#include <arpa/inet.h>
-#include <netdb.h>
-#include <poll.h>
 
 namespace {
 
@@ -24,39 +20,20 @@ const struct {
     {"QUIT\r\n", "500 so what\r\n", "205", "", "", ""},
 };
 
-// A mail server on loopback is well up to the last step, has the last line for that, and hangs up. Instead it
-// may go without a farewell before that step's send, or take no more than a half of it.
-const std::string reset = "RST", half = "1/2";
+// The server is well up to the last step and has the last line for that. Instead it may go without a farewell
+// before that step's send, or take no more than a half of it.
+const std::string gone = "GONE", half = "1/2";
 size_t sends, last_step;
-int listener, peer;
 std::string last_line;
 
-extern "C" int connect(int fd, const sockaddr *, socklen_t len)
-{
-    sockaddr_in there;
-    getsockname(listener, reinterpret_cast<sockaddr *>(&there), &len);
-    const long connected = syscall(SYS_connect, fd, &there, len);
-    peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    for (size_t i = 0; i <= last_step; ++i) {
-        const std::string &line = i == last_step ? last_line : steps[i].good;
-        EXPECT_EQ(write(peer, line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    }
-    return shutdown(peer, SHUT_WR), static_cast<int>(connected);
-}
 extern "C" ssize_t send(int fd, const void *text, size_t size, int flags)
 {
     const bool last = ++sends == last_step;
-    if (last && last_line == reset) {
-        const linger at_once = {1, 0};
-        pollfd client = {fd, 0, 0};
-        setsockopt(peer, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-        close(std::exchange(peer, -1));
-        ppoll(&client, 1, nullptr, nullptr); // until it has arrived
-    }
+    if (last && last_line == gone)
+        close(std::exchange(server_end, -1));
     return sendto(fd, text, last && last_line == half ? size / 2 : size, flags, nullptr, 0);
 }
 // clang-format off
-extern "C" hostent *gethostbyname(const char *) { return nullptr; }
 extern "C" size_t __real_fwrite(const void *text, size_t size, size_t count, FILE *file);
 extern "C" size_t __wrap_fwrite(const void *text, size_t size, size_t count, FILE *file)
 {
@@ -70,21 +47,19 @@ struct bugreport_test : test {
     captured_log log;
     std::string received;
 
-    bugreport_test()
-    {
-        const sockaddr_in any_port = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        listener = tcp_listen(-1, reinterpret_cast<const sockaddr *>(&any_port), sizeof any_port);
-    }
-    ~bugreport_test() override { environ = real_environment, close(listener); }
+    ~bugreport_test() override { environ = real_environment; }
     std::string run(size_t last, const std::string &with)
     {
         const int descriptors = open_descriptors();
-        sends = 0, last_step = last, last_line = with, received.clear(), log.clear();
+        sends = 0, last_step = last, last_line = with, server_says.clear(), received.clear(), log.clear();
+        for (size_t i = 0; i < last; ++i)
+            server_says += steps[i].good;
+        server_says += with;
         const std::string result = std::to_string(bugreport_send());
         char text[256];
-        for (ssize_t got; (got = recv(peer, text, sizeof text, 0)) > 0;)
+        for (ssize_t got; (got = recv(server_end, text, sizeof text, 0)) > 0;)
             received.append(text, static_cast<size_t>(got));
-        close(std::exchange(peer, -1));
+        close(std::exchange(server_end, -1));
         EXPECT_EQ(open_descriptors(), descriptors);
         return result + log.text();
     }
@@ -102,7 +77,7 @@ struct bugreport_test : test {
             said += (i == 5 ? body : "") + "tcp_gets(): " + steps[i].tag + "\ntcp_gets(): " + steps[i].good;
         }
         EXPECT_EQ(run(6, quit), "0" + said + "tcp_gets(): 205\n" + (quit == "\n" ? "tcp_gets(): \n" : ""));
-        EXPECT_EQ(received, quit == reset ? "" : sent + steps[6].sent);
+        EXPECT_EQ(received, quit == gone ? "" : sent + steps[6].sent);
     }
 };
 
@@ -112,7 +87,7 @@ TEST_F(bugreport_test, every_failure_of_every_step_has_its_number)
     for (size_t i = 0; i < 6; ++i) {
         const auto &[sent, good, tag, write_fails, read_fails, wrong] = steps[i];
         for (const auto &[with, number] :
-             {std::pair(reset, write_fails), {half, write_fails}, {"", read_fails}, {"250", read_fails}})
+             {std::pair(gone, write_fails), {half, write_fails}, {"", read_fails}, {"250", read_fails}})
             expect_failure(i, with, say + number + ": connection error\n");
         for (const std::string with : {"421 no\r\n", "\n", "25\n", "35\n", " 250 220 354\n", "\x1b[2J%n\n"})
             expect_failure(i, with, "tcp_gets(): " + with + say + wrong + told + with);
@@ -131,7 +106,7 @@ TEST_F(bugreport_test, every_failure_of_every_step_has_its_number)
 
 TEST_F(bugreport_test, reports_that_are_accepted_whatever_becomes_of_quit)
 {
-    for (const std::string &quit : {"\n"s, ""s, reset})
+    for (const std::string &quit : {"\n"s, ""s, gone})
         expect_report(steps[5].sent, quit);
     for (const auto &[size, piece, variable] : std::initializer_list<std::array<size_t, 3>>{
              {100, 7, 9}, {4096, 4096, 4086}, {4096, 1, 4087}, {4097, 3, 9}, {5000, 5000, 20480}})

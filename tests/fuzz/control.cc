@@ -3,8 +3,9 @@
 #include "lumd/control.h"
 #include "tests/fuzz/machine.h"
 #include "tests/fuzz/manager.h"
+#include "tests/fuzz/target.h"
 
-static constexpr char services[] =
+static constexpr std::string_view services =
     "service a\nexec sched 1 /a\nservice b\nexec sched 2 /b\ndepends a\nservice c\nexec -c\ndepends b V=on\n"
     "service d\nexec sched x\ndepends e\nservice e\nexec sched 9 /e\ndepends d\nservice a\nexec f\nstop -g\n"
     "service abcdefghijklmnopqrstuvwxyz0123456\nexec h\ndepends d\n";
@@ -13,31 +14,28 @@ static constexpr char services[] =
 static int open_fifo()
 {
     int ends[2];
-    const memory_file file(services, sizeof services - 1);
-    pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0 ? void() : abort();
+    const memory_file file(services);
+    require(pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0);
     machine.files = {{"/etc/svc.conf", file.path},
                      {"/tmp/svcctl", "/proc/self/fd/" + std::to_string(ends[0])}};
-    lumd_parse_conf(&manager, "/etc/svc.conf", -1) == 6 && open_control_fifo(&manager) == 0 ? void()
-                                                                                            : abort();
+    require(lumd_parse_conf(&manager, "/etc/svc.conf", -1) == 6 && open_control_fifo(&manager) == 0);
     lumd_init_service_infos(&manager);
     value_of_all = "on";
     return machine.last_opened;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void take(std::string_view input)
 {
     machine = {};
     static const int fifo = open_fifo();
-    std::string text(reinterpret_cast<const char *>(data), size);
-    text += std::string(size / 255 + 1, '\xFF');
+    const std::string text = std::string(input) + std::string(input.size() / 255 + 1, '\xFF');
     for (size_t begin = 0, end; begin < text.size(); begin = end + 1) {
         end = text.find_first_of("\xFE\xFF", begin);
-        write(fifo, &text[begin], end - begin) == static_cast<ssize_t>(end - begin) ? void() : abort();
+        require(write(fifo, &text[begin], end - begin) == static_cast<ssize_t>(end - begin));
         machine.now_us += text[end] == '\xFE' ? 3000000 : 0;
         app_poll_once();
     }
     for (service_info &slot : lumd_used_slots(&manager))
         slot.svcent ? lumd_do_stop(&slot, 1) : void();
-    timer_run_expired() == -1 && !app_scheduler.head ? void() : abort();
-    return 0;
+    require(timer_run_expired() == -1 && !app_scheduler.head);
 }

@@ -1,6 +1,7 @@
 // The symbol table of an executable, in both layouts and as the program reads its own.
 #include "app/elf_file.h"
 #include "app/symbols.h"
+#include "tests/fuzz/target.h"
 
 volatile size_t length; // of a name, which is read for it
 
@@ -12,13 +13,12 @@ static void read_names(std::span<const std::byte> bytes)
         elf.each_function([&](const auto &function) { length = elf.name_of(function).value_or("").size(); });
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void take(std::string_view input)
 {
-    const std::span bytes(reinterpret_cast<const std::byte *>(data), size);
+    const auto bytes = std::as_bytes(std::span(input));
     symbol *table = nullptr;
     read_names<elf32_layout>(bytes);
     read_names<elf64_layout>(bytes);
     symbols_read(bytes, &table);
     symbols_free(table);
-    return 0;
 }

@@ -1,24 +1,22 @@
 // What a raw ICMP socket received, after three bytes: the identifier of the probes, the number of the try or
 // entry.
 #include "net/icmp_message.h"
+#include "tests/fuzz/target.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void take(std::string_view input)
 {
     constexpr size_t longest_ip_header = 60, shortest_return = 20 + 8 + 20 + 8;
-    if (size < 3)
-        return 0;
+    if (input.size() < 3)
+        return;
+    const auto *data = reinterpret_cast<const uint8_t *>(input.data());
     const auto id = static_cast<uint16_t>(data[0] << 8 | data[1]);
-    const std::span<const uint8_t> packet(data + 3, size - 3);
+    const std::span<const uint8_t> packet(data + 3, input.size() - 3);
     const auto header = packet.first(std::min(packet.size(), longest_ip_header));
     std::array<uint8_t, 4> address;
-    if (icmp_find_route_entry(packet, id, data[2], address) &&
-        !memmem(header.data(), header.size(), address.data(), address.size()))
-        abort();
-    if (icmp_returns_datagram(packet, id | 0x8000, 20000 + data[2]) && packet.size() < shortest_return)
-        abort();
-    return 0;
+    require(!icmp_find_route_entry(packet, id, data[2], address) ||
+            memmem(header.data(), header.size(), address.data(), address.size()));
+    require(!icmp_returns_datagram(packet, id | 0x8000, 20000 + data[2]) || packet.size() >= shortest_return);
 }

@@ -83,7 +83,7 @@ int __wrap_gettimeofday(timeval *now, void *)
 }
 int __wrap_settimeofday(const timeval *now, const void *)
 {
-    now->tv_sec >= 0 && now->tv_usec >= 0 && now->tv_usec < 1000000 ? void() : abort();
+    require(now->tv_sec >= 0 && now->tv_usec >= 0 && now->tv_usec < 1000000);
     return machine.now_us = now->tv_sec * 1000000LL + now->tv_usec, 0;
 }
 }

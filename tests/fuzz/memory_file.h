@@ -2,8 +2,8 @@
 #pragma once
 
 #include "app/memory.h"
+#include "tests/fuzz/target.h"
 
-#include <cstdint>
 #include <cstdio>
 #include <sys/mman.h>
 
@@ -11,9 +11,9 @@ struct memory_file {
     unique_fd fd;
     char path[32];
 
-    memory_file(const void *data, size_t size) : fd(memfd_create("fuzz", MFD_CLOEXEC))
+    explicit memory_file(std::string_view data) : fd(memfd_create("fuzz", MFD_CLOEXEC))
     {
         snprintf(path, sizeof path, "/proc/self/fd/%d", fd.get());
-        write(fd.get(), data, size) == static_cast<ssize_t>(size) ? void() : abort();
+        require(write(fd.get(), data.data(), data.size()) == static_cast<ssize_t>(data.size()));
     }
 };

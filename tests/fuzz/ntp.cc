@@ -4,6 +4,7 @@
 #include "lumd/kinds.h"
 #include "tests/fuzz/machine.h"
 #include "tests/fuzz/manager.h"
+#include "tests/fuzz/target.h"
 
 #include <arpa/inet.h>
 
@@ -19,32 +20,31 @@ static void start(svcent *entry, std::string text)
     entry->ops->start(entry, count, words, nullptr);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void take(std::string_view input)
 {
-    static const memory_file servers("nameserver 127.0.0.1\n", 21);
+    static const memory_file servers("nameserver 127.0.0.1\n");
     const sockaddr_in from = {AF_INET, htons(53), {htonl(INADDR_LOOPBACK)}, {}};
     machine = {{{"/etc/resolv.conf", servers.path}}, [](auto sent) { return sent.copy(identifier, 2) == 2; }};
     memcpy(&machine.from, &from, sizeof from);
     value_of_all = "time.example.com";
     service_info slot = {"n", &manager, nullptr, nullptr, nullptr, 0};
     svcent *entry = create_ntp_svcent(&slot, slot.name);
-    for (const uint8_t *end = data + size; end - data >= 2;) {
-        const size_t length = std::min<size_t>(data[1], static_cast<size_t>(end - data - 2));
-        std::string piece(reinterpret_cast<const char *>(data + 2), length);
-        const int kind = data[0] % 4;
+    while (input.size() >= 2) {
+        const auto what = static_cast<uint8_t>(input[0]), length = static_cast<uint8_t>(input[1]);
+        std::string piece(input.substr(2, length));
+        const int kind = what % 4;
         uint32_t ms = 0;
         kind == 1 ? piece.replace(0, 2, identifier, 2) : piece;
         kind == 2 ? piece.copy(reinterpret_cast<char *>(&ms), sizeof ms) : 0;
         kind == 3 ? start(entry, piece) : void();
         machine.datagram = piece;
-        machine.place = data[0] / 4;
+        machine.place = what / 4;
         machine.arrived = kind < 2;
         machine.now_us += ms * 1000LL;
         app_poll_once();
-        data += 2 + length;
+        input.remove_prefix(std::min<size_t>(2 + length, input.size()));
     }
     entry->ops->release(entry);
     scheduler_clear(&app_scheduler); // its timer stands still where the clock was set back
-    timer_run_expired() == -1 ? void() : abort();
-    return 0;
+    require(timer_run_expired() == -1);
 }

@@ -1,8 +1,9 @@
 // A configuration file of options, one of each kind.
 #include "app/app_options.h"
 #include "tests/fuzz/memory_file.h"
+#include "tests/fuzz/target.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void take(std::string_view input)
 {
     constexpr app_option options[] = {{"flag", 'f', nullptr, APP_OPT_FLAG},
                                       {"flags", 'F', nullptr, APP_OPT_FLAG | APP_OPT_LIST},
@@ -12,9 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                                       {"texts", 'T', nullptr, 1 | APP_OPT_LIST},
                                       {"config", 'c', nullptr, APP_OPT_CONFIG},
                                       {nullptr, 0, nullptr, 1 | APP_OPT_LIST}};
-    const memory_file bytes(data, size);
+    const memory_file bytes(input);
     const unique_file file(fopen(bytes.path, "re"));
     app_conf_load(options, file.get());
     app_opt_clear();
-    return 0;
 }

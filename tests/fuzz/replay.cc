@@ -14,8 +14,7 @@ int main(int argc, char **argv)
         std::ifstream file(argv[i], std::ios::binary);
         if (!file)
             return 1;
-        const std::vector<char> text{std::istreambuf_iterator<char>(file), {}};
-        const std::vector<uint8_t> bytes(text.begin(), text.end());
+        const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(file), {}};
         LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
     }
     return argc > 1 ? 0 : 1;

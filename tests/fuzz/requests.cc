@@ -8,9 +8,10 @@
 #include "tests/fuzz/machine.h"
 #include "tests/syscfg/records.h"
 
-static constexpr char definition[] = "S string\nL string(8) [a-z]*\nI integer\nB bool\nC choice on,off\nA "
-                                     "ip\nM mac\nD domain\nU url\nN -n sn\n"
-                                     "R -r string\nVENID string(4)\nB alias b\non alias yes\n";
+static constexpr std::string_view definition =
+    "S string\nL string(8) [a-z]*\nI integer\nB bool\nC choice on,off\nA "
+    "ip\nM mac\nD domain\nU url\nN -n sn\n"
+    "R -r string\nVENID string(4)\nB alias b\non alias yes\n";
 static constexpr const char *files[] = {"/usr/etc/syscfg.constant", "/usr/etc/syscfg.default",
                                         "/etc/resolv.conf",         "/usr/etc/syscfg.default.x",
                                         "/usr/etc/VERSION",         "/proc/net/route"};
@@ -30,7 +31,7 @@ static void receive(unsigned who, std::string_view request, int room_in_pass)
     answers = 0;
     room = room_in_pass;
     app_poll_once();
-    answers > 0 || request.empty() || request.starts_with("%wait") ? void() : abort();
+    require(answers > 0 || request.empty() || request.starts_with("%wait"));
 }
 
 // Nobody may wait for what cannot come.
@@ -40,33 +41,34 @@ static void end_waits(syscfg_var *var)
         const std::string quote(is_space(*waiter->text()), '"');
         var->flags = VAR_CHANGED;
         receive(0, var->name + ("=" + quote + waiter->text() + quote) + '\0', 1000);
-        var->waiters != waiter ? void() : abort();
+        require(var->waiters != waiter);
     }
 }
 
 void cfgdb_processSyscfgChange(cfgdb *, const char *const *names, int count)
 {
-    count <= 1023 && !names[count] ? void() : abort();
+    require(count <= 1023 && !names[count]);
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void take(std::string_view input)
 {
-    static const memory_file declared(definition, sizeof definition - 1), flash("", 0);
-    ftruncate(flash.fd.get(), 0) == 0 && ftruncate(flash.fd.get(), 18 * 4096) == 0 ? void() : abort();
+    static const memory_file declared(definition), flash("");
+    require(ftruncate(flash.fd.get(), 0) == 0 && ftruncate(flash.fd.get(), 18 * 4096) == 0);
     std::unique_ptr<memory_file> text;
     machine = {{{"/etc/syscfg.def", declared.path}, {"/dev/mtdblock/5", flash.path}},
                [](std::string_view answer) {
-                   answer.starts_with('>') || answer.starts_with('!') ? ++answers : (abort(), 0);
+                   require(answer.starts_with('>') || answer.starts_with('!'));
+                   ++answers;
                    return --room >= 0;
                }};
     syscfg *db = create_syscfg(nullptr);
-    db->ops->init(db) == 0 ? void() : abort();
+    require(db->ops->init(db) == 0);
     int many = 1026;
-    for (std::string_view rest(reinterpret_cast<const char *>(data), size); !rest.empty();) {
-        const std::string_view request = cut_until(rest, '\xFF');
+    while (!input.empty()) {
+        const std::string_view request = cut_until(input, '\xFF');
         const unsigned how = request.empty() ? ' ' : static_cast<uint8_t>(request[0]);
         if (how >= 0x80)
-            text = std::make_unique<memory_file>(request.data(), request.size());
+            text = std::make_unique<memory_file>(request);
         for (const char *file : files)
             how >= 0x80 ? void(machine.files[file] = text->path) : void();
         for (int i = how >= 0x80 ? 0 : how == '\n' ? std::exchange(many, 1) : 1; i > 0; --i)
@@ -80,5 +82,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     app_poll_once(); // so that the loop takes its place back
     close(db->server_fd);
     free_records(db);
-    return 0;
 }

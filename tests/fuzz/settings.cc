@@ -1,19 +1,19 @@
 // Definition files and values for what they declare. Each ends at 0xFF; the first file, "a", can include the
 // others, "b" to "z". The last is what values are read from.
 #include "tests/fuzz/machine.h"
+#include "tests/fuzz/target.h"
 #include "tests/syscfg/records.h"
 
 void cfgdb_processSyscfgChange(cfgdb *, const char *const *, int) {}
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void take(std::string_view input)
 {
     std::map<char, memory_file> files;
     std::string text;
     machine = {};
-    std::string_view rest(reinterpret_cast<const char *>(data), size);
-    for (char name = 'a'; !rest.empty() && name <= 'z'; ++name) {
-        text = cut_until(rest, '\xFF');
-        machine.files[{name}] = files.try_emplace(name, text.data(), text.size()).first->second.path;
+    for (char name = 'a'; !input.empty() && name <= 'z'; ++name) {
+        text = cut_until(input, '\xFF');
+        machine.files[{name}] = files.try_emplace(name, text).first->second.path;
     }
     auto *db = new_record<syscfg>();
     char line[256];
@@ -22,5 +22,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     build_alias_tbl(db);
     load_config(db, text.data(), static_cast<int>(text.size()), LOAD_VALUES, 0);
     free_records(db);
-    return 0;
 }

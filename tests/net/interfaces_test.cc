@@ -1,24 +1,15 @@
 // Tables that are fed, and the kernel itself in network namespaces, as ip shows it.
 #include "net/interfaces.h"
 #include "net/net.h"
-#include "net/sockaddr.h"
+#include "tests/net/address.h"
 #include "tests/support/support.h"
 
 #include <fstream>
 #include <poll.h>
-#include <random>
 
 namespace {
 
 using namespace support;
-
-struct address {
-    sockaddr_in in = {};
-    sockaddr *any = reinterpret_cast<sockaddr *>(&in);
-    socklen_t len = sizeof in;
-    address(const std::string &text) { sockaddr_parse(text.c_str(), any, &len); }
-    address(uint32_t number) : in{AF_INET, 0, {htonl(number)}, {}} {}
-};
 
 struct interfaces_test : support::test {
     captured_log log;
@@ -47,22 +38,6 @@ struct interfaces_test : support::test {
         for (const char *cut : {"/:/d", "/^lo /d", "s/brd [^ ]+/brd /", "s/peer .+/peer /", "s|/[^ ]+|/|"})
             script += std::exchange(flags, flags >> 1) & 1 ? "" : "\n" + std::string(cut);
         return sh(script + "'");
-    }
-    // In a network of its own with lo and three pairs; as root, or as the root of a user namespace.
-    static void in_network(const std::string &script, const std::function<void()> &body)
-    {
-        if (system("unshare -n true 2>/dev/null || unshare -rn true") != 0)
-            GTEST_SKIP() << "the kernel gives this user no network namespace";
-        isolated([&, uid = getuid()] {
-            device_prefixes.clear();
-            real_time = true;
-            if (unshare(CLONE_NEWNET) < 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0)
-                std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
-            const char first[] = R"(set -e; ip link set lo up; for i in 0 1 2; do
-              ip link add v$i type veth peer name w$i; ip link set v$i up; ip link set w$i up; ip addr add 10.7.$i.1/24 brd + dev v$i; done; )";
-            ASSERT_EQ(sh(first + script), "");
-            body();
-        });
     }
 };
 
@@ -117,12 +92,17 @@ TEST_F(interfaces_test, route_tables_that_are_fed)
     }
 }
 
+// A network of its own with lo and three pairs.
+const char network[] =
+    R"(set -e; ip link set lo up; for i in 0 1 2; do ip link add v$i type veth peer name w$i
+    ip link set v$i up; ip link set w$i up; ip addr add 10.7.$i.1/24 brd + dev v$i; done
+    ip addr add 10.2.0.1/16 brd + dev v0 label v0:1; ip addr add 10.3.0.1/25 dev v0
+    ip addr add 10.7.0.2/24 brd + dev v0; ip r add default via 10.7.1.9; ip r add 10.6.0.0/24 dev w2; ip r add blackhole 10.5/16
+    [ ! -w /dev/net/tun ] || { ip tuntap add t1 mode tun; ip addr add 10.8.0.1/24 dev t1; ip tuntap add t0 mode tun
+    ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip link set t0 up; } # not everybody may make them)";
+
 TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
 {
-    const char script[] = R"(ip addr add 10.2.0.1/16 brd + dev v0 label v0:1; ip addr add 10.3.0.1/25 dev v0
-        ip addr add 10.7.0.2/24 brd + dev v0; ip r add default via 10.7.1.9; ip r add 10.6.0.0/24 dev w2; ip r add blackhole 10.5/16
-        [ ! -w /dev/net/tun ] || { ip tuntap add t1 mode tun; ip addr add 10.8.0.1/24 dev t1; ip tuntap add t0 mode tun
-        ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip link set t0 up; } # not everybody may make them)";
     // The address a socket is bound to, USE_INTERFACE, the destination, the address, what is logged.
     std::istringstream rows(R"(
         10.7.0.1:77 v1 1.2.3.4 10.7.0.1:77 -   0.0.0.0:77 v0 1.2.3.4 10.7.0.1:77 port=77   - v0 1.2.3.4 10.7.0.1 sockport:
@@ -130,7 +110,15 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
         - - 10.5.0.1 - FAILED   - nosuch - - name:)");
     if (access("/dev/net/tun", W_OK) < 0)
         puts("[   NOTE   ] without /dev/net/tun no interface has a peer");
-    in_network(script, [&, this] {
+    if (system("unshare -n true 2>/dev/null || unshare -rn true") != 0)
+        GTEST_SKIP() << "the kernel gives this user no network namespace";
+    isolated([&, this, uid = getuid()] {
+        device_prefixes.clear();
+        real_time = true;
+        // As root, or as the root of a user namespace.
+        if (unshare(CLONE_NEWNET) < 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0)
+            std::ofstream("/proc/self/uid_map") << "0 " << uid << " 1";
+        ASSERT_EQ(sh(network), "");
         const int any = socket(AF_INET, SOCK_DGRAM, 0);
         for (std::string own, use, dest, result, said; rows >> own >> use >> dest >> result >> said;) {
             use == "-" ? unsetenv("USE_INTERFACE") : setenv("USE_INTERFACE", use.c_str(), 1);
@@ -169,38 +157,6 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
             link set x$i up\nlink set y$i up\naddr add 10.40.$i.1/24 dev x$i\naddr add 10.41.$i.1/25 dev y$i"; done | ip -batch -)";
         EXPECT_EQ(sh(many), "");
         EXPECT_EQ(list(any, 31), list_of_ip(31));
-    });
-}
-
-// Random tables on which both agree: each gateway is a smaller number than that of the route around it.
-TEST_F(interfaces_test, routes_as_the_kernel_chooses_them)
-{
-    in_network("mkfifo in out; ip -force -o -batch - <in 2>&1 | grep --line-buffered -v failed >out &", [] {
-        std::ofstream commands(device_path("/in"));
-        std::ifstream answers(device_path("/out"));
-        std::mt19937 random(5);
-        for (int table = 0; table < 1000 && !HasFailure(); ++table) {
-            std::vector<uint32_t> wanted = {0x0A070105, 0x28010203};
-            const auto inside = static_cast<uint32_t>(0x14000000 + random() % 0x4000000);
-            commands << "route flush proto static\n";
-            for (unsigned bits = random() % 8, gateway = 253; bits <= 32 && gateway != 1;
-                 bits += 1 + random() % 8) {
-                const uint32_t on = random() % 3;
-                const address network(bits > 0 ? inside & ~0U << (32 - bits) : 0),
-                    via(0x0A070000 + (on << 8) + gateway);
-                commands << "route add " << text_of(network.any) << "/" << bits << " dev v" << on
-                         << " proto static" << (gateway > 0 ? " via " + text_of(via.any) : "") << "\n";
-                wanted.push_back(inside ^ 1U << random() % 26);
-                gateway = gateway < 3 ? 1 : bits < 6 || random() % 4 > 0 ? 2 + random() % (gateway - 2) : 0;
-            }
-            for (const address dest : wanted) {
-                commands << "route get " << text_of(dest.any) << std::endl;
-                std::string line;
-                getline(answers, line);
-                const char *name = findsaddr(dest.any);
-                EXPECT_NE(line.find(name ? " dev " + std::string(name) : "unreachable"), line.npos) << line;
-            }
-        }
     });
 }
 

@@ -1,5 +1,6 @@
+#include "app/memory.h"
 #include "net/net.h"
-#include "net/sockaddr.h"
+#include "tests/net/address.h"
 #include "tests/support/support.h"
 
 #include <array>
@@ -46,23 +47,22 @@ TEST_F(net_test, addresses_are_read_and_printed)
 
 TEST_F(net_test, only_ipv4_addresses_are_valid)
 {
-    sockaddr_in other = {};
-    auto *copy = reinterpret_cast<sockaddr *>(&other);
+    address copy;
     const std::pair<const char *, int> cases[] = {
         {"224.0.0.1", 1}, {"239.255.255.255", 1}, {"223.255.255.255", 0}, {"240.0.0.0", 0}};
     for (const auto &[text, multicast] : cases)
         EXPECT_EQ(parse(text) + sockaddr_is_multicast(addr, 16), multicast) << text;
-    EXPECT_EQ(sockaddr_copy(copy, addr) + sockaddr_cmp(addr, copy), 16);
-    EXPECT_EQ(sockaddr_copy(copy, 15, addr, 16), -1);
-    other.sin_port = 1;
-    EXPECT_LT(sockaddr_cmp(addr, copy), 0);
+    EXPECT_EQ(sockaddr_copy(copy.any, addr) + sockaddr_cmp(addr, copy.any), 16);
+    EXPECT_EQ(sockaddr_copy(copy.any, 15, addr, 16), -1);
+    copy.in.sin_port = 1;
+    EXPECT_LT(sockaddr_cmp(addr, copy.any), 0);
     EXPECT_EQ(is_valid_addr(addr, 8), 0);
     EXPECT_EQ(is_valid_addr(addr, 0) + is_valid_addr(addr, 16), 2);
     for (const sa_family_t family : {AF_UNIX, AF_INET6}) {
         in.sin_family = family;
         EXPECT_EQ(sockaddr_len(addr), family == AF_UNIX ? 110u : 16u);
         EXPECT_EQ(sockaddr_get_port(addr) + sockaddr_set_port(addr, 1) + sockaddr_is_multicast(addr, 0), -3);
-        EXPECT_EQ(sockaddr_copy(addr, addr) + sockaddr_cmp(addr, copy), -2);
+        EXPECT_EQ(sockaddr_copy(addr, addr) + sockaddr_cmp(addr, copy.any), -2);
         EXPECT_EQ(sockaddr_ntop(addr, 0), nullptr);
         EXPECT_EQ(tcp_bind(-1, addr, 16) + tcp_connect(-1, addr, 16) + udp_connect(-1, addr, 16), -3);
         EXPECT_EQ(udp_bind(-1, addr, 16), -1);
@@ -76,14 +76,11 @@ TEST_F(net_test, constructors)
 {
     using namespace support;
     const std::string path = device_root + "/s", far_path = device_root + "/far";
-    const int listening = unix_listen(-1, far_path.c_str());
+    const unique_fd listening(unix_listen(-1, far_path.c_str()));
     parse("127.0.0.1");
-    const int tcp = tcp_listen(0, addr, 16);
-    EXPECT_EQ(listen(listening, 999) + listen(tcp, 999), 0); // nobody accepts
-    sockaddr_in there = {};
-    auto *peer = reinterpret_cast<sockaddr *>(&there);
-    socklen_t len = sizeof there;
-    getsockname(tcp, peer, &len);
+    const unique_fd tcp(tcp_listen(0, addr, 16));
+    EXPECT_EQ(listen(listening.get(), 999) + listen(tcp.get(), 999), 0); // nobody accepts
+    const address there(tcp.get());
     const struct {
         int domain, type, none; // the highest descriptor that stands for none
         std::function<int(int)> make;
@@ -94,8 +91,8 @@ TEST_F(net_test, constructors)
         {AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_bind(fd, addr, 16); }},
         {AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_listen(fd, addr, 16); }},
         {AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_bind(fd, addr, 16); }},
-        {AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_connect(fd, peer, 16); }},
-        {AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_connect(fd, peer, 16); }},
+        {AF_INET, SOCK_DGRAM, 0, [&](int fd) { return udp_connect(fd, there.any, 16); }},
+        {AF_INET, SOCK_STREAM, 0, [&](int fd) { return tcp_connect(fd, there.any, 16); }},
     };
     for (const auto &c : cases) {
         for (const bool given : {false, true}) {
@@ -112,8 +109,9 @@ TEST_F(net_test, constructors)
                 const bool says_so = &c == std::end(cases) - 1 && !given && failed_kind != SOCKET;
                 EXPECT_EQ(log.has("tcp_connect(): net: ") && log.has(": close "), failed && says_so);
                 int type = c.type;
+                socklen_t len = sizeof type;
                 if (made >= 0)
-                    getsockopt(made, SOL_SOCKET, SO_TYPE, &type, &(len = sizeof type));
+                    getsockopt(made, SOL_SOCKET, SO_TYPE, &type, &len);
                 EXPECT_EQ(type, c.type);
                 EXPECT_TRUE(made < 0 || given || (fcntl(made, F_GETFD) & FD_CLOEXEC));
                 EXPECT_TRUE(!given || fcntl(fd, F_GETFD) >= 0) << "the caller's socket was closed";
@@ -129,10 +127,8 @@ TEST_F(net_test, constructors)
         EXPECT_GE(ntohs(in.sin_port), 1024) << "nobody else's, on the wire";
     }
     EXPECT_EQ(unix_datagram_listen(0, path.c_str()), -1) << "0 is a descriptor, though of no socket here";
-    EXPECT_EQ(get_socket_error(tcp), 0);
+    EXPECT_EQ(get_socket_error(tcp.get()), 0);
     EXPECT_EQ(get_socket_error(0), -1);
-    close(listening);
-    close(tcp);
 }
 
 TEST_F(net_test, long_paths_are_cut_and_a_group_is_joined_on_its_port)
@@ -146,11 +142,8 @@ TEST_F(net_test, long_paths_are_cut_and_a_group_is_joined_on_its_port)
     parse("239.1.2.3:45353");
     for (int i = 0; i < 2; ++i) // another of the group shares the port
         made.push_back(udp_bind(-1, addr, 16));
-    sockaddr_in bound = {};
-    socklen_t len = sizeof bound;
-    getsockname(made.back(), reinterpret_cast<sockaddr *>(&bound), &len);
     if (!log.has("No such device")) // no route for multicast here
-        EXPECT_EQ(bound.sin_addr.s_addr + bound.sin_port, INADDR_ANY + htons(45353));
+        EXPECT_STREQ(sockaddr_ntop(address(made.back()).any, 0), "0.0.0.0:45353");
     for (const int fd : made) {
         EXPECT_TRUE(fd >= 0 || log.has("No such device"));
         close(fd);
@@ -163,26 +156,24 @@ TEST_F(net_test, messages_carry_names_data_and_descriptors)
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, ends), 0);
     const int before = support::open_descriptors();
     const std::string n32(32, 'n');
-    const struct {
-        std::string name;
-        uint32_t sent, room, data_room;
-    } cases[] = {{"start", 0, 0, 8}, {"start", 2, 4, 8}, {"start", 3, 1, 8}, {"start", 2, 0, 8},
-                 {"start", 0, 0, 3}, {n32, 1, 1, 8},     {"", 1, 1, 0},      {"x", 253, 253, 8}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name + " " + std::to_string(c.sent));
-        const std::string got_name = c.name.substr(0, 31);
+    const std::tuple<std::string, uint32_t, uint32_t, uint32_t> cases[] = {
+        // name, descriptors, room for descriptors, room for data
+        {"start", 0, 0, 8}, {"start", 2, 4, 8}, {"start", 3, 1, 8}, {"start", 2, 0, 8},
+        {"start", 0, 0, 3}, {n32, 1, 1, 8},     {"", 1, 1, 0},      {"x", 253, 253, 8}};
+    for (const auto &[name, sent, room, data_room] : cases) {
+        SCOPED_TRACE(name + " " + std::to_string(sent));
+        const std::string got_name = name.substr(0, 31);
         std::array<int, 300> fds;
         fds.fill(ends[0]);
-        char data[] = "12345678";
-        ctlmsg out = {"", fds.data(), c.sent, data, 8};
-        c.name.copy(out.name, sizeof out.name);
+        char data[] = "12345678", received[8] = "";
+        ctlmsg out = {"", fds.data(), sent, data, 8},
+               in_message = {"", fds.data(), room, received, data_room};
+        name.copy(out.name, sizeof out.name);
         EXPECT_EQ(send_ctlmsg(ends[0], &out), static_cast<ssize_t>(got_name.size() + 9));
-        char received[8] = "";
-        ctlmsg in_message = {"", fds.data(), c.room, received, c.data_room};
         EXPECT_GT(recv_ctlmsg(ends[1], &in_message), 0);
         EXPECT_EQ(in_message.name, got_name);
-        EXPECT_EQ(std::string(received, in_message.datalen), std::string(data, c.data_room));
-        ASSERT_EQ(in_message.nfds, std::min(c.sent, c.room));
+        EXPECT_EQ(std::string(received, in_message.datalen), std::string(data, data_room));
+        ASSERT_EQ(in_message.nfds, std::min(sent, room));
         for (uint32_t i = 0; i < in_message.nfds; ++i) {
             EXPECT_TRUE(fcntl(fds[i], F_GETFD) & FD_CLOEXEC);
             close(fds[i]);
@@ -202,10 +193,9 @@ TEST_F(net_test, messages_carry_names_data_and_descriptors)
 
 TEST_F(net_test, host_names)
 {
-    in.sin_port = 7;
+    in.sin_port = htons(7);
     EXPECT_EQ(get_host_addr("localhost", addr, 16), 0);
-    EXPECT_EQ(in.sin_family == AF_INET && in.sin_port == 7 && in.sin_addr.s_addr == htonl(INADDR_LOOPBACK),
-              true);
+    EXPECT_STREQ(sockaddr_ntop(addr, 0), "127.0.0.1:7");
     EXPECT_EQ(get_host_addr("localhost", addr, 15), -1);
     EXPECT_EQ(get_host_addr("not a name", addr, 16), -1);
     ASSERT_NE(get_host_name(), nullptr);

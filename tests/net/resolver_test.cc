@@ -1,5 +1,6 @@
 #include "app/app.h"
 #include "net/resolver.h"
+#include "tests/net/address.h"
 #include "tests/support/support.h"
 
 #include <arpa/inet.h>
@@ -81,10 +82,8 @@ struct resolver_test : test {
     int query(const std::string &n) { return began = now_us, outcome = "", resolver_query(&res, n.data()); }
     void reply(const std::string &packet) // and one pass
     {
-        sockaddr_in own = {};
-        socklen_t len = sizeof own;
-        getsockname(res.sock, reinterpret_cast<sockaddr *>(&own), &len);
-        sendto(res.sock, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&own), len);
+        const address own(res.sock);
+        sendto(res.sock, packet.data(), packet.size(), 0, own.any, own.len);
         app_poll_once();
     }
     // What came of the query after so long.

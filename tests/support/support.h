@@ -85,7 +85,7 @@ enum calls : unsigned {
 extern const std::map<unsigned, std::vector<int>> call_errors; // those that a kind can give
 
 // From here on the k-th (from 1) call of these kinds fails, with and_later every one after it too. With torn
-// a failing read or write does half of its work and says so. Without an error the kind's first is given.
+// a failing write does half of its work and says so. Without an error the kind's first is given.
 void fail_call(unsigned kinds, int k, bool and_later = false, bool torn = false, int error = 0);
 bool end_failing();          // true when a call was failed; nothing fails from here on
 inline unsigned failed_kind; // of the last call that was failed

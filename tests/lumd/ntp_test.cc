@@ -153,8 +153,8 @@ unknown default => service n;exec ntp => mode unknown / start n > 0 4 ntp.exampl
   / count 76000 > 11, 75000 NTP_SYNC=1
 not told => service n;exec ntp -h time.lan -c 1 -i 70 => mode deaf / start n > 0 1 time.lan 70 0, 0 query time.lan
   / count 60000 > 4, 10000 get ntp failed / mode found / count 21000 > 4, 80000 NTP_SYNC=1
-set, not told => service n;exec ntp -h 127.0.0.1 -c 1 -i 36000 => mode deaf / start n > 0 1 127.0.0.1 36000 0 / wait 10 > 0 ask 127.0.0.1
-  / answer 48 1 > 10 2085978497.000000 / wait 69900 > 60010 ask 127.0.0.1, 65010 ask 127.0.0.1 / mode found
+set, not told => service n;exec ntp -h 127.0.0.1 -c 1 -i 36000 => start n > 0 1 127.0.0.1 36000 0 / wait 10 > 0 ask 127.0.0.1
+  / mode deaf / answer 48 1 > 10 2085978497.000000 / mode found / wait 69900 > 60010 ask 127.0.0.1, 65010 ask 127.0.0.1
   / wait 200 > 70010 get ntp failed, 70010 NTP_SYNC=1 / wait 999999
 no closing quote => service n;exec ntp "x => start n > 0 4 ntp.example.com 36000 0 / wait 10 > 0 ask ntp.example.com
 nor a value => service n;exec ntp -h "x => start n > 0 unknown option: -?, 0 FAILED: lumd_do_start / wait 99999

@@ -18,7 +18,7 @@ constexpr const char *variable_names[] = {"V0", "V1", "V2", "V3", "V4", "V5"},
                      *value_texts[] = {"0", "1", "2", "3"};
 constexpr size_t notices_max = 4; // that the pipe of the SIGCHLD handler holds
 
-enum kind { PROGRAM, ONE_SHOT, JOB, MISSING };
+enum kind { PROGRAM, ONE_SHOT, JOB, LINK, MISSING };
 enum line { NO_LINE, HANDLER, BAD_HANDLER, HELPER, NO_HELPER }; // what a stop or reload line runs
 enum verb { START, STOP, PASS, WAIT, END, SET, verbs };
 constexpr const char *verb_words[] = {"start", "stop", "pass", "wait", "end", "set"};
@@ -118,6 +118,8 @@ struct model {
             me.job = me.every > 0 ? now++ + me.every * int64_t{1000000} : 0;
             if (me.job)
                 started(s, &handled);
+        } else if (what.kind == LINK) {
+            me.job = now++ + 2000000;
         } else if (me.child || me.state == SVCENT_STARTED) {
             me.wanted = me.state == SVCENT_STOPPED;
         } else {
@@ -152,6 +154,10 @@ struct model {
         }
         me.wanted = false;
         me.job = 0;
+        if (plans[s].kind == LINK) {
+            me.state = SVCENT_STOPPED;
+            spawn(services);
+        }
         if (me.state != SVCENT_STOPPED && plans[s].kind < JOB) {
             if (how == HANDLER || how == BAD_HANDLER) { // how it ends is nobody's concern any more
                 me.state = SVCENT_STOPPED;
@@ -260,7 +266,9 @@ struct model {
         }
         for (int s = 0; s < services; ++s) {
             if (slots[s].entry && changed(plans[s].watched))
-                plans[s].kind == JOB ? stopped(s) : (void)act(s, plans[s].reload, SIGHUP);
+                plans[s].kind == JOB    ? stopped(s)
+                : plans[s].kind == LINK ? (void)spawn(services)
+                                        : (void)act(s, plans[s].reload, SIGHUP);
             reap();
         }
     }
@@ -293,6 +301,12 @@ struct model {
                 reports.pop_front();
                 slots[s].state = SVCENT_STARTED;
                 started(s);
+            } else if (due->job == first && plans[s].kind == LINK) {
+                due->job = 0;
+                if (std::exchange(due->state, int{SVCENT_STARTED}) != SVCENT_STARTED) {
+                    spawn(services);
+                    started(s);
+                }
             } else if (due->job == first) {
                 due->job = now++ + due->every * int64_t{1000000};
                 spawn(services);

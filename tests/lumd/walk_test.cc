@@ -21,7 +21,7 @@ namespace {
 struct timed {
     timer_callback callback;
     void *ctx;
-    bool started;
+    bool started, once;
 };
 model *believed; // in the process that walks
 programs table;
@@ -31,7 +31,7 @@ std::string fault;
 void run_timer(void *ctx)
 {
     timed &at = timers.at(static_cast<timer *>(ctx));
-    at.started = ctx == app_scheduler.timer;
+    at.started = !at.once;
     at.callback(at.ctx);
 }
 void die(pid_t pid, int how)
@@ -82,7 +82,7 @@ timer *__real__Z9timer_newjPvPFvS_EPKc(uint32_t period_ms, void *ctx, timer_call
 timer *__wrap__Z9timer_newjPvPFvS_EPKc(uint32_t period_ms, void *ctx, timer_callback run, const char *name)
 {
     timer *made = __real__Z9timer_newjPvPFvS_EPKc(period_ms, nullptr, run_timer, name);
-    timers[made] = {run, ctx, false};
+    timers[made] = {run, ctx, false, false};
     made->ctx = made;
     return made;
 }
@@ -90,7 +90,15 @@ int __real__Z11timer_startP5timeri(timer *timer, int count);
 int __wrap__Z11timer_startP5timeri(timer *timer, int count)
 {
     timers.at(timer).started = true;
+    timers.at(timer).once = count > 0;
     return __real__Z11timer_startP5timeri(timer, count);
+}
+int __real__Z10timer_stopP5timer(timer *timer);
+int __wrap__Z10timer_stopP5timer(timer *timer)
+{
+    if (timer)
+        timers.at(timer).started = false;
+    return __real__Z10timer_stopP5timer(timer);
 }
 void __real__Z10timer_freeP5timer(timer *timer);
 void __wrap__Z10timer_freeP5timer(timer *timer)
@@ -117,7 +125,7 @@ struct chance {
     plan any_plan()
     {
         constexpr line lines[] = {NO_LINE, NO_LINE, HANDLER, HANDLER, HELPER, BAD_HANDLER, NO_HELPER};
-        constexpr kind others[] = {ONE_SHOT, ONE_SHOT, JOB, MISSING};
+        constexpr kind others[] = {ONE_SHOT, ONE_SHOT, JOB, LINK, MISSING};
         plan made;
         made.kind = one_of(3) ? any(others) : PROGRAM;
         made.stop = any(lines), made.reload = any(lines);
@@ -156,7 +164,7 @@ std::string said(const plan &p, int s)
 {
     const std::string number = std::to_string(s), every = p.every ? std::to_string(p.every) : "$(V0)";
     const std::string execs[] = {"/bin/true " + number, "-/bin/true " + number,
-                                 "sched " + every + " /bin/true", "/bin/nosuch"};
+                                 "sched " + every + " /bin/true", "netmon -n lo", "/bin/nosuch"};
     const std::string lines[] = {"", "kill SIGUSR1", "kill SIGNO", "/bin/echo " + number, "nosuch"};
     std::string text = "service s" + number + "\nexec " + execs[p.kind] + "\ndepends";
     for (const auto &[variable, value] : p.conditions)
@@ -255,7 +263,7 @@ struct walker {
             if (slot.restart_timer)
                 is[4] = true, is[5] = timers.at(slot.restart_timer).started;
             for (const auto &[timer, what] : timers)
-                is[6] += slot.svcent && what.ctx == slot.svcent;
+                is[6] += slot.svcent && what.ctx == slot.svcent && what.started;
             fault += is == should_be
                          ? ""
                          : "s" + std::to_string(s) + ": entry state child ended timer due job, is/should be";

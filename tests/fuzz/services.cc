@@ -1,15 +1,32 @@
-// A service file, as far as the records of its services.
-#include "lumd/lumd.h"
-#include "tests/fuzz/memory_file.h"
+// A service file. Its services are started, but a reboot, which never ends, and can all be stopped.
+#include "tests/fuzz/machine.h"
+#include "tests/fuzz/manager.h"
 #include "tests/fuzz/target.h"
+
+static bool is_reboot(const service_info &slot)
+{
+    return slot.m_cfg->argc > 0 && slot.m_cfg->argv[0] && slot.m_cfg->argv[0] == std::string_view("reboot");
+}
 
 void take(std::string_view input)
 {
     const memory_file file(input);
-    lumd *manager = lumd_create();
-    lumd_parse_conf(manager, file.path, -1);
-    lumd_init_service_infos(manager);
-    for (service_info &slot : manager->svcs)
+    machine = {};
+    machine.files = {{"/etc/svc.conf", file.path}};
+    value_of_all = "1";
+    lumd_parse_conf(&manager, "/etc/svc.conf", -1);
+    lumd_init_service_infos(&manager);
+    const auto slots = lumd_used_slots(&manager);
+    if (std::none_of(slots.begin(), slots.end(), is_reboot)) {
+        for (service_info &slot : slots)
+            lumd_do_start(&slot, slot.name);
+        machine.now_us += 3000000;
+        app_poll_once();
+        for (service_info &slot : slots)
+            slot.svcent ? lumd_do_stop(&slot, 1) : void();
+        require(timer_run_expired() == -1 && !app_scheduler.head);
+    }
+    for (service_info &slot : slots)
         free_service_cfg(slot.m_cfg);
-    free(manager);
+    manager = {{}, &bridge, -1, {}, {}};
 }

@@ -39,7 +39,8 @@ void take(std::string_view input)
     if (kind == 'g' && strlen(value_of_all.c_str()) == value_of_all.size())
         require(glob_match(word, value_of_all) ==
                 !fnmatch(pattern.c_str(), value_of_all.c_str(), FNM_NOESCAPE));
-    require(kind != 'k' || parse_sigspec(word) < SIGRTMAX);
+    const int number = kind == 'k' ? parse_sigspec(word) : -1;
+    require(number == -1 || (number > 0 && number < SIGRTMAX));
     kind == 't' ? schedule(&text[1]) : void();
     kind == 'z' ? init_tz(word) : 0;
     kind == 'a' ? parse_ipv4(word, address) : 0;

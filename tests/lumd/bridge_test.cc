@@ -90,6 +90,10 @@ TEST_F(control, requests)
         app_poll_once();
         EXPECT_EQ(trace(), "");
     }
+    support::fail_call(support::READ, 1);
+    write_fifo("start a\n");
+    EXPECT_TRUE(support::end_failing() && log.has("FAILED: lumd_recvCallback") && trace().empty());
+    app_poll_once();
     log.clear();
     app_poll_once(); // the daemon's own writer keeps the FIFO from ending
     EXPECT_EQ(log.text(), "");

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <sys/wait.h>
@@ -216,6 +217,17 @@ void lumd_test::apply(std::string_view assignments) const
     for (const std::string &name : names)
         pointers.push_back(name.c_str());
     cfgdb_processSyscfgChange(manager->cfgdb, pointers.data(), static_cast<int>(pointers.size()));
+}
+
+bool lumd_test::tells_news(std::set<std::string> &usual)
+{
+    std::set<std::string> told = {""};
+    for (const std::string &line : split(support::captured_log::messages(), "\n"))
+        if (std::regex_search(
+                line, std::regex("FAILED: |SYSERROR: |cannot |failed to |invalid |ioctl |open gpio ")))
+            told.insert(line);
+    usual = usual.empty() ? told : usual;
+    return !std::includes(usual.begin(), usual.end(), told.begin(), told.end());
 }
 
 std::string lumd_test::trace()

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,7 +40,9 @@ struct lumd_test : support::test {
     proc_svcent *process(std::string_view name) const; // null for a fake and without an entry
     void apply(std::string_view assignments) const;    // "A=1 B=2"
     void end_services();                               // without trace; expects that nothing of them is left
-    static std::string trace();                        // the operations of fakes since the last call
+    // Whether the log tells of a failure that is not in usual; fills one that is empty.
+    static bool tells_news(std::set<std::string> &usual);
+    static std::string trace(); // the operations of fakes since the last call
 
     lumd *manager = nullptr;
     support::captured_log log;

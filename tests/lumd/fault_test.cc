@@ -31,14 +31,13 @@ struct faults : lumd_test {
             }
             int status = -1;
             waitpid(child, &status, 0);
-            return status;
+            EXPECT_TRUE(status == 0 || status == 1 << 8);
+            return status == 1 << 8;
         };
         for (const auto &[kind, errors] : support::call_errors) {
             for (const int error : kinds &kind ? errors : std::vector<int>()) {
-                int status = 1 << 8;
-                for (int k = 1; status == 1 << 8 && k < 1000; ++k)
-                    status = fails_at(kind, k, error);
-                EXPECT_EQ(status, 0);
+                for (int k = 1; fails_at(kind, k, error);)
+                    ++k;
             }
         }
     }
@@ -71,14 +70,15 @@ TEST_F(faults, of_a_start)
     std::set<std::string> usual;
     const auto round = [&] {
         log.clear();
-        step("start b"), step("start c");
-        for (int i = 0; i < 5; ++i)
-            app_poll_once();
+        step("start b");
+        // Nobody is told when there is no memory for the timer of deferred calls.
+        const bool untold = process("a") && process("a")->pid > 0 && !app_scheduler.timer;
+        step("start c");
+        support::run_for(1);
         apply("V=1");
-        for (const char *name : {"a", "b"}) {
-            if (process(name) && process(name)->pid > 0)
-                kill(process(name)->pid, SIGKILL);
-        }
+        for (const proc_svcent *killed : {process("a"), process("b")})
+            if (killed && killed->pid > 0)
+                kill(killed->pid, SIGKILL);
         EXPECT_TRUE(eventually(no_child_left));
         for (int i = 0; i < 5; ++i)
             app_poll_once();
@@ -86,7 +86,8 @@ TEST_F(faults, of_a_start)
         const bool failed = support::end_failing();
         // Polls and reads are done again; there need not be a record of ends.
         const bool silent = support::failed_kind & (support::POLL | support::READ | support::OPEN);
-        EXPECT_TRUE(tells_news(usual) || !failed || silent) << log.text();
+        EXPECT_TRUE(tells_news(usual) || !failed || silent || untold) << log.text();
+        timer_free(std::exchange(app_scheduler.timer, nullptr)); // which round makes it is of no matter
     };
     load("service a;exec sleep 99;stop -kill 9;reload -true;syscfg V;service b;exec sleep 99;depends a;"
          "stop -true;reload -kill 1;syscfg V;service c;exec -true");

@@ -227,9 +227,9 @@ int try_for_answer(int fd, int tries_left, timeval *budget, const char *func, Te
 {
     stopwatch watch;
     timeval share = *budget;
-    tv_div(&share, tries_left);
     if (share.tv_sec < 0)
         timerclear(&share);
+    tv_div(&share, tries_left);
     const int result = receive_answer(fd, share, func, is_answer);
     const timeval spent = watch.lap();
     tv_sub(budget, &spent);

@@ -77,6 +77,8 @@ void release_waiters(const syscfg *db, syscfg_var *var)
 
 bool has_gone(int probe, const requester &who)
 {
+    if (who.len <= offsetof(sockaddr_un, sun_path)) // without an address, nobody
+        return true;
     return connect(probe, reinterpret_cast<const sockaddr *>(&who.addr), who.len) < 0 &&
            (errno == ECONNREFUSED || errno == ENOENT);
 }

@@ -334,7 +334,10 @@ void set(words assignments)
 // False when the value has a line end in it: what follows would be taken for another variable's line.
 bool print_line(const variable &var)
 {
-    return !strchr(var.value, '\n') && printf("%s=%s\n", var.name, var.value) > 0;
+    if (strchr(var.value, '\n'))
+        return false;
+    printf("%s=%s\n", var.name, var.value);
+    return true;
 }
 
 void list(words patterns)

@@ -183,6 +183,8 @@ TEST_F(gateway_test, the_budget_holds_whatever_happens)
     server = nullptr;
     EXPECT_EQ(sent, "20000:0 20001:1 20002:2 ");
     EXPECT_LE(longest, 134) << "a third";
+    budget = {-1, 0};
+    EXPECT_EQ(udp_ttl_probe(silent, 1, &budget, &out), 20) << "at once";
     if (!emulated)
         unanswered_echoes();
     timeval time = {3, 200000}, less = {1, 300000};

@@ -119,7 +119,7 @@ TEST_F(server_test, of_1025_waits_those_of_the_gone_are_dropped_or_else_the_olde
 {
     const client old("old"), setter("4");
     for (int i = 0; i < 1024; ++i)
-        EXPECT_EQ(client("gone" + std::to_string(i)).ask("%wait IFACE=x"), "none");
+        EXPECT_EQ(client(i % 2 ? "gone" + std::to_string(i) : "").ask("%wait IFACE=x"), "none");
     EXPECT_EQ(all({old.ask("%wait BOOL=1"), two.ask("%wait NUM=1"), one.ask("%wait BOOL=1")}),
               "nonenonenone");
     for (int i = 0; i < 1021; ++i)

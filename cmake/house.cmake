@@ -53,3 +53,7 @@ function(house_test name)
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gtest)
     house_wrap(${name} PRIVATE ${arg_WRAP})
 endfunction()
+
+# What matches an IPv4 address, in four groups.
+set(HOUSE_OCTET "(25[0-5]|2[0-4][0-9]|1[0-9][0-9]|[1-9]?[0-9])")
+set(HOUSE_IPV4 "${HOUSE_OCTET}\\.${HOUSE_OCTET}\\.${HOUSE_OCTET}\\.${HOUSE_OCTET}")

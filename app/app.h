@@ -11,6 +11,7 @@
 // the loop removes and closes nothing by itself.
 #pragma once
 
+#include "app/callback.h"
 #include "app/scheduler.h"
 
 #include <poll.h>
@@ -26,7 +27,8 @@ using app_callback = void (*)(void *ctx, int events, int fd, app_fd_handler *han
 struct app_fd_handler {
     void *ctx;
     app_callback callback;
-    const char *name; // of the callback's function, null when it is not known
+    const char *name;     // of the callback's function, null when it is not known
+    const void *function; // what a call stack names: the callback, or what it stands for
 };
 
 // Calls deferred to a later pass of the loop (see app/scheduler.h).
@@ -40,7 +42,16 @@ int app_init(int argc, char **argv, const app_option *options, const char *appna
 
 // Calls back on events (a poll mask) of fd. The same (fd, ctx, callback) again only changes the mask. Returns
 // the slot's index when it existed, else the new number of slots; -1 when memory is out.
-int app_add_fd(int fd, int events, void *ctx, app_callback callback);
+// function is what a call stack names, the callback itself when null.
+[[nodiscard]] int app_add_fd(int fd, int events, void *ctx, app_callback callback,
+                             const void *function = nullptr);
+
+// The same with a typed context: callback is a void (Context *, int events, int fd, app_fd_handler *).
+template <auto callback>
+[[nodiscard]] int app_add_fd(int fd, int events, context_of<callback> *ctx)
+{
+    return app_add_fd(fd, events, ctx, typed<callback>::call, typed<callback>::address());
+}
 
 // Withdraws one slot, or all slots and all deferred calls of ctx. Closes nothing; what is gone is no error.
 void app_remove_fd(int fd, void *ctx, app_callback callback);
@@ -55,6 +66,18 @@ void app_quit(int code);
 int app_poll_once();
 
 // Deferred calls on app_scheduler.
-int app_scheduler_add(void *ctx, scheduler_fn fn, int32_t priority);
+[[nodiscard]] int app_scheduler_add(void *ctx, scheduler_fn fn, int32_t priority);
 int app_scheduler_remove(void *ctx, scheduler_fn fn);
 void app_scheduler_remove_ctx(void *ctx);
+
+template <auto fn>
+[[nodiscard]] int app_scheduler_add(context_of<fn> *ctx, int32_t priority)
+{
+    return scheduler_add(&app_scheduler, ctx, typed<fn>::call, priority, typed<fn>::address());
+}
+
+template <auto fn>
+void app_scheduler_remove(context_of<fn> *ctx)
+{
+    scheduler_remove(&app_scheduler, ctx, typed<fn>::call);
+}

@@ -88,7 +88,7 @@ void dispatch_sock_events(int nready)
             log_trace(LOG_HERE, "error: %d", fd);
         {
             const app_callback callback = handlers[i].callback;
-            const logged_call running(callback);
+            const logged_call running(handlers[i].function);
             callback(handlers[i].ctx, events, fd, &handlers[i]);
         }
         --nready;
@@ -104,7 +104,7 @@ int poll_slots(int timeout)
 
 } // namespace
 
-int app_add_fd(int fd, int events, void *ctx, app_callback callback)
+int app_add_fd(int fd, int events, void *ctx, app_callback callback, const void *function)
 {
     const int slot = find_slot(fd, ctx, callback);
     if (slot >= 0) {
@@ -117,7 +117,9 @@ int app_add_fd(int fd, int events, void *ctx, app_callback callback)
         capacity += growth;
     }
     polled[count] = {fd, static_cast<short>(events), 0};
-    handlers[count] = {ctx, callback, symbol_lookup(reinterpret_cast<const void *>(callback))};
+    if (!function)
+        function = reinterpret_cast<const void *>(callback);
+    handlers[count] = {ctx, callback, symbol_lookup(function), function};
     return ++count;
 }
 

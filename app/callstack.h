@@ -14,11 +14,7 @@ void logged_stack_print();
 // Holds an entry for the time of one call.
 class logged_call {
   public:
-    template <typename Function>
-    explicit logged_call(Function *function) : addr_(reinterpret_cast<const void *>(function))
-    {
-        logged_stack_push(addr_);
-    }
+    explicit logged_call(const void *function) : addr_(function) { logged_stack_push(addr_); }
     ~logged_call() { logged_stack_pop(addr_); }
     logged_call(const logged_call &) = delete;
     logged_call &operator=(const logged_call &) = delete;

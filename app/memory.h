@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <type_traits>
 #include <unistd.h>
@@ -49,13 +50,37 @@ class unique_fd {
     int fd_ = -1;
 };
 
-// A zero-filled record for free(), or null when memory is out.
+// A zero-filled record for free_record, or null when memory is out. One that needs no destructor may be given
+// to free() as well.
 template <typename Record>
 Record *new_record()
 {
-    static_assert(std::is_trivially_destructible_v<Record> && std::is_trivially_copyable_v<Record>);
-    return static_cast<Record *>(calloc(1, sizeof(Record)));
+    void *memory = calloc(1, sizeof(Record));
+    if constexpr (std::is_trivially_default_constructible_v<Record>)
+        return static_cast<Record *>(memory);
+    else
+        return memory ? new (memory) Record() : nullptr;
 }
+
+// Destroys and frees; null is allowed.
+template <typename Record>
+void free_record(Record *record)
+{
+    if (record)
+        record->~Record();
+    free(record);
+}
+
+struct record_deleter {
+    template <typename Record>
+    void operator()(Record *record) const
+    {
+        free_record(record);
+    }
+};
+
+template <typename Record>
+using unique_record = std::unique_ptr<Record, record_deleter>;
 
 // A heap copy of text for free(), or null when memory is out.
 inline char *new_text(std::string_view text)

@@ -31,7 +31,7 @@ void start(scheduler *s)
 {
     if (!s->timer)
         s->timer = timer_new(0, s, scheduler_callback, "scheduler_callback");
-    timer_start(s->timer, -1);
+    static_cast<void>(timer_start(s->timer, -1));
 }
 
 } // namespace
@@ -41,14 +41,14 @@ void scheduler_init(scheduler *s)
     *s = {};
 }
 
-int scheduler_add(scheduler *s, void *ctx, scheduler_fn fn, int32_t priority)
+int scheduler_add(scheduler *s, void *ctx, scheduler_fn fn, int32_t priority, const void *function)
 {
     scheduler_call *call = unlink_call(s, ctx, fn);
     if (!call)
         call = new_record<scheduler_call>();
     if (!call)
         return -1;
-    *call = {priority, ctx, fn, nullptr};
+    *call = {priority, ctx, fn, nullptr, function ? function : reinterpret_cast<const void *>(fn)};
     const bool was_empty = !s->head;
     insert_call(s, call);
     if (was_empty || !s->timer)
@@ -105,7 +105,7 @@ void scheduler_callback(void *ctx)
     }
     s->head = call->next;
     {
-        const logged_call running(call->fn);
+        const logged_call running(call->function);
         call->fn(call->ctx);
     }
     free(call);

@@ -14,6 +14,7 @@ struct scheduler_call {
     void *ctx;
     scheduler_fn fn;
     scheduler_call *next;
+    const void *function; // what a call stack names
 };
 
 struct scheduler {
@@ -23,8 +24,10 @@ struct scheduler {
 
 void scheduler_init(scheduler *s);
 
-// 0, or -1 when memory is out and nothing is queued. Queued before, the pair moves to its new place.
-int scheduler_add(scheduler *s, void *ctx, scheduler_fn fn, int32_t priority);
+// 0, or -1 when memory is out and nothing is queued. Queued before, the pair moves to its new place. function
+// is what a call stack names, fn itself when null.
+[[nodiscard]] int scheduler_add(scheduler *s, void *ctx, scheduler_fn fn, int32_t priority,
+                                const void *function = nullptr);
 
 // -1 when no such call is queued.
 int scheduler_remove(scheduler *s, void *ctx, scheduler_fn fn);

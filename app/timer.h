@@ -11,6 +11,8 @@
 // back ends at once, and the loop begins another.
 #pragma once
 
+#include "app/callback.h"
+
 #include <cstdint>
 
 // Called by timer_run_expired on the loop's thread.
@@ -28,13 +30,50 @@ timer *timer_new(uint32_t period_ms, void *ctx, timer_callback callback, const c
 
 // (Re)starts the period: count runs from now on, without end for 0 and below. 0, or -1 for null, which
 // timer_new returns when memory is out.
-int timer_start(timer *timer, int count);
+[[nodiscard]] int timer_start(timer *timer, int count);
 
 // -1 when the timer was not scheduled, or for null.
 int timer_stop(timer *timer);
 
 // Stops and frees; null is allowed.
 void timer_free(timer *timer);
+
+// A timer that lives in its owner's record: made when it is first needed, stopped and freed with the owner.
+// It keeps the callback and the context it was made with.
+class unique_timer {
+  public:
+    unique_timer() = default;
+    ~unique_timer() { timer_free(timer_); }
+    unique_timer(const unique_timer &) = delete;
+    unique_timer &operator=(const unique_timer &) = delete;
+
+    // Makes the timer if there is none, and sets its period. name is static text. -1 when memory is out.
+    template <auto callback>
+    [[nodiscard]] int set(uint32_t period_ms, context_of<callback> *ctx, const char *name)
+    {
+        return set(period_ms, ctx, typed<callback>::call, name);
+    }
+
+    // The same, and (re)starts it: count runs, without end for 0.
+    template <auto callback>
+    [[nodiscard]] int start(uint32_t period_ms, context_of<callback> *ctx, const char *name, int count = 1)
+    {
+        return set<callback>(period_ms, ctx, name) < 0 ? -1 : start(count);
+    }
+    [[nodiscard]] int start(int count = 1) { return timer_start(timer_, count); }
+    void stop() { timer_stop(timer_); }
+
+    // Stops and frees.
+    void reset();
+
+    // Null as long as the timer has not been made.
+    [[nodiscard]] const timer *get() const { return timer_; }
+
+  private:
+    int set(uint32_t period_ms, void *ctx, timer_callback callback, const char *name);
+
+    timer *timer_ = nullptr;
+};
 
 // Calls fn(ctx) once, delay_ms from now. There is no handle and no way back. -1 when memory is out.
 int timer_call_later(uint32_t delay_ms, void *ctx, timer_callback fn);

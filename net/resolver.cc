@@ -110,7 +110,7 @@ void resolver_timeout_callback(void *ctx)
     }
     resolver_build_and_send_query(res);
     res->timer->period_ms = static_cast<uint32_t>(res->attempts) * 1000;
-    timer_start(res->timer, 1);
+    static_cast<void>(timer_start(res->timer, 1));
 }
 
 // True when the reply answers the question; the result is stored then.
@@ -162,7 +162,7 @@ bool wait_for_answer(resolver *res)
     if (!res->timer)
         return false;
     res->timer->period_ms = first_wait_ms;
-    timer_start(res->timer, 1);
+    static_cast<void>(timer_start(res->timer, 1));
     return app_add_fd(res->sock, POLLIN, res, resolver_callback) >= 0;
 }
 

@@ -170,6 +170,11 @@ int unique_timer::set(uint32_t period_ms, void *ctx, timer_callback callback, co
     return 0;
 }
 
+int unique_timer::start(uint32_t period_ms, void *ctx, timer_callback callback, const char *name, int count)
+{
+    return set(period_ms, ctx, callback, name) < 0 ? -1 : start(count);
+}
+
 int timer_call_later(uint32_t delay_ms, void *ctx, timer_callback fn)
 {
     auto *call = new_record<later_call>();

@@ -58,7 +58,7 @@ class unique_timer {
     template <auto callback>
     [[nodiscard]] int start(uint32_t period_ms, context_of<callback> *ctx, const char *name, int count = 1)
     {
-        return set<callback>(period_ms, ctx, name) < 0 ? -1 : start(count);
+        return start(period_ms, ctx, typed<callback>::call, name, count);
     }
     [[nodiscard]] int start(int count = 1) { return timer_start(timer_, count); }
     void stop() { timer_stop(timer_); }
@@ -71,6 +71,7 @@ class unique_timer {
 
   private:
     int set(uint32_t period_ms, void *ctx, timer_callback callback, const char *name);
+    int start(uint32_t period_ms, void *ctx, timer_callback callback, const char *name, int count);
 
     timer *timer_ = nullptr;
 };

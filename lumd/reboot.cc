@@ -15,13 +15,8 @@ constexpr pid_t init_pid = 1;
 
 struct reboot_svcent : svcent {
     pid_t pid; // of the script, -1 when it could not be started
-    ::timer *timer;
+    unique_timer timer;
 };
-
-reboot_svcent *as_reboot(void *entry)
-{
-    return static_cast<reboot_svcent *>(static_cast<svcent *>(entry));
-}
 
 // A signal ends a sleep early.
 void sleep_whole(unsigned seconds)
@@ -39,22 +34,18 @@ void sleep_whole(unsigned seconds)
     }
 }
 
-void reboot_callback(void *ctx)
+void reboot_callback(reboot_svcent *entry)
 {
-    const reboot_svcent *entry = as_reboot(ctx);
     lumd_stop_service(entry->owner->owner, "watchdog");
     print_error("Rebooting...\n");
     if (entry->pid < 0 || kill(entry->pid, 0) < 0)
         insist();
 }
 
-int reboot_start(svcent *base, int, char *const *, const svcfg *)
+int reboot_start(reboot_svcent *entry, int, char *const *, const svcfg *)
 {
-    reboot_svcent *entry = as_reboot(base);
     entry->pid = run_script("reboot", nullptr, 0);
-    timer_free(entry->timer);
-    entry->timer = timer_new(check_period_ms, entry, reboot_callback, "reboot_callback");
-    if (timer_start(entry->timer, -1) < 0)
+    if (entry->timer.start<reboot_callback>(check_period_ms, entry, "reboot_callback", 0) < 0)
         log_failed(LOG_HERE);
     return 0;
 }
@@ -65,12 +56,13 @@ int cannot_be_undone(svcent *, char *const *)
 }
 
 // The timer goes on, and with it the entry.
-int reboot_release(svcent *)
+int keep_entry(svcent *)
 {
     return 0;
 }
 
-constexpr svcent_ops operations = {reboot_start, cannot_be_undone, cannot_be_undone, reboot_release};
+constexpr svcent_ops operations = {operation<reboot_start>::call, cannot_be_undone, cannot_be_undone,
+                                   keep_entry};
 
 } // namespace
 

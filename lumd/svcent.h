@@ -28,10 +28,31 @@ struct svcent_ops {
 // The head of every entry; a kind's own record derives from it.
 struct svcent {
     const svcent_ops *ops;
-    char *name; // own
-    int state;  // kept by the kind, only read by the manager
+    unique_text name;
+    int state; // kept by the kind, only read by the manager
     service_info *owner;
 };
+
+// An operation of a kind, as the table takes it: the entry turns back into the kind's own record.
+template <auto function>
+struct operation;
+
+template <typename Entry, typename... Args, int (*function)(Entry *, Args...)>
+struct operation<function> {
+    static int call(svcent *entry, Args... args) { return function(static_cast<Entry *>(entry), args...); }
+};
+
+// Destroys the entry, and with it all that could still reach it.
+template <typename Entry>
+int release_entry(svcent *entry)
+{
+    free_record(static_cast<Entry *>(entry));
+    return 0;
+}
+
+template <typename Entry, auto start, auto stop, auto reload>
+inline constexpr svcent_ops operations_of = {operation<start>::call, operation<stop>::call,
+                                             operation<reload>::call, release_entry<Entry>};
 
 // One place of the service table; m_cfg is null in an empty one.
 struct service_info {
@@ -45,7 +66,7 @@ struct service_info {
 };
 
 // A kind's new record with its head filled, zero otherwise. When memory is out: null, and the failure is on
-// the log as that of the caller (LOG_HERE). free_svcent ends it.
+// the log as that of the caller (LOG_HERE).
 template <typename Entry>
 Entry *new_svcent(int level, const char *func, const char *file, int line, const svcent_ops *ops,
                   service_info *slot, const char *name)
@@ -54,18 +75,13 @@ Entry *new_svcent(int level, const char *func, const char *file, int line, const
     char *copy = entry ? new_text(name) : nullptr;
     if (!copy) {
         log_failed(level, func, file, line);
-        free(entry);
+        free(entry); // owns nothing yet
         return nullptr;
     }
-    static_cast<svcent &>(*entry) = {ops, copy, SVCENT_CREATED, slot};
+    entry->ops = ops;
+    entry->name.reset(copy);
+    entry->owner = slot;
     return entry;
-}
-
-template <typename Entry>
-void free_svcent(Entry *entry)
-{
-    free(entry->name);
-    free(entry);
 }
 
 // Calls of a kind to the manager.

@@ -29,16 +29,23 @@ struct led_request {
 };
 
 struct watchdog_svcent : svcent {
-    int gpio_fd;
-    int wd_fd;
+    unique_fd gpio_fd;
+    unique_fd wd_fd;
     led_request led;
-    timer *reset_timer;
-    timer *blink_timer;
+    unique_timer reset_timer;
+    unique_timer blink_timer;
+
+    ~watchdog_svcent() { close_devices(); }
+    void close_devices();
 };
 
-watchdog_svcent *as_watchdog(void *entry)
+void watchdog_svcent::close_devices()
 {
-    return static_cast<watchdog_svcent *>(static_cast<svcent *>(entry));
+    gpio_fd.reset();
+    uint32_t no_options = 0;
+    if (wd_fd)
+        ioctl(wd_fd.get(), watchdog_set_options, &no_options);
+    wd_fd.reset();
 }
 
 // The text of a variable, null when it is missing or empty.
@@ -55,104 +62,74 @@ uint32_t blink_period(const svcent *entry, int least, int otherwise)
                                       : otherwise);
 }
 
-void close_open(int &fd)
+void check_started(int result, const char *func)
 {
-    if (fd > 0)
-        close(std::exchange(fd, -1));
-}
-
-void start_timer(timer *timer, const char *func)
-{
-    if (timer_start(timer, 1) < 0)
+    if (result < 0)
         log_failed(LOG_AS(func));
 }
 
-void watchdog_reset(void *ctx)
+void watchdog_reset(watchdog_svcent *entry)
 {
-    const watchdog_svcent *entry = as_watchdog(ctx);
-    if (write(entry->wd_fd, &food, sizeof food) < 0) {
+    if (write(entry->wd_fd.get(), &food, sizeof food) < 0) {
         // No device, or a driver in trouble: the hardware decides.
     }
-    start_timer(entry->reset_timer, __func__);
+    check_started(entry->reset_timer.start(), __func__);
 }
 
-void led_blinking(void *ctx)
+void led_blinking(watchdog_svcent *entry);
+
+int start_blinking(watchdog_svcent *entry, uint32_t period_ms)
 {
-    watchdog_svcent *entry = as_watchdog(ctx);
+    return entry->blink_timer.start<led_blinking>(period_ms, entry, "led_blinking");
+}
+
+void led_blinking(watchdog_svcent *entry)
+{
     entry->led.led_on = (entry->led.led_on + 1) % 2;
-    if (ioctl(entry->gpio_fd, gpio_set_led, &entry->led) < 0)
+    if (ioctl(entry->gpio_fd.get(), gpio_set_led, &entry->led) < 0)
         print_error("ioctl %m\n");
-    entry->blink_timer->period_ms =
-        blink_period(entry, least_blink_ms, static_cast<int>(entry->blink_timer->period_ms));
-    start_timer(entry->blink_timer, __func__);
+    const auto period = static_cast<int>(entry->blink_timer.get()->period_ms);
+    check_started(start_blinking(entry, blink_period(entry, least_blink_ms, period)), __func__);
 }
 
-int watchdog_stop(svcent *base, char *const *)
+int watchdog_stop(watchdog_svcent *entry, char *const *)
 {
-    watchdog_svcent *entry = as_watchdog(base);
-    timer_free(std::exchange(entry->reset_timer, nullptr));
-    timer_free(std::exchange(entry->blink_timer, nullptr));
-    close_open(entry->gpio_fd);
-    uint32_t no_options = 0;
-    if (entry->wd_fd > 0)
-        ioctl(entry->wd_fd, watchdog_set_options, &no_options);
-    close_open(entry->wd_fd);
+    entry->reset_timer.reset();
+    entry->blink_timer.reset();
+    entry->close_devices();
     return -1;
 }
 
-timer *started_timer(uint32_t period_ms, svcent *entry, timer_callback callback, const char *name)
+int watchdog_start(watchdog_svcent *entry, int, char *const *argv, const svcfg *)
 {
-    timer *made = timer_new(period_ms, entry, callback, name);
-    start_timer(made, "watchdog_start");
-    return made;
-}
-
-int watchdog_start(svcent *base, int, char *const *argv, const svcfg *)
-{
-    watchdog_svcent *entry = as_watchdog(base);
     watchdog_stop(entry, argv);
     const uint32_t period = blink_period(entry, 0, default_blink_ms);
     const char *selector = setting(entry, "WD");
     entry->led.led = selector ? static_cast<uint32_t>(strtoul(selector, nullptr, 0)) : default_led;
-    entry->wd_fd = open("/dev/watchdog", O_RDWR | O_CLOEXEC);
-    entry->gpio_fd = open("/dev/gpio", O_WRONLY | O_CLOEXEC);
-    if (entry->gpio_fd < 0)
+    entry->wd_fd.reset(open("/dev/watchdog", O_RDWR | O_CLOEXEC));
+    entry->gpio_fd.reset(open("/dev/gpio", O_WRONLY | O_CLOEXEC));
+    if (!entry->gpio_fd)
         print_error("open gpio %m\n");
-    entry->reset_timer = started_timer(feed_period_ms, entry, watchdog_reset, "watchdog_reset");
-    entry->blink_timer = started_timer(period, entry, led_blinking, "led_blinking");
+    check_started(entry->reset_timer.start<watchdog_reset>(feed_period_ms, entry, "watchdog_reset"),
+                  __func__);
+    check_started(start_blinking(entry, period), __func__);
     return 0;
 }
 
-int watchdog_reload(svcent *base, char *const *)
+int watchdog_reload(watchdog_svcent *entry, char *const *)
 {
-    const watchdog_svcent *entry = as_watchdog(base);
-    if (!entry->blink_timer || !setting(entry, "WD_TIMER"))
-        return 0;
-    timer_stop(entry->blink_timer);
-    entry->blink_timer->period_ms = blink_period(entry, least_blink_ms, default_blink_ms);
-    start_timer(entry->blink_timer, __func__);
+    if (entry->blink_timer.get() && setting(entry, "WD_TIMER"))
+        check_started(start_blinking(entry, blink_period(entry, least_blink_ms, default_blink_ms)), __func__);
     return 0;
 }
 
-int watchdog_release(svcent *base)
-{
-    char *const no_words[] = {nullptr};
-    watchdog_stop(base, no_words);
-    free_svcent(as_watchdog(base));
-    return 0;
-}
-
-constexpr svcent_ops operations = {watchdog_start, watchdog_stop, watchdog_reload, watchdog_release};
+constexpr const svcent_ops &operations =
+    operations_of<watchdog_svcent, watchdog_start, watchdog_stop, watchdog_reload>;
 
 } // namespace
 
 svcent *create_watchdog_svcent(service_info *slot, const char *name)
 {
     log_trace(LOG_HERE, "create watchdog svcent");
-    auto *entry = new_svcent<watchdog_svcent>(LOG_HERE, &operations, slot, name);
-    if (!entry)
-        return nullptr;
-    entry->gpio_fd = -1;
-    entry->wd_fd = -1;
-    return entry;
+    return new_svcent<watchdog_svcent>(LOG_HERE, &operations, slot, name);
 }

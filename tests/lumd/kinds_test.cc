@@ -100,8 +100,11 @@ struct kinds : lumd_test {
         } else if (verb == "clock") {
             tm local = {};
             strptime((name + " " + rest).c_str(), "%y%m%d %H%M%S", &local);
-            local.tm_isdst = -1;
+            local.tm_isdst = rest.ends_with("summer") ? 1 : rest.ends_with("winter") ? 0 : -1;
             support::now_us = mktime(&local) * 1000000LL;
+            local.tm_mon = local.tm_isdst ? 0 : 6; // the other season is what the C library then goes by
+            local.tm_isdst = -1;
+            mktime(&local);
         } else {
             lumd_test::step(text);
         }
@@ -191,6 +194,11 @@ the longest => service j;exec sched 255:255:255 /etc/j => clock 240110 000000 / 
 later on the day summer begins => service j;exec sched 5:00:00 /etc/j => clock 240331 003000 / start j > 12600/86400
 later on the day it ends => service j;exec sched 5:00:00 /etc/j => clock 241027 003000 / start j > 19800/86400
 the day before it begins, an hour late => service j;exec sched 5:00:00 /etc/j => clock 240330 120000 / start j > 61200/86400
+the hour that comes twice, first => service j;exec sched 2:30:00 /etc/j => clock 241027 021000 summer / start j > 1200/86400
+and again => service j;exec sched 2:30:00 /etc/j => clock 241027 021000 winter / start j > 1200/86400
+and over => service j;exec sched 2:30:00 /etc/j => clock 241027 041000 / start j > 80400/86400
+the hour that is skipped => service j;exec sched 2:30:00 /etc/j => clock 240331 015000 / start j > 2400/86400
+the second before 1970 => service j;exec sched 0:59:59 /etc/j => clock 700101 005950 / start j > 9/86400
 late on the day it ends => service j;exec sched 0:30:00 /etc/j => clock 241027 234500 / start j > 2700/86400
 what follows three numbers => service j;exec sched 5:00:00:x /etc/j => clock 240110 040000 / start j > 3600/86400
 set => service j;exec sched 3:0:0 /etc/j => clock 240110 020000 / start j > 3600/86400 / clock 240110 025958 / wait 1900 / wait 200 > j

@@ -146,6 +146,13 @@ one count for all => service n;exec netmon eth0;service m;exec netmon eth1 => pa
 rx only => service n;exec netmon eth0 => packets 5 0 / start n / wait 2100 > up, n.start / packets 6 0 / wait 99999 / packets 7 0 / wait 99999
 a packet in time => service n;exec netmon eth0 => packets 5 1 / start n / wait 110000 > up, n.start / packets 6 2 / wait 99999
 wrap => service n;exec netmon eth0 => packets 4294967295 5 / start n / wait 2100 > up, n.start / packets 4294967296 6 / wait 125000)");
+    // Ends when the loop goes on, or tells that it had to wait.
+    write_script("/etc/init.d/eth0.restart",
+                 "for i in $(seq 100); do [ ! -e $BOARD_DIR/go ] || exit; sleep .05; done; >" +
+                     device_path("/held"));
+    play_all("lasts => service n;exec netmon eth0 => packets 5 0 / start n / wait 2100 > up, n.start / "
+             "packets 5 1 / wait 122200 > fail=1, eth0.restart / put go");
+    EXPECT_NE(access(device_path("/held").c_str(), F_OK), 0) << "the loop was held";
 }
 
 // Settings of the board, and what the link is by them.
@@ -157,7 +164,8 @@ link up = 1 / link down = 0 / mii standard = 1 / mii standard; link down = 0 / m
  / phys 0 0x7809 0x22 0x1619 0x101 = -1 / phys 1 0x380d 0x22 0x1619 0x101 = -1 / phys 1 0x7809 0x22 0x1619 0xe1 = -1
  / phys 1 0x7809 0x22 0x1619 0x102 = -1 / phys 1 0x7809 0xffff 0x1619 0x101 = -1 / phys 1 0x7809 0x22 0x1619 0x1e1 = 1
  / link as it is; phys 1 0x380d 1 1 0x101 2 0x7809 1 1 0x101 3 0x780d 1 1 0x101 = 0 / failing 1 = -1 / failing 2 = -1
- / failing 3 = -1 / failing 4 = -1 / mii standard; failing 1 = -1)";
+ / failing 3 = -1 / failing 4 = -1 / mii standard; failing 1 = -1 / mii registers = 1
+ / mii registers; phys 7 0x7809 0x22 0x1619 0x101; link down = 0 / mii registers; failing 1 = -1)";
     for (const std::string &row : split(cases.substr(1), " / ")) {
         new_board();
         for (const std::string &setting : split(row.substr(0, row.find(" =")), "; "))

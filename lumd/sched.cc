@@ -58,8 +58,9 @@ std::optional<time_of_day> parse_time(std::string_view text)
     return time_of_day{*hour, *minute, *second};
 }
 
-// The clock at a local time in the season that it names, or in the other one if it does not fall into that
-// season. Never left to the C library, which chooses by what it last converted. -1 is a time like any other.
+// Converts a local time in the season that its tm_isdst names, or in the other one if it does not fall into
+// that season. With -1 there, the C library chooses by what it converted last. As a result -1 is a valid
+// time.
 std::optional<time_t> to_clock(tm local)
 {
     tm other = local;

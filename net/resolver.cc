@@ -60,7 +60,7 @@ void add_server(std::string_view line)
     const std::string_view address = skip_space(line.substr(nameserver.size()));
     if (parse_ipv4(address.data(), reinterpret_cast<uint8_t *>(&server.sin_addr)) < 0)
         return;
-    if (server.sin_addr.s_addr == INADDR_ANY) // this machine, which answers from its loopback address
+    if (server.sin_addr.s_addr == INADDR_ANY) // this machine; it answers from its loopback address
         server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     servers[server_count++] = server;
 }

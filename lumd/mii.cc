@@ -47,13 +47,15 @@ bool is_unknown_request(int error)
     return error == EOPNOTSUPP || error == ENOTTY || error == EINVAL;
 }
 
-// What newer drivers have: they know one PHY, and fail for the address of any other.
+// What newer drivers have: they know one PHY, and fail for the address of any other. Those that do not tell
+// its address read any.
 bool standard_request(const char *device, mii_ioctl_data &words)
 {
     mii_ioctl_data known = {};
-    if (!request(SIOCGMIIPHY, device, known))
+    const bool is_told = request(SIOCGMIIPHY, device, known);
+    if (!is_told && !is_unknown_request(errno))
         return false;
-    if (known.phy_id == words.phy_id)
+    if (!is_told || known.phy_id == words.phy_id)
         return request(SIOCGMIIREG, device, words);
     words.val_out = absent;
     return true;

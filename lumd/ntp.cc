@@ -347,6 +347,7 @@ int ntp_start(svcent *base, int argc, char *const *argv, const svcfg *)
     }
     entry->sock = sock.release();
     entry->tries = 0;
+    _resolver_init();
     begin_try(entry);
     return 0;
 }

@@ -58,7 +58,26 @@ std::optional<time_of_day> parse_time(std::string_view text)
     return time_of_day{*hour, *minute, *second};
 }
 
-// Seconds until the local time is next what at says; none when the clock is beyond what can be converted.
+// Converts a local time in the season that its tm_isdst names, or in the other one if it does not fall into
+// that season. With -1 there, the C library chooses by what it converted last. As a result -1 is a valid
+// time.
+std::optional<time_t> to_clock(tm local)
+{
+    tm other = local;
+    local.tm_wday = -1; // stays when it cannot be converted
+    const time_t then = mktime(&local);
+    if (local.tm_wday == -1)
+        return {};
+    if (local.tm_isdst == other.tm_isdst)
+        return then;
+    const int season = other.tm_isdst = local.tm_isdst;
+    other.tm_wday = -1;
+    const time_t in_other_season = mktime(&other);
+    const bool is_skipped = other.tm_wday == -1 || other.tm_isdst != season; // by the change itself
+    return is_skipped ? then : in_other_season;
+}
+
+// Seconds until the next local time `at`; none if the clock cannot be converted.
 std::optional<int> calc_timeout(time_of_day at)
 {
     // Not time(), which tells the last second for some milliseconds more: a job that is started at its own
@@ -75,18 +94,16 @@ std::optional<int> calc_timeout(time_of_day at)
     local.tm_hour = at.hour;
     local.tm_min = at.minute;
     local.tm_sec = at.second;
-    local.tm_isdst = -1; // between now and then it may change
-    time_t then = mktime(&local);
-    if (then == -1)
-        return {};
-    if (then <= now)
-        then += day_s;
-    if (then <= now) { // a day of 25 hours
+    std::optional<time_t> then = to_clock(local);
+    if (then && *then <= now)
+        *then += day_s;
+    if (then && *then <= now) { // a day of 25 hours
         ++local.tm_mday;
-        local.tm_isdst = -1;
-        then = mktime(&local);
+        then = to_clock(local);
     }
-    const int left = static_cast<int>(then - now);
+    if (!then)
+        return {};
+    const int left = static_cast<int>(*then - now);
     log_trace(LOG_HERE, "timout=%d", left);
     return left;
 }

@@ -331,7 +331,7 @@ int probe_gateway(in_addr dest, int distance, long timeout_ms, in_addr *out)
     return result != PROBE_ANSWERED ? result : icmp_rr_probe(router, distance, &budget, out);
 }
 
-const sockaddr_in *echo_gateway_addr(const sockaddr *, socklen_t len)
+sockaddr_in *echo_gateway_addr(const sockaddr *, socklen_t len)
 {
     static sockaddr_in result;
     if (len < sizeof result) {
@@ -356,7 +356,7 @@ const sockaddr_in *echo_gateway_addr(const sockaddr *, socklen_t len)
     return outcome == echo_outcome::ANSWERED ? &result : nullptr;
 }
 
-const sockaddr_in *trace_gateway_addr(const sockaddr *dest, socklen_t len)
+sockaddr_in *trace_gateway_addr(const sockaddr *dest, socklen_t len)
 {
     static sockaddr_in result;
     if (!is_valid_addr(dest, len)) {
@@ -380,8 +380,8 @@ const sockaddr_in *trace_gateway_addr(const sockaddr *dest, socklen_t len)
     return &result;
 }
 
-const sockaddr_in *get_gateway_addr(const sockaddr *dest, socklen_t len)
+sockaddr_in *get_gateway_addr(const sockaddr *dest, socklen_t len)
 {
-    const sockaddr_in *echo = echo_gateway_addr(dest, len);
+    sockaddr_in *echo = echo_gateway_addr(dest, len);
     return echo ? echo : trace_gateway_addr(dest, len);
 }

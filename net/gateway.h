@@ -11,9 +11,9 @@
 // is overwritten by the next call of the same function, and carries a port only when it comes from the echo.
 // Null after a log line, with ETIMEDOUT in errno when nobody answered in time. The settings are environment
 // variables; docs/outside-address.md has them.
-const sockaddr_in *echo_gateway_addr(const sockaddr *dest, socklen_t len);
-const sockaddr_in *trace_gateway_addr(const sockaddr *dest, socklen_t len);
-const sockaddr_in *get_gateway_addr(const sockaddr *dest, socklen_t len); // the echo's, else the trace's
+sockaddr_in *echo_gateway_addr(const sockaddr *dest, socklen_t len);
+sockaddr_in *trace_gateway_addr(const sockaddr *dest, socklen_t len);
+sockaddr_in *get_gateway_addr(const sockaddr *dest, socklen_t len); // the echo's, else the trace's
 
 // What a probe comes to; only with PROBE_ANSWERED is anything written to out.
 enum probe_result {

@@ -5,12 +5,14 @@
 #include "app/text.h"
 #include "net/sockaddr.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <netdb.h>
+#include <span>
 #include <sys/random.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -284,10 +286,9 @@ ssize_t send_ctlmsg(int fd, const ctlmsg *message)
 namespace {
 
 // Descriptors beyond the caller's room would leak: they are closed.
-void take_fds(msghdr &header, ctlmsg *message)
+void take_fds(msghdr &header, std::span<int> room)
 {
-    const uint32_t room = message->nfds;
-    message->nfds = 0;
+    size_t taken = 0;
     for (cmsghdr *part = CMSG_FIRSTHDR(&header); part; part = CMSG_NXTHDR(&header, part)) {
         if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS)
             continue;
@@ -295,8 +296,8 @@ void take_fds(msghdr &header, ctlmsg *message)
         for (size_t i = 0; i < passed; ++i) {
             int fd;
             memcpy(&fd, CMSG_DATA(part) + i * sizeof fd, sizeof fd);
-            if (message->nfds < room)
-                message->fds[message->nfds++] = fd;
+            if (taken < room.size())
+                room[taken++] = fd;
             else
                 close(fd);
         }
@@ -307,6 +308,8 @@ void take_fds(msghdr &header, ctlmsg *message)
 
 ssize_t recv_ctlmsg(int fd, ctlmsg *message)
 {
+    const std::span<int> room(message->fds, message->nfds);
+    std::ranges::fill(room, -1);
     char buffer[ctlmsg_buffer_size];
     iovec piece = {buffer, sizeof buffer};
     alignas(cmsghdr) char control[CMSG_SPACE(most_passed_fds * sizeof(int))];
@@ -327,7 +330,7 @@ ssize_t recv_ctlmsg(int fd, ctlmsg *message)
     message->datalen = static_cast<uint32_t>(std::min<size_t>(data.size(), message->datalen));
     if (message->datalen > 0)
         memcpy(message->data, data.data(), message->datalen);
-    take_fds(header, message);
+    take_fds(header, room);
     return received;
 }
 
@@ -351,7 +354,7 @@ int get_host_addr(const char *name, sockaddr *addr, socklen_t addrlen)
 {
     if (!name)
         name = get_host_name();
-    if (!name || addrlen < sizeof(sockaddr_in))
+    if (!name || (addrlen != 0 && addrlen < sizeof(sockaddr_in)))
         return -1;
     const hostent *host = gethostbyname(name);
     if (!host || host->h_addrtype != AF_INET || !host->h_addr_list[0])

@@ -28,7 +28,7 @@ int udp_connect(int fd, const sockaddr *addr, socklen_t addrlen);
 struct ctlmsg {
     char name[32];
     int *fds;
-    uint32_t nfds; // on receipt: room in fds going in, descriptors that came going out
+    uint32_t nfds; // on receipt: room in fds, where places that no descriptor came for are -1
     void *data;
     uint32_t datalen; // on receipt: room in data going in, bytes that came going out
 };
@@ -47,6 +47,6 @@ int get_socket_error(int fd);
 // The machine's name in a static buffer, or null.
 const char *get_host_name();
 
-// Writes the family and first address of name (null: of this machine) into addr, whose port stays. Blocks
-// while the C library looks it up. 0 or -1.
+// Writes the family and first address of name (null: of this machine) into addr, whose port stays; a length
+// of 0 is not given. Blocks while the C library looks it up. 0 or -1.
 int get_host_addr(const char *name, sockaddr *addr, socklen_t addrlen);

@@ -10,7 +10,9 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -27,6 +29,27 @@ constexpr std::string_view nameserver = "nameserver";
 std::array<sockaddr_in, servers_max> servers;
 size_t server_count;
 
+// The file that the list was read from, as it was then. Some file systems keep whole seconds only.
+struct {
+    ino_t inode;
+    off_t size;
+    timespec modified;
+} seen;
+
+unique_fd open_server_list()
+{
+    unique_fd file = open_regular("/etc/resolv.conf");
+    return file ? std::move(file) : open_regular("resolv.conf");
+}
+
+bool has_changed(int file)
+{
+    struct stat now;
+    return fstat(file, &now) == 0 &&
+           (now.st_ino != seen.inode || now.st_size != seen.size ||
+            now.st_mtim.tv_sec != seen.modified.tv_sec || now.st_mtim.tv_nsec != seen.modified.tv_nsec);
+}
+
 void add_server(std::string_view line)
 {
     if (!line.starts_with(nameserver) || server_count == servers_max)
@@ -35,8 +58,29 @@ void add_server(std::string_view line)
     server.sin_family = AF_INET;
     server.sin_port = htons(dns_port);
     const std::string_view address = skip_space(line.substr(nameserver.size()));
-    if (parse_ipv4(address.data(), reinterpret_cast<uint8_t *>(&server.sin_addr)) == 0)
-        servers[server_count++] = server;
+    if (parse_ipv4(address.data(), reinterpret_cast<uint8_t *>(&server.sin_addr)) < 0)
+        return;
+    if (server.sin_addr.s_addr == INADDR_ANY) // this machine; it answers from its loopback address
+        server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    servers[server_count++] = server;
+}
+
+// False, with the list as it was, if the file cannot be read.
+bool read_servers(unique_fd list)
+{
+    struct stat now;
+    if (!list || fstat(list.get(), &now) < 0)
+        return false;
+    const unique_file file(fdopen(list.get(), "r"));
+    if (!file)
+        return false;
+    list.release();
+    server_count = 0;
+    seen = {now.st_ino, now.st_size, now.st_mtim};
+    char line[line_max + 1];
+    while (fgets(line, sizeof line, file.get()))
+        add_server(skip_space(line));
+    return true;
 }
 
 bool is_asked(const sockaddr_in &from)
@@ -75,16 +119,20 @@ void resolver_deliver(void *ctx)
     report(static_cast<resolver *>(ctx), RESOLVER_ANSWERED);
 }
 
+// -1 if no server of the list could be sent to.
 int resolver_send_requests(const resolver *res, std::span<const uint8_t> packet)
 {
+    size_t sent = 0;
     for (size_t i = 0; i < server_count; ++i) {
-        if (sendto(res->sock, packet.data(), packet.size(), 0, generic(servers[i]), sizeof servers[i]) < 0) {
+        if (sendto(res->sock, packet.data(), packet.size(), 0, generic(servers[i]), sizeof servers[i]) < 0)
             log_syserror(LOG_HERE);
-            log_failed(LOG_HERE);
-            return -1;
-        }
+        else
+            ++sent;
     }
-    return 0;
+    if (sent > 0 || server_count == 0)
+        return 0;
+    log_failed(LOG_HERE);
+    return -1;
 }
 
 int resolver_build_and_send_query(resolver *res)
@@ -171,16 +219,11 @@ bool wait_for_answer(resolver *res)
 int _resolver_init()
 {
     server_count = 0;
-    unique_file file = open_regular_file("/etc/resolv.conf");
-    if (!file)
-        file = open_regular_file("resolv.conf");
-    if (!file) {
+    seen = {};
+    if (!read_servers(open_server_list())) {
         log_trace(LOG_HERE, "cannot open resolv.conf");
         return -1;
     }
-    char line[line_max + 1];
-    while (fgets(line, sizeof line, file.get()))
-        add_server(skip_space(line));
     return static_cast<int>(server_count);
 }
 
@@ -213,13 +256,14 @@ void resolver_set_callback(resolver *res, void *ctx, resolver_answer fn)
 
 int resolver_query(resolver *res, const char *name)
 {
-    stop_waiting(res);
-    app_scheduler_remove(res, resolver_deliver);
-    res->attempts = 0;
-    if (!copy_text(res->name, name)) {
+    if (strlen(name) >= sizeof res->name) {
         log_failed(LOG_HERE);
         return -1;
     }
+    stop_waiting(res);
+    app_scheduler_remove(res, resolver_deliver);
+    res->attempts = 0;
+    copy_text(res->name, name);
     uint8_t address[4];
     if (is_dotted_quad(res->name, address)) {
         memcpy(res->result, address, sizeof address);
@@ -230,6 +274,9 @@ int resolver_query(resolver *res, const char *name)
         log_failed(LOG_HERE);
         return -1;
     }
+    unique_fd list = open_server_list();
+    if (has_changed(list.get()))
+        read_servers(std::move(list));
     res->result_len = -1;
     seed_random();
     for (uint8_t &byte : res->id)

@@ -38,14 +38,16 @@ struct resolver {
     int attempts; // passes over the servers, of this query
 };
 
-// Reads the name servers, 16 at most, for all resolvers. Their number, or -1 (logged) without a file.
+// Reads the name servers, 16 at most, for all resolvers. Their number, or -1 (logged) without a file. A query
+// reads them again if the file has changed since; one that has gone leaves the list as it is.
 int _resolver_init();
 
 // An idle resolver with its socket. 0, or -1 (logged) when the socket cannot be had.
 int resolver_init(resolver *res, uint16_t qtype, uint16_t qclass);
 void resolver_set_callback(resolver *res, void *ctx, resolver_answer fn);
 
-// 0 when the query is under way; -1, logged, when the name or the network does not allow it.
+// 0 when the query is under way; -1, logged, when the name does not allow it or no server can be sent to. A
+// name of more than 255 characters is refused before a query under way ends.
 int resolver_query(resolver *res, const char *name);
 
 // Copies the answer and returns its length: for A four bytes, for PTR and MX a name, for TXT a text, else the

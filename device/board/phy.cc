@@ -92,8 +92,17 @@ uint16_t value_of(const interface &of, const phy &at, uint16_t reg)
     return static_cast<uint16_t>(link == "up" ? value | BMSR_LSTATUS : value & ~BMSR_LSTATUS);
 }
 
-// The two ways that drivers have: the private request reads whatever address the bus has; with the standard
-// ones a driver knows its own PHYs.
+bool is_offered(const interface &of, unsigned long request)
+{
+    char text[16];
+    const auto mode = of.setting("mii", text);
+    if (mode == "registers")
+        return request == SIOCGMIIREG;
+    return mode == (request == private_mii_read ? "private" : "standard");
+}
+
+// The ways that drivers have: the private request reads whatever address the bus has, as does the one for
+// registers alone; with both standard ones a driver knows its own PHYs.
 int answer(const interface &of, unsigned long request, mii_ioctl_data &words)
 {
     phy found = {};
@@ -107,18 +116,11 @@ int answer(const interface &of, unsigned long request, mii_ioctl_data &words)
         return EIO;
     if (find_phy(of, &words.phy_id, found))
         words.val_out = value_of(of, found, words.reg_num);
-    else if (request == SIOCGMIIREG)
+    else if (request == SIOCGMIIREG && is_offered(of, SIOCGMIIPHY))
         return ENODEV;
     else
         words.val_out = nothing;
     return 0;
-}
-
-bool is_offered(const interface &of, unsigned long request)
-{
-    char text[16];
-    const auto mode = of.setting("mii", text);
-    return mode == (request == private_mii_read ? "private" : "standard");
 }
 
 } // namespace

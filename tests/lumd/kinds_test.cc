@@ -100,8 +100,11 @@ struct kinds : lumd_test {
         } else if (verb == "clock") {
             tm local = {};
             strptime((name + " " + rest).c_str(), "%y%m%d %H%M%S", &local);
-            local.tm_isdst = -1;
+            local.tm_isdst = rest.ends_with("summer") ? 1 : rest.ends_with("winter") ? 0 : -1;
             support::now_us = mktime(&local) * 1000000LL;
+            local.tm_mon = local.tm_isdst ? 0 : 6; // the other season is what the C library then goes by
+            local.tm_isdst = -1;
+            mktime(&local);
         } else {
             lumd_test::step(text);
         }
@@ -143,6 +146,13 @@ one count for all => service n;exec netmon eth0;service m;exec netmon eth1 => pa
 rx only => service n;exec netmon eth0 => packets 5 0 / start n / wait 2100 > up, n.start / packets 6 0 / wait 99999 / packets 7 0 / wait 99999
 a packet in time => service n;exec netmon eth0 => packets 5 1 / start n / wait 110000 > up, n.start / packets 6 2 / wait 99999
 wrap => service n;exec netmon eth0 => packets 4294967295 5 / start n / wait 2100 > up, n.start / packets 4294967296 6 / wait 125000)");
+    // Ends when the loop goes on, or tells that it had to wait.
+    write_script("/etc/init.d/eth0.restart",
+                 "for i in $(seq 100); do [ ! -e $BOARD_DIR/go ] || exit; sleep .05; done; >" +
+                     device_path("/held"));
+    play_all("lasts => service n;exec netmon eth0 => packets 5 0 / start n / wait 2100 > up, n.start / "
+             "packets 5 1 / wait 122200 > fail=1, eth0.restart / put go");
+    EXPECT_NE(access(device_path("/held").c_str(), F_OK), 0) << "the loop was held";
 }
 
 // Settings of the board, and what the link is by them.
@@ -154,7 +164,8 @@ link up = 1 / link down = 0 / mii standard = 1 / mii standard; link down = 0 / m
  / phys 0 0x7809 0x22 0x1619 0x101 = -1 / phys 1 0x380d 0x22 0x1619 0x101 = -1 / phys 1 0x7809 0x22 0x1619 0xe1 = -1
  / phys 1 0x7809 0x22 0x1619 0x102 = -1 / phys 1 0x7809 0xffff 0x1619 0x101 = -1 / phys 1 0x7809 0x22 0x1619 0x1e1 = 1
  / link as it is; phys 1 0x380d 1 1 0x101 2 0x7809 1 1 0x101 3 0x780d 1 1 0x101 = 0 / failing 1 = -1 / failing 2 = -1
- / failing 3 = -1 / failing 4 = -1 / mii standard; failing 1 = -1)";
+ / failing 3 = -1 / failing 4 = -1 / mii standard; failing 1 = -1 / mii registers = 1
+ / mii registers; phys 7 0x7809 0x22 0x1619 0x101; link down = 0 / mii registers; failing 1 = -1)";
     for (const std::string &row : split(cases.substr(1), " / ")) {
         new_board();
         for (const std::string &setting : split(row.substr(0, row.find(" =")), "; "))
@@ -191,6 +202,11 @@ the longest => service j;exec sched 255:255:255 /etc/j => clock 240110 000000 / 
 later on the day summer begins => service j;exec sched 5:00:00 /etc/j => clock 240331 003000 / start j > 12600/86400
 later on the day it ends => service j;exec sched 5:00:00 /etc/j => clock 241027 003000 / start j > 19800/86400
 the day before it begins, an hour late => service j;exec sched 5:00:00 /etc/j => clock 240330 120000 / start j > 61200/86400
+the hour that comes twice, first => service j;exec sched 2:30:00 /etc/j => clock 241027 021000 summer / start j > 1200/86400
+and again => service j;exec sched 2:30:00 /etc/j => clock 241027 021000 winter / start j > 1200/86400
+and over => service j;exec sched 2:30:00 /etc/j => clock 241027 041000 / start j > 80400/86400
+the hour that is skipped => service j;exec sched 2:30:00 /etc/j => clock 240331 015000 / start j > 2400/86400
+the second before 1970 => service j;exec sched 0:59:59 /etc/j => clock 700101 005950 / start j > 9/86400
 late on the day it ends => service j;exec sched 0:30:00 /etc/j => clock 241027 234500 / start j > 2700/86400
 what follows three numbers => service j;exec sched 5:00:00:x /etc/j => clock 240110 040000 / start j > 3600/86400
 set => service j;exec sched 3:0:0 /etc/j => clock 240110 020000 / start j > 3600/86400 / clock 240110 025958 / wait 1900 / wait 200 > j

@@ -4,18 +4,24 @@
 #include "device/board/board.h"
 #include "net/resolver.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <regex>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 namespace {
 
+using namespace std::string_literals;
+
+constexpr timespec long_ago[2] = {};
+
 // found: names are at 127.0.0.1; refused: no query can be made; lost: none ends; unknown: no name server;
 // noclock; deaf: the database takes nothing.
-std::string mode, asked_name;
+std::string mode, asked_name, asked_server;
 in_port_t server_port; // what goes to port 123 arrives here
 
 } // namespace
@@ -45,7 +51,10 @@ int QUERY(__wrap_)(resolver *res, const char *name)
 ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length)
 {
     sockaddr_in moved = *reinterpret_cast<const sockaddr_in *>(to);
-    if (to->sa_family == AF_INET && std::exchange(moved.sin_port, server_port) == htons(123))
+    const in_port_t port = to->sa_family == AF_INET ? ntohs(std::exchange(moved.sin_port, server_port)) : 0;
+    if (port == 53)
+        return asked_server = " "s + inet_ntoa(moved.sin_addr), static_cast<ssize_t>(size);
+    if (port == 123)
         to = reinterpret_cast<sockaddr *>(&moved);
     errno = EAGAIN;
     return mode == "deaf" && to->sa_family == AF_UNIX
@@ -98,14 +107,14 @@ struct ntp : lumd_test {
         while ((size = recv(database, packet, sizeof packet, MSG_DONTWAIT)) >= 0)
             note(std::string(packet, size_t(size)));
         if (!asked_name.empty() && mode != "found")
-            note("query " + std::exchange(asked_name, ""));
+            note("query " + std::exchange(asked_name, "") + std::exchange(asked_server, ""));
         seen = support::now_us;
         return false;
     }
     void load(const std::string &conf) override
     {
         lumd_test::load(conf);
-        began = seen = support::now_us, mode = "found";
+        began = seen = support::now_us, mode = "found", asked_name = asked_server = "";
     }
     std::string events() override
     {
@@ -123,6 +132,9 @@ struct ntp : lumd_test {
             syscall(SYS_sendto, server, packet, std::exchange(number, 0), 0, &client, client_size);
         if (verb == "mode")
             mode = text.substr(5);
+        else if (verb == "servers") // nothing but its text tells the file from the one before
+            support::write_file("/etc/resolv.conf", "nameserver " + text.substr(8)),
+                utimensat(AT_FDCWD, support::device_path("/etc/resolv.conf").c_str(), long_ago, 0);
         else if (verb == "answer" || verb == "wait" || verb == "count")
             support::run_until([&] { return look(); }, number);
         else
@@ -167,6 +179,8 @@ again => service n;exec ntp -h time.lan -h @(NONE -c 1 => start n > 0 1 time.lan
   / start n > 6000 1 time.lan 600 0 / wait 4900 > 6000 ask time.lan / wait 200 > 11000 ask time.lan
 late => service n;exec ntp -h 127.0.0.1 => start n > 0 0 127.0.0.1 600 0 / halt n / wait 9999 / start n > 9999 0 127.0.0.1 600 0
   / wait 10 > 9999 ask 127.0.0.1 / halt n / answer 48 1 / halt n / wait 9999 / start n > 20008 0 127.0.0.1 600 0 / stop n / wait 9999
+a start reads the servers => service n;exec ntp -h time.lan => mode unknown / servers 127.0.0.2 / start n > 0 0 time.lan 600 0, 0 query time.lan 127.0.0.2
+  / halt n / servers 127.0.0.3 / start n > 0 0 time.lan 600 0, 0 query time.lan 127.0.0.3
 )");
 }
 

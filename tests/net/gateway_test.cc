@@ -228,7 +228,8 @@ TEST_F(gateway_test, the_echo_asks_until_it_is_answered)
                 sendto(from, &reply[head], reply.size() - head, 0, generic(here), len);
         };
         set("ECHOSVR_ADDR", row.server), set("GKADDR", row.second);
-        const auto get = row.expected[0] == '1' ? get_gateway_addr : echo_gateway_addr;
+        sockaddr_in *(*const get)(const sockaddr *, socklen_t) =
+            row.expected[0] == '1' ? get_gateway_addr : echo_gateway_addr;
         const std::string got = outcome([&] { return errno = 0, get(generic(last), 16); });
         EXPECT_EQ(got == "none" && waited > 0, reason == ETIMEDOUT) << reason;
         EXPECT_EQ(got + " " + std::to_string(asked) + " " + std::to_string(waited), row.expected);
@@ -254,6 +255,7 @@ TEST(icmp_message, believes_what_lies_inside_the_packet)
         return icmp_returns_datagram(packet, 0x9234, 20001) ||
                icmp_find_route_entry(packet, 0x1234, entry, address);
     };
+    EXPECT_FALSE(believed(expired.substr(header.size()))) << "without a header of its own";
     for (const std::string &packet : {expired, route})
         for (size_t length = 0; length <= packet.size(); ++length)
             EXPECT_EQ(believed(packet.substr(0, length)), length == packet.size()) << length;

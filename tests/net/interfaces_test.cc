@@ -45,6 +45,7 @@ TEST_F(interfaces_test, scores)
 {
     std::istringstream rows(R"(
         10.0.0.2 255.0.0.0 10.9.9.9 5     192.168.1.2 255.255.255.0 192.168.2.3 2     8.8.4.1 255.255.255.0 8.8.9.1 4
+        10.0.0.2 255.255.255.0 8.9.9.9 0     8.8.4.1 255.255.255.0 10.9.9.9 0     11.0.0.2 255.255.255.0 9.9.9.9 2
         8.8.4.1 255.255.255.255 8.8.4.2 5     8.1.1.1 255.0.0.0 127.1.1.1 0     192.169.1.1 255.255.0.0 172.1.1.1 2)");
     for (std::string own, mask, dest, score; rows >> own >> mask >> dest >> score;) {
         const address from(own), of(mask), to(dest);
@@ -107,7 +108,7 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
     std::istringstream rows(R"(
         10.7.0.1:77 v1 1.2.3.4 10.7.0.1:77 -   0.0.0.0:77 v0 1.2.3.4 10.7.0.1:77 port=77   - v0 1.2.3.4 10.7.0.1 sockport:
         - w2 - - requested  0.0.0.0:7 - 10.7.2.5:9 10.7.2.1:7 -  0.0.0.0:78 - - 10.7.1.1:78 -   - - 10.6.0.1 - FAILED
-        - - 10.5.0.1 - FAILED   - nosuch - - name:)");
+        - - 10.5.0.1 - FAILED   - nosuch - - name:   0.0.0.0:1 v0 1.2.3.4 10.7.0.1:1 port=1)");
     if (access("/dev/net/tun", W_OK) < 0)
         puts("[   NOTE   ] without /dev/net/tun no interface has a peer");
     if (system("unshare -n true 2>/dev/null || unshare -rn true") != 0)
@@ -134,6 +135,19 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
                 EXPECT_TRUE(spoilt || said == "-" || log.has(said)) << log.text();
             });
             EXPECT_EQ(list(fd, 0).size() < 40, own[0] == '1') << "of a bound one, only its own";
+            address narrow(dest);
+            narrow.len = 15, log.clear();
+            EXPECT_EQ(getsockifaddr(fd, narrow.any, &narrow.len), -1);
+            EXPECT_TRUE(narrow.len == 15 && sockaddr_cmp(narrow.any, address(dest).any) == 0) << dest;
+            EXPECT_TRUE(log.has("FAILED: getsockifaddr"));
+        }
+        for (const auto &[fd, told] : {std::pair(socket(AF_UNIX, SOCK_DGRAM, 0), false),
+                                       {socket(AF_INET6, SOCK_DGRAM, 0), false},
+                                       {-1, true}}) {
+            address given("1.2.3.4");
+            log.clear();
+            EXPECT_EQ(getsockifaddr(fd, given.any, &given.len), -1);
+            EXPECT_EQ(log.has("FAILED: getsockifaddr"), told);
         }
         for (int flags = 0; flags < 32; ++flags)
             EXPECT_EQ(list(any, flags), list_of_ip(flags)) << flags;

@@ -4,6 +4,8 @@
 #include "tests/support/support.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -57,7 +59,7 @@ struct resolver_test : test {
 
     resolver_test()
     {
-        asked.clear(), packets = {"??"}, res.sock = -1;
+        asked.clear(), packets = {std::string(12, '?')}, res.sock = -1;
         sender = {AF_INET, htons(53), {inet_addr("127.0.0.2")}, {}};
         EXPECT_EQ(servers("nameserver 127.0.0.1\nnameserver 127.0.0.2\n") + init(RESOLVER_A), 2);
     }
@@ -107,11 +109,36 @@ TEST_F(resolver_test, five_passes_over_the_servers)
     EXPECT_NE(packets[1].substr(0, 2) + packets[11].substr(0, 2), "\x67\xC6\x69\x73"); // unseeded
     reply(reply_of(a));
     EXPECT_EQ(got(), "62@15000 62@30000 0@40000 \1\2\3\4") << "a late reply";
+}
+
+TEST_F(resolver_test, the_servers_are_those_of_the_file_as_it_is_now)
+{
     unlink("/etc/resolv.conf");
     EXPECT_TRUE(_resolver_init() == -1 && query("a.b") == 0);
     EXPECT_TRUE(log.messages().ends_with("_resolver_init: cannot open resolv.conf\n"));
-    EXPECT_EQ(got(), "62@15000 ");
-    EXPECT_EQ(packets.size(), 21u);
+    EXPECT_EQ(got() + asked, "62@15000 ");
+    const struct {
+        const char *address, *asked;
+        timespec modified; // seconds below 0: there is no file
+        bool is_new;
+    } cases[] = {{"0.0.0.0", "1@0 ", {100, 0}, false},     {"127.0.0.22", "22@0 ", {100, 0}, false},
+                 {"127.0.0.33", "33@0 ", {100, 1}, false}, {"127.0.0.44", "44@0 ", {101, 1}, false},
+                 {"127.0.0.55", "55@0 ", {101, 1}, true},  {"127.0.0.66", "55@0 ", {-1, 0}, false}};
+    for (const auto &row : cases) {
+        const std::string path = row.is_new ? "/etc/new" : "/etc/resolv.conf";
+        const timespec times[] = {row.modified, row.modified};
+        write_file(path, "nameserver "s + row.address + "\n");
+        utimensat(AT_FDCWD, device_path(path).c_str(), times, 0);
+        if (row.is_new)
+            rename(device_path(path).c_str(), device_path("/etc/resolv.conf").c_str());
+        if (row.modified.tv_sec < 0)
+            unlink(path.c_str());
+        asked.clear(), query("a.b"), sender.sin_addr = {inet_addr(row.address)};
+        if (sender.sin_addr.s_addr == INADDR_ANY) // answers from its loopback address
+            sender.sin_addr = {htonl(INADDR_LOOPBACK)};
+        reply(reply_of(a));
+        EXPECT_EQ(got(0) + asked, (row.modified.tv_sec < 0 ? "" : "0@0 \1\2\3\4"s) + row.asked);
+    }
 }
 
 TEST_F(resolver_test, only_a_reply_without_a_header_ends_the_query)
@@ -216,6 +243,11 @@ TEST_F(resolver_test, a_query_ends_the_one_before_and_release_ends_all)
             init(RESOLVER_A);
         }
     }
+    query("a.b");
+    EXPECT_EQ(query(std::string(256, 'x')), -1) << "refused without harm to the one under way";
+    EXPECT_STREQ(res.name, "a.b");
+    reply(reply_of(a));
+    EXPECT_EQ(got(), "0@0 \1\2\3\4");
     const auto release = [&] { resolver_release(&res); }; // from inside the callback
     for (const char *name : {"1.2.3.4", "a.b"}) {
         query(name), then = [&] { resolver_query(&res, "5.6.7.8"), then = release; };
@@ -238,9 +270,18 @@ TEST_F(resolver_test, a_call_that_fails_is_told)
     };
     scenario(); // the loop keeps what it needs for it
     EXPECT_EQ(for_each_failure(SOCKET | BIND | SENDTO | RECV | ALLOC, scenario), 46);
-    init(RESOLVER_A), query("a.b"), asked.clear(), fail_call(SENDTO, 2);
-    EXPECT_EQ(got(), "62@16000 ");
-    EXPECT_EQ(asked, "1@1000 1@2000 2@2000 1@4000 2@4000 1@7000 2@7000 1@11000 2@11000 ");
+    // A server that cannot be sent to leaves the others; a pass that reaches none does not count.
+    const std::string others = " 1@3000 2@3000 1@6000 2@6000 1@10000 2@10000 62@15000 ";
+    for (const auto &[first, all, expected] :
+         {std::tuple(1, false, "2@1000" + others),
+          {2, false, "1@1000" + others},
+          {1, true, "1@2000 2@2000 1@4000 2@4000 1@7000 2@7000 1@11000 2@11000 62@16000 "s}}) {
+        init(RESOLVER_A), query("a.b"), log.clear(), asked.clear(), fail_call(SENDTO, first, all);
+        EXPECT_TRUE(got(1500) == "" && end_failing() && log.has("SYSERROR: resolver_send_requests"));
+        EXPECT_EQ(log.has("FAILED: resolver_send_requests"), all);
+        const std::string status = got();
+        EXPECT_EQ(asked + status, expected);
+    }
     fail_call(ALLOC, 1);
     EXPECT_EQ(query("1.2.3.4"), -1);
 }

@@ -25,15 +25,17 @@ constexpr size_t rx_packets_column = 1, tx_packets_column = 9, statistics_column
 enum netmon_flags { NETMON_NO_WATCH = 1 };
 
 struct netmon_svcent : svcent {
-    timer *check_timer;
+    unique_timer check_timer;
     char device[16 + 1];
-    int sock;
+    unique_fd sock;
     int down_count;
     int flags;
-    timer *nopkt_timer;
+    unique_timer nopkt_timer;
     uint32_t last_rx;
     uint32_t last_tx;
     int nopkt_armed;
+
+    ~netmon_svcent() { log_trace(LOG_AS("netmon_release"), "netmon release!"); }
 };
 
 struct packet_counts {
@@ -42,11 +44,6 @@ struct packet_counts {
 
 // No-packet restarts since a packet came in on any interface.
 int restart_fail;
-
-netmon_svcent *as_netmon(void *entry)
-{
-    return static_cast<netmon_svcent *>(static_cast<svcent *>(entry));
-}
 
 // Counters have 64 bits, wherever long has 32; what is compared is how far they have moved.
 bool has_risen(uint32_t from, uint32_t to)
@@ -71,17 +68,24 @@ std::optional<packet_counts> parse_counts(const char *line, std::string_view dev
     return packet_counts{columns[rx_packets_column], columns[tx_packets_column]};
 }
 
+// Starting a timer that exists cannot fail.
+void check_started(int result)
+{
+    if (result < 0)
+        log_failed(LOG_HERE);
+}
+
 void take_counts(netmon_svcent *entry, packet_counts now)
 {
     if (has_risen(entry->last_tx, now.tx)) {
         if (!entry->nopkt_armed)
-            timer_start(entry->nopkt_timer, -1);
+            check_started(entry->nopkt_timer.start(0));
         entry->nopkt_armed = 1;
     }
     if (entry->last_rx == 0)
         entry->last_rx = now.rx;
     if (has_risen(entry->last_rx, now.rx)) {
-        timer_stop(entry->nopkt_timer);
+        entry->nopkt_timer.stop();
         entry->nopkt_armed = 0;
         restart_fail = 0;
     }
@@ -111,7 +115,7 @@ void link_up(netmon_svcent *entry)
     if (entry->state == SVCENT_STARTED)
         return;
     log_trace(LOG_AS("netmon_check"), "link up!");
-    run_script(entry->name, "start", 0);
+    run_script(entry->name.get(), "start", 0);
     entry->state = SVCENT_STARTED;
     lumd_processServiceCallback(entry->owner, SVCENT_EV_STARTED);
 }
@@ -125,21 +129,20 @@ void link_down(netmon_svcent *entry)
     if (entry->state == SVCENT_STOPPED)
         return;
     log_trace(LOG_AS("netmon_check"), "link down!");
-    run_script(entry->name, "stop", 0);
+    run_script(entry->name.get(), "stop", 0);
     entry->state = SVCENT_STOPPED;
     lumd_processServiceCallback(entry->owner, SVCENT_EV_STOPPED);
 }
 
-void netmon_check(void *ctx)
+void netmon_check(netmon_svcent *entry)
 {
-    netmon_svcent *entry = as_netmon(ctx);
     if (entry->flags & NETMON_NO_WATCH) {
-        timer_free(std::exchange(entry->check_timer, nullptr));
+        entry->check_timer.reset();
         link_up(entry);
         return;
     }
     checkpacket(entry);
-    timer_start(entry->check_timer, 1);
+    check_started(entry->check_timer.start());
     switch (get_link_status(entry->device)) {
     case 0:
         link_down(entry);
@@ -152,13 +155,12 @@ void netmon_check(void *ctx)
     }
 }
 
-void no_pack_recv(void *ctx)
+void no_pack_recv(netmon_svcent *entry)
 {
-    netmon_svcent *entry = as_netmon(ctx);
     ++restart_fail;
     log_trace(LOG_HERE, "%s restart fail=%d", entry->device, restart_fail);
     entry->nopkt_armed = 0;
-    timer_stop(entry->nopkt_timer);
+    entry->nopkt_timer.stop();
     run_script(entry->device, "restart", 0);
     if (restart_fail > restarts_before_reboot) {
         log_trace(LOG_HERE, "no packet receive, rebooting...");
@@ -184,76 +186,50 @@ const char *parse_words(char *const *words, int &flags)
     return *words;
 }
 
-// The timer in its place, made when there is none.
-bool have_timer(timer *&place, uint32_t period_ms, netmon_svcent *entry, timer_callback callback,
-                const char *name)
+int netmon_start(netmon_svcent *entry, int argc, char *const *argv, const svcfg *)
 {
-    if (!place)
-        place = timer_new(period_ms, entry, callback, name);
-    return place != nullptr;
-}
-
-int netmon_start(svcent *base, int argc, char *const *argv, const svcfg *)
-{
-    netmon_svcent *entry = as_netmon(base);
     int flags = 0;
     const char *device = parse_words(argv + (argc > 0), flags);
     if (!device)
         return -1;
     copy_text(entry->device, device);
-    if (entry->sock < 0)
-        entry->sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (entry->sock < 0)
+    if (!entry->sock)
+        entry->sock.reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!entry->sock)
         return -1;
     entry->flags = flags;
     if (!(flags & NETMON_NO_WATCH))
         entry->down_count = down_checks_after_start;
-    if (!have_timer(entry->check_timer, check_period_ms, entry, netmon_check, "netmon_check") ||
-        !have_timer(entry->nopkt_timer, no_packet_period_ms, entry, no_pack_recv, "no_pack_recv"))
+    if (entry->check_timer.set<netmon_check>(check_period_ms, entry, "netmon_check") < 0 ||
+        entry->nopkt_timer.set<no_pack_recv>(no_packet_period_ms, entry, "no_pack_recv") < 0 ||
+        entry->check_timer.start() < 0)
         return -1;
-    timer_start(entry->check_timer, 1);
     entry->last_rx = 0;
     entry->last_tx = 0;
     return 0;
 }
 
-int netmon_stop(svcent *base, char *const *)
+int netmon_stop(netmon_svcent *entry, char *const *)
 {
-    netmon_svcent *entry = as_netmon(base);
     entry->state = SVCENT_STOPPED;
-    if (entry->check_timer)
-        timer_stop(entry->check_timer);
-    run_script(entry->name, "stop", 0);
+    entry->check_timer.stop();
+    run_script(entry->name.get(), "stop", 0);
     return 0;
 }
 
-int netmon_reload(svcent *base, char *const *)
+int netmon_reload(netmon_svcent *entry, char *const *)
 {
-    run_script(base->name, "reload", 0);
+    run_script(entry->name.get(), "reload", 0);
     return 0;
 }
 
-int netmon_release(svcent *base)
-{
-    netmon_svcent *entry = as_netmon(base);
-    log_trace(LOG_HERE, "netmon release!");
-    timer_free(entry->check_timer);
-    timer_free(entry->nopkt_timer);
-    const unique_fd closed(entry->sock);
-    free_svcent(entry);
-    return 0;
-}
-
-constexpr svcent_ops operations = {netmon_start, netmon_stop, netmon_reload, netmon_release};
+constexpr const svcent_ops &operations =
+    operations_of<netmon_svcent, netmon_start, netmon_stop, netmon_reload>;
 
 } // namespace
 
 svcent *create_netmon_svcent(service_info *slot, const char *name)
 {
     log_trace(LOG_HERE, "create netmon svcent");
-    auto *entry = new_svcent<netmon_svcent>(LOG_HERE, &operations, slot, name);
-    if (!entry)
-        return nullptr;
-    entry->sock = -1;
-    return entry;
+    return new_svcent<netmon_svcent>(LOG_HERE, &operations, slot, name);
 }

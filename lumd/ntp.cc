@@ -43,7 +43,7 @@ constexpr size_t words_max = svcfg_exec_max;
 enum ntp_sync { NTP_FAILED = -1, NTP_NEVER = 0, NTP_SYNCHRONISED = 1 };
 
 struct ntp_svcent : svcent {
-    int sock;
+    unique_fd sock;
     int probe_count; // tries a cycle, 0 without limit
     char hostname[host_name_max + 1];
     int interval; // seconds from a success to the next cycle
@@ -51,15 +51,21 @@ struct ntp_svcent : svcent {
     uint16_t local_port;
     ::resolver resolver;
     sockaddr_in server;
-    timer *retry_timer;
+    unique_timer retry_timer;
     std::array<uint8_t, packet_size> reply;
     int sync;
     bool told; // NTP_SYNC has been set, since the last reply if there was one
+
+    ~ntp_svcent() { close_sockets(); }
+    void close_sockets();
 };
 
-ntp_svcent *as_ntp(void *entry)
+void ntp_svcent::close_sockets()
 {
-    return static_cast<ntp_svcent *>(static_cast<svcent *>(entry));
+    app_remove_ctx(this);
+    sock.reset();
+    retry_timer.stop();
+    resolver_release(&resolver);
 }
 
 __attribute__((format(printf, 1, 2))) void print(const char *format, ...)
@@ -72,18 +78,12 @@ __attribute__((format(printf, 1, 2))) void print(const char *format, ...)
 
 // ---- cycles -------------------------------------------------------------------------------------------
 
-void ntp_retry(void *ctx);
+void ntp_retry(ntp_svcent *entry);
 
 void arm_retry(ntp_svcent *entry, uint32_t period_ms)
 {
-    if (!entry->retry_timer)
-        entry->retry_timer = timer_new(period_ms, static_cast<svcent *>(entry), ntp_retry, "ntp_retry");
-    if (!entry->retry_timer) {
+    if (entry->retry_timer.start<ntp_retry>(period_ms, entry, "ntp_retry") < 0)
         log_failed(LOG_HERE);
-        return;
-    }
-    entry->retry_timer->period_ms = period_ms;
-    timer_start(entry->retry_timer, 1);
 }
 
 void ntp_schedule(ntp_svcent *entry)
@@ -101,18 +101,18 @@ bool publish()
     return syscfg_set_flags("NTP_SYNC", "1", SYSCFG_NOREPLY) == 0;
 }
 
-void ntp_resolverCallback(void *ctx, resolver *, int status);
+void ntp_resolverCallback(ntp_svcent *entry, resolver *, int status);
 
-// Its socket may not have been there to be had at the try before.
+// Opening the socket may have failed last time.
 void open_resolver(ntp_svcent *entry)
 {
     resolver_release(&entry->resolver);
     if (resolver_init(&entry->resolver, RESOLVER_A, RESOLVER_IN) < 0)
         log_failed(LOG_AS("ntp_start"));
-    resolver_set_callback(&entry->resolver, static_cast<svcent *>(entry), ntp_resolverCallback);
+    resolver_set_callback(&entry->resolver, entry, typed<ntp_resolverCallback>::call);
 }
 
-// The timer makes up for a query that could not be made, or whose end nobody tells.
+// The timer covers a query that cannot be made, or that ends without a callback.
 void begin_try(ntp_svcent *entry)
 {
     if (entry->resolver.sock < 0)
@@ -122,9 +122,8 @@ void begin_try(ntp_svcent *entry)
         arm_retry(entry, reply_wait_ms);
 }
 
-void ntp_retry(void *ctx)
+void ntp_retry(ntp_svcent *entry)
 {
-    ntp_svcent *entry = as_ntp(ctx);
     if (entry->probe_count != 0 && entry->tries >= entry->probe_count) {
         log_trace(LOG_HERE, "get ntp failed");
         if (entry->sync == NTP_NEVER)
@@ -154,17 +153,16 @@ void tryServer(ntp_svcent *entry)
     memcpy(&entry->server.sin_addr, answer.data(), sizeof entry->server.sin_addr);
     const std::array<uint8_t, packet_size> request = {client_request};
     const auto *to = reinterpret_cast<const sockaddr *>(&entry->server);
-    if (sendto(entry->sock, request.data(), request.size(), MSG_DONTWAIT, to, sizeof entry->server) !=
+    if (sendto(entry->sock.get(), request.data(), request.size(), MSG_DONTWAIT, to, sizeof entry->server) !=
         static_cast<ssize_t>(request.size()))
         log_syserror(LOG_HERE);
 }
 
-void ntp_resolverCallback(void *ctx, resolver *, int status)
+void ntp_resolverCallback(ntp_svcent *entry, resolver *, int status)
 {
-    ntp_svcent *entry = as_ntp(ctx);
     if (status != RESOLVER_ANSWERED) {
         log_trace(LOG_HERE, "resolver error\n");
-        ntp_retry(ctx);
+        ntp_retry(entry);
         return;
     }
     tryServer(entry);
@@ -190,8 +188,7 @@ void take_time(ntp_svcent *entry)
     const timeval now = ntp_to_timeval(entry->reply);
     if (settimeofday(&now, nullptr) < 0)
         log_syserror(LOG_AS("ntp_recvCallback"));
-    if (entry->retry_timer)
-        timer_stop(entry->retry_timer);
+    entry->retry_timer.stop();
     entry->sync = NTP_SYNCHRONISED;
     entry->told = publish();
     ntp_schedule(entry);
@@ -201,7 +198,7 @@ void take_time(ntp_svcent *entry)
 bool receive(ntp_svcent *entry)
 {
     constexpr char func[] = "ntp_recvCallback";
-    const ssize_t length = recv(entry->sock, entry->reply.data(), entry->reply.size(), MSG_DONTWAIT);
+    const ssize_t length = recv(entry->sock.get(), entry->reply.data(), entry->reply.size(), MSG_DONTWAIT);
     if (length < 0 && errno == EAGAIN)
         return false;
     if (length < 0)
@@ -213,9 +210,9 @@ bool receive(ntp_svcent *entry)
     return length < static_cast<ssize_t>(packet_size);
 }
 
-void ntp_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
+void ntp_recvCallback(ntp_svcent *entry, int events, int fd, app_fd_handler *)
 {
-    if ((events & APP_EV_READ) && !receive(as_ntp(ctx)))
+    if ((events & APP_EV_READ) && !receive(entry))
         return;
     if (events & APP_EV_ERROR)
         log_trace(LOG_HERE, "%s", strerror(get_socket_error(fd)));
@@ -322,57 +319,38 @@ unique_fd open_socket(uint16_t port)
     return sock;
 }
 
-void close_sockets(ntp_svcent *entry)
+int ntp_start(ntp_svcent *entry, int argc, char *const *argv, const svcfg *)
 {
-    app_remove_ctx(static_cast<svcent *>(entry));
-    const unique_fd closed(std::exchange(entry->sock, -1));
-    if (entry->retry_timer)
-        timer_stop(entry->retry_timer);
-    resolver_release(&entry->resolver);
-}
-
-int ntp_start(svcent *base, int argc, char *const *argv, const svcfg *)
-{
-    ntp_svcent *entry = as_ntp(base);
     log_trace(LOG_HERE, "start ntp");
-    close_sockets(entry);
+    entry->close_sockets();
     if (!configure(entry, argc, argv))
         return -1;
     unique_fd sock = open_socket(entry->local_port);
     if (!sock)
         return -1;
-    if (app_add_fd(sock.get(), POLLIN, base, ntp_recvCallback) < 0) {
+    if (app_add_fd<ntp_recvCallback>(sock.get(), POLLIN, entry) < 0) {
         log_failed(LOG_HERE);
         return -1;
     }
-    entry->sock = sock.release();
+    entry->sock = std::move(sock);
     entry->tries = 0;
     _resolver_init();
     begin_try(entry);
     return 0;
 }
 
-int ntp_stop(svcent *base, char *const *)
+int ntp_stop(ntp_svcent *entry, char *const *)
 {
-    close_sockets(as_ntp(base));
+    entry->close_sockets();
     return 0;
 }
 
-int ntp_reload(svcent *, char *const *)
+int ntp_reload(ntp_svcent *, char *const *)
 {
     return -1;
 }
 
-int ntp_release(svcent *base)
-{
-    ntp_svcent *entry = as_ntp(base);
-    close_sockets(entry);
-    timer_free(entry->retry_timer);
-    free_svcent(entry);
-    return 0;
-}
-
-constexpr svcent_ops operations = {ntp_start, ntp_stop, ntp_reload, ntp_release};
+constexpr const svcent_ops &operations = operations_of<ntp_svcent, ntp_start, ntp_stop, ntp_reload>;
 
 } // namespace
 
@@ -383,7 +361,6 @@ svcent *create_ntp_svcent(service_info *slot, const char *name)
     if (!entry)
         return nullptr;
     entry->interval = usual_interval_s;
-    entry->sock = -1;
     entry->resolver.sock = -1;
     _resolver_init();
     return entry;

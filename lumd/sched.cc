@@ -19,8 +19,8 @@ constexpr size_t variable_name_max = 30;
 
 struct sched_svcent : svcent {
     int interval; // seconds between the runs after the first
-    ::timer *timer;
-    char *path; // own
+    unique_timer timer;
+    unique_text path;
 };
 
 // When to run first, in seconds from now, and then how often.
@@ -32,11 +32,6 @@ struct schedule {
 struct time_of_day {
     uint8_t hour, minute, second;
 };
-
-sched_svcent *as_sched(void *entry)
-{
-    return static_cast<sched_svcent *>(static_cast<svcent *>(entry));
-}
 
 // A whole decimal number.
 template <typename Number>
@@ -138,40 +133,44 @@ const char *resolve_spec(const svcent *entry, const char *spec)
 
 void drop_schedule(sched_svcent *entry)
 {
-    timer_free(std::exchange(entry->timer, nullptr));
-    free(std::exchange(entry->path, nullptr));
+    entry->timer.reset();
+    entry->path.reset();
 }
 
-void sched_do(void *ctx)
+void sched_do(sched_svcent *entry);
+
+int start_timer(sched_svcent *entry, int seconds)
 {
-    const sched_svcent *entry = as_sched(ctx);
-    log_trace(LOG_HERE, "%s", entry->path);
-    entry->timer->period_ms = static_cast<uint32_t>(entry->interval) * 1000;
-    timer_start(entry->timer, 1);
+    return entry->timer.start<sched_do>(static_cast<uint32_t>(seconds) * 1000, entry, "sched_do");
+}
+
+void sched_do(sched_svcent *entry)
+{
+    log_trace(LOG_HERE, "%s", entry->path.get());
+    if (start_timer(entry, entry->interval) < 0)
+        log_failed(LOG_HERE);
     child_reaper_init();
-    char *const argv[] = {entry->path, nullptr};
-    if (spawn_child(entry->path, argv, [] {}) < 0)
+    char *const argv[] = {entry->path.get(), nullptr};
+    if (spawn_child(entry->path.get(), argv, [] {}) < 0)
         log_syserror(LOG_HERE);
 }
 
 int arm(sched_svcent *entry, schedule when, const char *path)
 {
     entry->interval = when.interval;
-    entry->path = new_text(path);
-    entry->timer = timer_new(static_cast<uint32_t>(when.first) * 1000, entry, sched_do, "sched_do");
-    if (!entry->path || timer_start(entry->timer, 1) < 0) {
+    entry->path.reset(new_text(path));
+    if (!entry->path || start_timer(entry, when.first) < 0) {
         log_failed(LOG_AS("sched_start"));
         drop_schedule(entry);
         return -1;
     }
     log_trace(LOG_AS("sched_start"), "sched=%p timer=%p interval=%d/%d path=%s", static_cast<void *>(entry),
-              static_cast<void *>(entry->timer), when.first, when.interval, path);
+              static_cast<const void *>(entry->timer.get()), when.first, when.interval, path);
     return 0;
 }
 
-int sched_start(svcent *base, int argc, char *const *argv, const svcfg *)
+int sched_start(sched_svcent *entry, int argc, char *const *argv, const svcfg *)
 {
-    sched_svcent *entry = as_sched(base);
     drop_schedule(entry);
     if (argc < 3 || !argv[2]) {
         log_trace(LOG_HERE, "missing argument\n");
@@ -195,28 +194,21 @@ int sched_start(svcent *base, int argc, char *const *argv, const svcfg *)
     return 0;
 }
 
-int sched_stop(svcent *base, char *const *)
+int sched_stop(sched_svcent *entry, char *const *)
 {
-    drop_schedule(as_sched(base));
+    drop_schedule(entry);
     return 0;
 }
 
 // The manager starts it again, and the variable is read afresh.
-int sched_reload(svcent *base, char *const *)
+int sched_reload(sched_svcent *entry, char *const *)
 {
-    drop_schedule(as_sched(base));
-    lumd_processServiceCallback(base->owner, SVCENT_EV_STOPPED);
+    drop_schedule(entry);
+    lumd_processServiceCallback(entry->owner, SVCENT_EV_STOPPED);
     return 0;
 }
 
-int sched_release(svcent *base)
-{
-    drop_schedule(as_sched(base));
-    free_svcent(as_sched(base));
-    return 0;
-}
-
-constexpr svcent_ops operations = {sched_start, sched_stop, sched_reload, sched_release};
+constexpr const svcent_ops &operations = operations_of<sched_svcent, sched_start, sched_stop, sched_reload>;
 
 } // namespace
 

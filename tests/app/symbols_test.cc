@@ -74,6 +74,7 @@ TEST_F(symbols_test, an_executable_is_checked_in_order_and_nothing_is_read_beyon
         {[](auto &i) { i.strings.sh_offset = ~0u; }, ""}, {[](auto &i) { i.strings.sh_size = sizeof i; }, ""},
         {[](auto &i) { i.strings.sh_size = 32; }, "one10-15 three30-35 "},
         {[](auto &i) { i.functions[3].st_name = 33; }, "one10-15 last50-55 "}, {[](auto &i) { i.table.sh_link = 3; }, no_names},
+        {[](auto &i) { i = image(), std::swap(i.strings, i.table), i.strings.sh_link = i.head.e_shnum = 2; }, no_names}, // one beyond the last
         {[](auto &i) { i.head.e_shnum = 0xffff, i.table.sh_link = 0xfffe; }, no_names},
         {[](auto &i) { i.head.e_shoff = sizeof i - 1; }, no_table}, {[](auto &i) { i.head.e_shoff = static_cast<ElfW(Off)>(-8); }, no_table}};
     image worse; // from the last check to the first: what is checked earlier is told first

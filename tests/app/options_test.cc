@@ -46,6 +46,7 @@ struct start {
     std::string says = {}, home = {}, etc = {}, environment = {};
     unsigned failing = 0;
     int refused = 0;
+    bool refused_again = false; // SIGALRM, after its first time
 };
 
 [[noreturn]] void begin(const start &how)
@@ -61,6 +62,11 @@ struct start {
     refused_signal = how.refused;
     fail_call(how.failing, 1);
     app_init(static_cast<int>(argv.size()), argv.data(), options, "try");
+    if (how.refused_again) {
+        device_prefixes = {"/dev/"}; // no dump on the machine's own console
+        refused_signal = SIGALRM;
+        close(STDIN_FILENO), raise(SIGALRM);
+    }
     print_error("%s", shown().c_str());
     _exit(0);
 }
@@ -97,6 +103,8 @@ TEST_F(options_test, the_command_line_is_taken_up_to_an_unknown_option_or_what_e
     expect(255, {{{"-nv", "5"}, "option \"-n\"" + lacks}, {{"-N1"}, "option \"-N\"" + lacks}, {{"-vn"}, "option \"-n\"" + lacks},
                  {{"--text"}, "option \"--text\"" + lacks}, {{"--number", "-5"}, "option \"--number\"" + lacks},
                  {.line = {"-v"}, .failing = ALLOC}, {.says = "signal error: Invalid argument!!!!!!!!!!!!!!\n", .refused = SIGALRM}});
+    const std::string told = "SIGALRM caught!{6}\nsignal error: Invalid argument\n";
+    EXPECT_EXIT(begin({.refused_again = true}), testing::ExitedWithCode(1), told);
     const captured_log log;
     const app_option none[] = {{nullptr, 0, nullptr, APP_OPT_FLAG}};
     char argument[] = "x", *argv[] = {argument, argument};

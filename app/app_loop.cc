@@ -150,7 +150,7 @@ int app_run()
             log_syserror(LOG_HERE);
         const int timeout = timer_run_expired();
         compact();
-        const int woken = poll_slots(timeout);
+        const int woken = poll_slots(quit ? 0 : timeout);
         if (woken > 0)
             dispatch_sock_events(woken);
     }

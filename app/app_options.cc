@@ -336,12 +336,6 @@ bool take_line(const app_option *options, char *line)
     return entry != nullptr;
 }
 
-void load_file(const app_option *options, const char *path)
-{
-    if (const unique_file file = open_regular_file(path))
-        app_conf_load(options, file.get());
-}
-
 __attribute__((format(printf, 2, 3))) void load_default(const app_option *options, const char *format, ...)
 {
     char path[path_size];
@@ -349,8 +343,9 @@ __attribute__((format(printf, 2, 3))) void load_default(const app_option *option
     va_start(args, format);
     const int length = vsnprintf(path, sizeof path, format, args);
     va_end(args);
-    if (length >= 0 && length < static_cast<int>(sizeof path))
-        load_file(options, path);
+    const bool fits = length >= 0 && length < static_cast<int>(sizeof path);
+    if (const unique_file file = fits ? open_regular_file(path) : nullptr)
+        app_conf_load(options, file.get());
 }
 
 void free_record(app_optrec *record)
@@ -448,7 +443,9 @@ void app_conf_load_all(const app_option *options, const char *appname)
     for (const app_option *entry = options; entry->name; ++entry) {
         const char *path = entry->type == APP_OPT_CONFIG ? app_opt_get(entry->name, 0, 0) : nullptr;
         if (path) {
-            load_file(options, path);
+            // A user who names the file may name a pipe.
+            if (const unique_file file{fopen(path, "re")})
+                app_conf_load(options, file.get());
             return;
         }
     }

@@ -47,7 +47,7 @@ int debug_server_fd = -1;
 // the kernel's own pages above it. Sanitizers think that nobody may read other functions' frames.
 __attribute__((no_sanitize("address"))) std::optional<frame_record> frame_at(uintptr_t p, uintptr_t low)
 {
-    const bool on_stack = low >= stack_begin && p >= low && p <= stack_top && p < stack_end &&
+    const bool on_stack = p >= stack_begin && p >= low && p <= stack_top && p < stack_end &&
                           stack_end - p >= sizeof(frame_record);
     if (!on_stack || p % alignof(frame_record) != 0)
         return {};

@@ -3,8 +3,9 @@
 //
 // A dump is one line a function, innermost first, "NUMBER: NAME:[ADDRESS]", with "????" for a function
 // without a name. Line 0 is where the program was interrupted. It goes to the debug server of
-// debug_server_init, to descriptor 0 (the console of the device), which is closed then, and to the serial
-// console. Each of them is tried whatever becomes of the others, and none is waited for longer than a moment.
+// debug_server_init, to descriptor 0 (the console of the device), which is closed then (after SIGALRM it is
+// the null device), and to the serial console. Each of them is tried whatever becomes of the others, and none
+// is waited for longer than a moment.
 //
 // Everything from dump_stack on may run in a signal handler: nothing allocates, nothing but the stack and the
 // table of symbols is read, and both handlers hold all other signals off, since a dump's buffers are static.
@@ -15,8 +16,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// The walk from the frame of frame pointer fp upwards, through frames that lie above low, in the stack:
-// stores at most max return addresses and returns how many.
+// The walk from the frame of frame pointer fp upwards, through frames that lie in the stack and not below
+// low: stores at most max return addresses and returns how many.
 int backtrace_walk(uintptr_t fp, uintptr_t low, void **out, int max);
 
 // The return addresses of the frames from the caller's caller on; returns how many, at most max.

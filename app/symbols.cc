@@ -24,7 +24,6 @@ using own_layout = std::conditional_t<sizeof(void *) == 4, elf32_layout, elf64_l
 
 constexpr size_t line_max = 255;
 constexpr size_t path_max = 255;
-constexpr rlim_t most_stack = 64 << 20; // where there is no limit
 
 symbol *symbols;
 
@@ -43,12 +42,13 @@ Copied *wanted(Copied *memory, const char *call)
     return memory;
 }
 
-// The kernel maps nothing else into the room that the stack may grow into.
+// The kernel maps nothing else into the room that the stack may grow into. Without a limit this is more than
+// the upper quarter of the addresses below the stack's end.
 void note_stack(uintptr_t end)
 {
     rlimit limit;
-    const rlim_t size =
-        getrlimit(RLIMIT_STACK, &limit) < 0 ? most_stack : std::min(most_stack, limit.rlim_cur);
+    const rlim_t quarter = end / 4;
+    const rlim_t size = getrlimit(RLIMIT_STACK, &limit) < 0 ? quarter : std::min(quarter, limit.rlim_cur);
     stack_end = end;
     stack_begin = end - static_cast<uintptr_t>(size);
 }

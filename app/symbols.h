@@ -15,7 +15,8 @@ struct symbol {
 // The highest end address of all mappings of the process, 0 until they have been read.
 extern uintptr_t stack_top;
 
-// The main thread's stack: a stack pointer from here on, and all above it up to stack_end, can be read.
+// The main thread's stack: what lies above a stack pointer in [stack_begin, stack_end) can be read, up to its
+// end.
 extern uintptr_t stack_begin;
 extern uintptr_t stack_end;
 

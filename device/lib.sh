@@ -1,6 +1,9 @@
 # Shared by the scripts that run the virtual device.
 # shellcheck shell=bash
 
+# Servers and mounting are the administrator's: not on the PATH of a Debian user.
+PATH=$PATH:/usr/sbin:/sbin
+
 die() {
     echo "${0##*/}: $*" >&2
     exit 1

@@ -2,6 +2,8 @@
 # shellcheck shell=bash
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 exec </dev/null
+# Programs of the administrator, too: they are not on the PATH of a Debian user.
+PATH=$PATH:/usr/sbin:/sbin
 
 die() {
     echo "${0##*/}: $*" >&2

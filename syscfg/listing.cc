@@ -10,58 +10,82 @@
 namespace {
 
 constexpr char log_module[] = "syscfg";
-constexpr long quick_retry_ns = 2000000;
-constexpr long slow_retry_ns = 200000000; // for readers who have taken nothing for 2 s
-constexpr int most_quick_retries = 1000;
-constexpr int most_lists = 16;
+constexpr int first_retry_ms = 2;
+constexpr int last_retry_ms = 200;
+constexpr int crowd_patience_ms = 1000;
+constexpr int max_of_stranger = max_kept / 2;
 constexpr size_t line_size = 1024 + 1;
+
+constexpr std::string_view sent = "!OK";
+constexpr std::string_view given_up = "!ERR";
 
 // A list under way. The variables are fixed after start-up, so its place among them stays valid.
 struct listing {
     listing *next;
     int server_fd;
-    const syscfg_var *at; // next to be sent; null when only the closing "!OK" is left
+    const syscfg_var *at; // next to be sent; null when only the end is left
+    std::string_view end;
     requester to;
-    int idle_retries;
+    int retry_ms; // grows while nothing is taken
+    int left_ms;  // until the next retry
+    int64_t still_ms;
 };
 
 listing *lists; // oldest first
-int list_count;
 
 // While there are lists. Not one of the loop's timers: those stand still for as long as the wall clock is set
 // back, and somebody waits for these lines.
 int retry_fd = -1;
+int armed_ms;
+int crowded_ms; // without room for lists in the server's buffer
 
-// Sends on until all is sent (true) or the requester's queue is full.
+// Sends on until all is sent (true), the requester's queue is full, or lists have their share of the buffer.
 bool advance(listing &list)
 {
     while (list.at) {
         char line[line_size];
         const int length = snprintf(line, sizeof line, ">%s=\"%s\"\n", list.at->name, list.at->text());
         const size_t cut = std::min(static_cast<size_t>(length), sizeof line - 1);
-        if (!try_reply(list.server_fd, list.to, {line, cut}))
+        if (is_crowded(list.server_fd) || !try_reply(list.server_fd, list.to, {line, cut}))
             return false;
         list.at = list.at->next;
-        list.idle_retries = 0;
     }
-    return try_reply(list.server_fd, list.to, "!OK");
+    return try_reply(list.server_fd, list.to, list.end);
+}
+
+// The same, minding how long nothing has been taken.
+bool retry(listing &list)
+{
+    const syscfg_var *before = list.at;
+    if (advance(list))
+        return true;
+    if (list.at != before) {
+        list.retry_ms = first_retry_ms;
+        list.still_ms = 0;
+    } else if (!is_crowded(list.server_fd)) {
+        list.retry_ms = std::min(2 * list.retry_ms, last_retry_ms);
+    }
+    list.left_ms = list.retry_ms;
+    return false;
 }
 
 void retry_callback(void *, int, int fd, app_fd_handler *);
 
-bool retry_every(int fd, long period_ns)
+bool arm(int fd, int ms)
 {
-    const itimerspec period = {{0, period_ns}, {0, period_ns}};
+    const timespec time = {0, ms * 1000000L};
+    const itimerspec period = {time, time};
+    armed_ms = ms;
     return timerfd_settime(fd, 0, &period, nullptr) == 0;
 }
 
 bool start_retries()
 {
     unique_fd fd(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    if (!fd || !retry_every(fd.get(), quick_retry_ns) ||
-        app_add_fd(fd.get(), POLLIN, nullptr, retry_callback) < 0)
+    if (!fd || !arm(fd.get(), first_retry_ms) || app_add_fd(fd.get(), POLLIN, nullptr, retry_callback) < 0)
         return false;
     retry_fd = fd.release();
+    crowded_ms = 0;
     return true;
 }
 
@@ -76,15 +100,67 @@ void remove_list(listing **at)
     listing *list = *at;
     *at = list->next;
     free(list);
-    --list_count;
     if (!lists)
         stop_retries();
 }
 
-void give_up(listing **at, const char *why)
+// Some of the lists; whose depends on the user.
+using choice = bool (*)(const listing &list, uid_t user);
+
+bool holds_place(const listing &list, uid_t)
+{
+    return list.end == sent;
+}
+
+bool is_of_user(const listing &list, uid_t user)
+{
+    return holds_place(list, user) && list.to.uid == user;
+}
+
+bool is_given_up(const listing &list, uid_t)
+{
+    return list.end == given_up;
+}
+
+int count_lists(choice chosen, uid_t user)
+{
+    int count = 0;
+    for (const listing *list = lists; list; list = list->next)
+        count += chosen(*list, user) ? 1 : 0;
+    return count;
+}
+
+// The one of which nothing has been taken for longest, or null when all are being read.
+listing **longest_still(choice chosen, uid_t user)
+{
+    listing **longest = nullptr;
+    for (listing **at = &lists; *at; at = &(*at)->next) {
+        if (chosen(**at, user) && (*at)->retry_ms > first_retry_ms &&
+            (!longest || (*at)->still_ms > (*longest)->still_ms))
+            longest = at;
+    }
+    return longest;
+}
+
+// The requester may have no room for that yet. As many are told later as there are places.
+void give_up(listing **at)
+{
+    listing *list = *at;
+    list->at = nullptr;
+    list->end = given_up;
+    if (retry(*list))
+        return remove_list(at);
+    if (count_lists(is_given_up, 0) <= max_kept)
+        return;
+    listing **oldest = &lists;
+    while (!is_given_up(**oldest, 0))
+        oldest = &(*oldest)->next;
+    remove_list(oldest);
+}
+
+void log_given_up(const char *why)
 {
     log_trace(LOG_AS("send_list"), "list given up: %s", why);
-    remove_list(at);
 }
 
 void retry_callback(void *, int, int fd, app_fd_handler *)
@@ -92,56 +168,74 @@ void retry_callback(void *, int, int fd, app_fd_handler *)
     uint64_t expirations;
     if (read(fd, &expirations, sizeof expirations) < 0)
         return;
-    bool hurry = false;
+    crowded_ms = is_crowded(lists->server_fd) ? crowded_ms + armed_ms : 0;
+    if (crowded_ms >= crowd_patience_ms) {
+        renew_server_socket(lists->server_fd);
+        crowded_ms = 0;
+    }
+    int next_ms = last_retry_ms;
     for (listing **at = &lists; *at;) {
-        if (advance(**at)) {
+        listing &list = **at;
+        list.still_ms += armed_ms;
+        list.left_ms -= armed_ms;
+        if (list.left_ms <= 0 && crowded_ms == 0 && retry(list)) {
             remove_list(at);
             continue;
         }
-        int &idle = (*at)->idle_retries;
-        idle = std::min(idle + 1, most_quick_retries);
-        hurry = hurry || idle < most_quick_retries;
-        at = &(*at)->next;
+        next_ms = std::min(next_ms, std::max(list.left_ms, first_retry_ms));
+        at = &list.next;
     }
     if (lists)
-        retry_every(fd, hurry ? quick_retry_ns : slow_retry_ns);
+        arm(fd, next_ms);
 }
 
-// Keeps what is left of a list. False when something for it cannot be had.
-bool keep_list(const listing &list)
+// Keeps what is left of a list, as the newest; its place, or null when something for it cannot be had.
+listing **keep_list(const listing &list)
 {
     auto *kept = new_record<listing>();
-    if (!kept || !(lists ? retry_every(retry_fd, quick_retry_ns) : start_retries())) {
+    if (!kept || !(lists ? armed_ms == first_retry_ms || arm(retry_fd, first_retry_ms) : start_retries())) {
         free(kept);
-        return false;
+        return nullptr;
     }
     *kept = list;
     listing **end = &lists;
     while (*end)
         end = &(*end)->next;
     *end = kept;
-    ++list_count;
-    return true;
+    return end;
 }
 
 } // namespace
 
 void send_list(const syscfg *db, const requester &to)
 {
-    listing list = {nullptr, db->server_fd, db->vars, to, 0};
+    listing list = {nullptr, db->server_fd, db->vars, sent, to, first_retry_ms, first_retry_ms, 0};
     if (advance(list))
         return;
-    if (list_count == most_lists)
-        give_up(&lists, "too many are under way");
-    if (!keep_list(list))
+    listing **newest = keep_list(list);
+    if (!newest) {
         log_failed(LOG_HERE);
+        try_reply(list.server_fd, to, given_up);
+        return;
+    }
+    choice too_many = nullptr;
+    if (count_lists(holds_place, to.uid) > max_kept)
+        too_many = holds_place;
+    if (to.uid != geteuid() && count_lists(is_of_user, to.uid) > max_of_stranger)
+        too_many = is_of_user;
+    if (!too_many)
+        return;
+    log_given_up("too many are under way");
+    listing **still = longest_still(too_many, to.uid);
+    give_up(still ? still : newest);
 }
 
 void end_list(const requester &to)
 {
     for (listing **at = &lists; *at; at = &(*at)->next) {
         if (same_requester((*at)->to, to)) {
-            give_up(at, "its requester asks anew");
+            log_given_up("its requester asks anew");
+            remove_list(at);
             return;
         }
     }

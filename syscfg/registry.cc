@@ -269,7 +269,7 @@ int writeregistry(const char *device, const char *name, const void *data, int le
         errno = EOVERFLOW;
         return fail_seek(write_seek_first, static_cast<int>(found->offset / block_size * block_size));
     }
-    if (length < 0 || static_cast<uint32_t>(length) > found->capacity) {
+    if (!data || length < 0 || static_cast<uint32_t>(length) > found->capacity) {
         print_error("%s:%d: registry %s overflow!\n", module, write_overflow, name);
         return -1;
     }

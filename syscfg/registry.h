@@ -20,7 +20,8 @@ bool registry_header_valid(const uint8_t *header);
 int readregistry(const char *device, const char *name, void *buffer, int buffer_size, off_t base);
 
 // length, once all of data is on the device and synced; -1 with the device possibly half-written otherwise.
-// A device without a valid header gets the default one: "hwinfo" of 512 and "syscfg" of 65,536 bytes.
+// A device without a valid header gets the default one: "hwinfo" of 512 and "syscfg" of 65,536 bytes. Null
+// data is refused like data that does not fit: length is then that of a text too long to be built.
 int writeregistry(const char *device, const char *name, const void *data, int length, off_t base);
 
 // The two partitions of the device: hardware information, and everything else.

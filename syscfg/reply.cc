@@ -1,20 +1,31 @@
 #include "syscfg/reply.h"
 
+#include "app/log.h"
+#include "app/memory.h"
+#include "app/text.h"
+
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <sys/socket.h>
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 
 namespace {
 
+constexpr char log_module[] = "syscfg";
+constexpr int send_buffer = 4 * 1024 * 1024;
 constexpr int64_t patience_us = 200000;
 constexpr int64_t recovery = 8;
+constexpr uid_t unknown_user = static_cast<uid_t>(-1);
 
 int64_t patience_left_us = patience_us;
 int64_t last_wait_us;
+int64_t full_since_us; // since our own buffer was full and has not been half empty; or 0
 
 int64_t monotonic_us()
 {
@@ -23,10 +34,69 @@ int64_t monotonic_us()
     return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
+const char *kind_of(mode_t mode)
+{
+    return S_ISDIR(mode) ? "a directory" : S_ISFIFO(mode) ? "a FIFO" : S_ISSOCK(mode) ? "a socket" : "a file";
+}
+
+// Frees the name for the socket. What another user has put there can be beyond our rights.
+void remove_path()
+{
+    if (unlink(server_path) == 0 || errno == ENOENT)
+        return;
+    const int error = errno;
+    const unique_fd there(open(server_path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat found;
+    if (there && fstat(there.get(), &found) == 0)
+        log_trace(LOG_AS("open_server_socket"), "cannot remove %s, %s of user %u: %s", server_path,
+                  kind_of(found.st_mode), static_cast<unsigned>(found.st_uid), strerror(error));
+}
+
 ssize_t send_to(int server_fd, const requester &to, std::string_view text, int flags)
 {
     return sendto(server_fd, text.data(), text.size(), flags, reinterpret_cast<const sockaddr *>(&to.addr),
                   to.len);
+}
+
+bool is_full_error(int error)
+{
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+// Whether unread answers take our own buffer divided by that.
+bool has_taken(int server_fd, int divisor)
+{
+    int unread = 0;
+    int size = 0;
+    socklen_t length = sizeof size;
+    return ioctl(server_fd, SIOCOUTQ, &unread) == 0 &&
+           getsockopt(server_fd, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && unread >= size / divisor;
+}
+
+// Waits for room as long as there is patience. False when there was none.
+bool send_patiently(int server_fd, const requester &to, std::string_view text)
+{
+    int64_t now = monotonic_us();
+    patience_left_us = std::min(patience_us, patience_left_us + (now - last_wait_us) / recovery);
+    bool sent = false;
+    // The socket of the requester is not ours to poll, so the wait is a send with a time-out.
+    while (!sent && patience_left_us > 0) {
+        const timeval timeout = {0, static_cast<suseconds_t>(patience_left_us)};
+        setsockopt(server_fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+        sent = send_to(server_fd, to, text, 0) >= 0 || (!is_full_error(errno) && errno != EINTR);
+        const int64_t before = now;
+        now = monotonic_us();
+        patience_left_us -= std::max<int64_t>(now - before, 1);
+    }
+    last_wait_us = now;
+    return sent;
+}
+
+// Whether room has not come back for as long as an answer waits. One who takes an answer for every two that
+// he asks for makes none for others.
+bool stays_full()
+{
+    return full_since_us != 0 && monotonic_us() - full_since_us >= patience_us;
 }
 
 } // namespace
@@ -36,26 +106,84 @@ bool same_requester(const requester &a, const requester &b)
     return a.len == b.len && memcmp(&a.addr, &b.addr, a.len) == 0;
 }
 
-bool try_reply(int server_fd, const requester &to, std::string_view text)
+int open_server_socket()
 {
-    return send_to(server_fd, to, text, MSG_DONTWAIT) >= 0 || (errno != EAGAIN && errno != EWOULDBLOCK);
+    unique_fd sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    if (!sock || setsockopt(sock.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) < 0)
+        return -1;
+    // A few requesters who do not read would use up the default.
+    if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof send_buffer) < 0)
+        setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
+    sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    copy_text(addr.sun_path, server_path);
+    remove_path();
+    if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) < 0)
+        return -1;
+    return sock.release();
 }
 
-// The socket of the requester is not ours to poll, so the wait is a send with a time-out.
+// The descriptor stays the same, so neither the loop nor a list under way has to know.
+bool renew_server_socket(int server_fd)
+{
+    full_since_us = 0;
+    const unique_fd fresh(open_server_socket());
+    if (!fresh || dup3(fresh.get(), server_fd, O_CLOEXEC) < 0) {
+        log_syserror(LOG_HERE);
+        return false;
+    }
+    log_trace(LOG_HERE, "unread answers fill the socket, another one takes its place");
+    return true;
+}
+
+// Descriptors that a stranger adds are not taken: the credentials, which come first, use up the room.
+ssize_t receive_request(int server_fd, std::span<char> request, requester &from)
+{
+    iovec text = {request.data(), request.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    msghdr message = {};
+    message.msg_name = &from.addr;
+    message.msg_namelen = sizeof from.addr;
+    message.msg_iov = &text;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t length = recvmsg(server_fd, &message, MSG_DONTWAIT);
+    if (length < 0)
+        return -1;
+    from.addr.sun_family = AF_UNIX;
+    // The kernel counts a terminator behind a path that fills the address.
+    from.len = std::min<socklen_t>(message.msg_namelen, sizeof from.addr);
+    from.uid = unknown_user;
+    const cmsghdr *sender = CMSG_FIRSTHDR(&message);
+    if (sender && sender->cmsg_level == SOL_SOCKET && sender->cmsg_type == SCM_CREDENTIALS) {
+        ucred credentials;
+        memcpy(&credentials, CMSG_DATA(sender), sizeof credentials);
+        from.uid = credentials.uid;
+    }
+    return length;
+}
+
+bool is_crowded(int server_fd)
+{
+    return has_taken(server_fd, 2);
+}
+
+bool try_reply(int server_fd, const requester &to, std::string_view text)
+{
+    const bool done = send_to(server_fd, to, text, MSG_DONTWAIT) >= 0 || !is_full_error(errno);
+    if (full_since_us != 0 && !is_crowded(server_fd))
+        full_since_us = 0;
+    else if (full_since_us == 0 && !done && has_taken(server_fd, 1))
+        full_since_us = monotonic_us();
+    return done;
+}
+
 void reply(int server_fd, const requester &to, std::string_view text)
 {
-    if (try_reply(server_fd, to, text))
+    if (try_reply(server_fd, to, text) || send_patiently(server_fd, to, text))
         return;
-    int64_t now = monotonic_us();
-    patience_left_us = std::min(patience_us, patience_left_us + (now - last_wait_us) / recovery);
-    bool done = false;
-    while (!done && patience_left_us > 0) {
-        const timeval timeout = {0, static_cast<suseconds_t>(patience_left_us)};
-        setsockopt(server_fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-        done = send_to(server_fd, to, text, 0) >= 0 || errno != EINTR;
-        const int64_t before = now;
-        now = monotonic_us();
-        patience_left_us -= std::max<int64_t>(now - before, 1);
-    }
-    last_wait_us = now;
+    if (stays_full() && renew_server_socket(server_fd))
+        try_reply(server_fd, to, text);
 }

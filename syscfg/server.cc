@@ -16,12 +16,9 @@
 namespace {
 
 constexpr char log_module[] = "syscfg";
-constexpr char server_path[] = "/tmp/.syscfg-server";
 constexpr size_t request_max = 1024;
 constexpr size_t answer_max = 4096;
 constexpr size_t format_buffer_size = 128;
-constexpr int most_waiters = 1024;
-constexpr int send_buffer = 4 * 1024 * 1024;
 constexpr int most_applied_names = 1000;
 
 constexpr std::string_view ok = "!OK";
@@ -97,43 +94,71 @@ void drop_gone_waiters(const syscfg *db)
     }
 }
 
-// The oldest waiter of a variable is the last of its list.
-syscfg_waiter **last_waiter(syscfg_var *var)
+using waiter_place = syscfg_waiter **; // what points to it
+
+uint32_t age_of(waiter_place at)
 {
-    syscfg_waiter **at = &var->waiters;
-    while ((*at)->next_waiter)
-        at = &(*at)->next_waiter;
-    return at;
+    return next_serial - (*at)->serial;
 }
 
-void drop_oldest_waiter(const syscfg *db)
+// By user, by address, the oldest first.
+bool is_before(waiter_place a, waiter_place b)
 {
-    syscfg_waiter **oldest = nullptr;
-    uint32_t oldest_age = 0;
-    for (syscfg_var *var = db->vars; var; var = var->next) {
-        if (!var->waiters)
-            continue;
-        syscfg_waiter **last = last_waiter(var);
-        const uint32_t age = next_serial - (*last)->serial;
-        if (!oldest || age > oldest_age) {
-            oldest = last;
-            oldest_age = age;
-        }
+    const requester &from_a = (*a)->from;
+    const requester &from_b = (*b)->from;
+    if (from_a.uid != from_b.uid)
+        return from_a.uid < from_b.uid;
+    if (from_a.len != from_b.len)
+        return from_a.len < from_b.len;
+    const int order = memcmp(&from_a.addr, &from_b.addr, from_a.len);
+    return order != 0 ? order < 0 : age_of(a) > age_of(b);
+}
+
+bool same_user(const requester &a, const requester &b)
+{
+    return a.uid == b.uid;
+}
+
+// Of sorted waiters, the most whose requesters are the same; of as many, those that begin with the oldest.
+std::span<waiter_place> largest_group(std::span<waiter_place> all,
+                                      bool (*same)(const requester &, const requester &))
+{
+    std::span<waiter_place> largest;
+    for (size_t begin = 0, end; begin < all.size(); begin = end) {
+        end = begin + 1;
+        while (end < all.size() && same((*all[begin])->from, (*all[end])->from))
+            ++end;
+        const size_t size = end - begin;
+        if (size > largest.size() || (size == largest.size() && age_of(all[begin]) > age_of(largest[0])))
+            largest = all.subspan(begin, size);
     }
-    if (!oldest)
+    return largest;
+}
+
+// The user who holds the most places, at the address that holds the most of those, gives up the oldest.
+void drop_waiter(const syscfg *db)
+{
+    waiter_place places[max_kept];
+    size_t count = 0;
+    for (syscfg_var *var = db->vars; var; var = var->next) {
+        for (waiter_place at = &var->waiters; *at && count < max_kept; at = &(*at)->next_waiter)
+            places[count++] = at;
+    }
+    if (count == 0)
         return;
-    log_trace(LOG_HERE, "more than %d waits, dropped: %s=%s", most_waiters, (*oldest)->name,
-              (*oldest)->text());
-    try_reply(db->server_fd, (*oldest)->from, error);
-    unlink_waiter(oldest);
+    std::sort(places, places + count, is_before);
+    const waiter_place at = largest_group(largest_group({places, count}, same_user), same_requester)[0];
+    log_trace(LOG_HERE, "more than %d waits, dropped: %s=%s", max_kept, (*at)->name, (*at)->text());
+    try_reply(db->server_fd, (*at)->from, error);
+    unlink_waiter(at);
 }
 
 void keep_waiter(const syscfg *db, syscfg_var *var, syscfg_waiter *waiter, const requester &from)
 {
-    if (waiter_count == most_waiters)
+    if (waiter_count == max_kept)
         drop_gone_waiters(db);
-    if (waiter_count == most_waiters)
-        drop_oldest_waiter(db);
+    if (waiter_count == max_kept)
+        drop_waiter(db);
     waiter->from = from;
     waiter->serial = next_serial++;
     waiter->next_waiter = var->waiters;
@@ -315,40 +340,17 @@ void handle_request(syscfg *db, std::string_view request, const requester &from)
 
 } // namespace
 
-int open_server_socket()
-{
-    unique_fd sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!sock)
-        return -1;
-    // Replies that nobody reads count against our own buffer: a few stuck requesters would use up the
-    // default.
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof send_buffer) < 0)
-        setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    copy_text(addr.sun_path, server_path);
-    unlink(server_path);
-    if (bind(sock.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) < 0)
-        return -1;
-    return sock.release();
-}
-
 void syscfg_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
 {
     auto *db = static_cast<syscfg *>(ctx);
     if (events & APP_EV_READ) {
         char request[request_max + 1];
         requester from;
-        from.len = sizeof from.addr;
-        const ssize_t length = recvfrom(fd, request, request_max, MSG_DONTWAIT,
-                                        reinterpret_cast<sockaddr *>(&from.addr), &from.len);
+        const ssize_t length = receive_request(fd, {request, request_max}, from);
         if (length <= 0) {
             log_failed(LOG_HERE);
         } else {
             request[length] = '\0';
-            from.addr.sun_family = AF_UNIX;
-            // The kernel counts a terminator behind a path that fills the address.
-            from.len = std::min<socklen_t>(from.len, sizeof from.addr);
             if (is_own_address(from)) {
                 log_trace(LOG_HERE, "an answer of our own came back: %s", request);
                 return;

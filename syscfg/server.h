@@ -1,8 +1,9 @@
 // The configuration server: one request a datagram, answered on a local socket (see docs/protocol.md).
 //
 // Requests are handled one at a time and to completion, except that a wait is kept until its value is set and
-// a list goes on while its reader is slow. A kept wait holds a place among 1,024; one more drops the oldest,
-// which is told "!ERR". Only assignments through the socket release waiters.
+// a list goes on while its reader is slow. A kept wait holds a place among 1,024; one more takes the place of
+// a requester that has gone, or else the user who holds the most gives up the oldest of the address that
+// holds the most, which is told "!ERR". Only assignments through the socket release waiters.
 #pragma once
 
 #include "app/app.h"
@@ -15,9 +16,6 @@ struct syscfg_waiter : syscfg_var {
     requester from;
     uint32_t serial;
 };
-
-// A bound, close-on-exec server socket, or -1 with errno set.
-int open_server_socket();
 
 // The loop's callback for the server socket; ctx is the database.
 void syscfg_recvCallback(void *ctx, int events, int fd, app_fd_handler *handler);

@@ -129,8 +129,8 @@ size_t print_saved_text(const syscfg *db)
     for (const syscfg_var *var = db->vars; var; var = var->next) {
         if (!var->value || (var->flags & VAR_NOSAVE))
             continue;
-        // What follows the line end would be read as an assignment of its own.
-        if (strchr(var->value, '\n')) {
+        // The saved line ends the value at a quote, and takes what follows a line end for another assignment.
+        if (strpbrk(var->value, "\"\n")) {
             log_trace(LOG_AS("save_syscfg"), "cannot be saved: %s", var->name);
             continue;
         }
@@ -199,9 +199,9 @@ int load_syscfg(syscfg *db)
 int save_syscfg(syscfg *db, bool apply)
 {
     const size_t length = print_saved_text(db);
-    // What is not all there must not be saved; no blob has room for that many bytes, so the registry refuses.
-    const int offered = length <= text_buffer_size ? static_cast<int>(length) : INT_MAX;
-    const int written = registry_write(registry_name, text_buffer, offered);
+    // What is not all there must not be saved, whatever room its blob has.
+    const char *text = length <= text_buffer_size ? text_buffer : nullptr;
+    const int written = registry_write(registry_name, text, static_cast<int>(length));
     if (written < 0)
         print_error("failed to save syscfg\n");
     if (apply)

@@ -5,7 +5,8 @@
 // loaded in this order, each over the one before: hardware information (once, at start-up), constants,
 // defaults, saved values. Constants and hardware information make their variables read-only as they first
 // give them a value, so what comes later leaves those alone. Saving writes every variable that has a value
-// and may be saved to flash.
+// and may be saved to flash; a value with a quote or a line end would come back as another, and is told and
+// left out.
 #pragma once
 
 #include "syscfg/types.h"

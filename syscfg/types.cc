@@ -287,10 +287,23 @@ int take_small_number(std::string_view &text)
     return number;
 }
 
-// One conversion of one int, and nothing that makes printf read another argument or work for long.
+// Whether text contains no conversion: a '%' stands for itself only when it is doubled.
+bool is_plain_text(std::string_view text)
+{
+    while (!text.empty()) {
+        const bool percent = text.front() == '%';
+        if (percent && !text.starts_with("%%"))
+            return false;
+        text.remove_prefix(percent ? 2 : 1);
+    }
+    return true;
+}
+
+// One conversion of one int with plain text behind it, and nothing that makes printf read another argument or
+// print more than an answer holds.
 bool is_safe_conversion(std::string_view text)
 {
-    constexpr int widest = 64;
+    constexpr int widest = 127;
     text.remove_prefix(std::min(text.find_first_not_of("-+ #0"), text.size()));
     if (take_small_number(text) > widest)
         return false;
@@ -299,7 +312,10 @@ bool is_safe_conversion(std::string_view text)
         if (take_small_number(text) > widest)
             return false;
     }
-    return text.size() == 1 && std::string_view("diuoxX").find(text.front()) != std::string_view::npos;
+    const bool resized = text.starts_with('h');
+    text.remove_prefix(text.starts_with("hh") ? 2 : resized ? 1 : 0);
+    const std::string_view kinds = resized ? "diuoxX" : "diuoxXc";
+    return !text.empty() && kinds.find(text.front()) != kinds.npos && is_plain_text(text.substr(1));
 }
 
 const char *get_integer(const syscfg_var *var, const char *option, std::span<char> buffer)

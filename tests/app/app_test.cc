@@ -329,12 +329,21 @@ TEST_F(app_test, the_loop_polls_twice_a_pass_and_ends_with_the_code)
             EXPECT_EQ(log.messages(), failing == 1 ? "SYSERROR: app_run: Interrupted system call\n" : "");
         });
     }
-    isolated([this] { // what is due at the end still runs
-        a.then = [] { app_quit(1); };
-        const owned t = started(0, -1, a);
-        EXPECT_EQ(app_run(), 1);
-        EXPECT_EQ(ran, std::string(1001, 'a'));
-    });
+    const std::tuple<const char *, std::function<void()>, std::string> quits[] = {
+        {"timer", [this] { started(0, 1, a).release(); }, "a"},
+        {"what is due at the end still runs", [this] { started(0, -1, a).release(); },
+         std::string(1001, 'a')},
+        {"deferred call", [this] { app_scheduler_add(&a, perform, 1); }, "a"},
+        {"descriptor of the first poll",
+         [this] { add(a, ready), a.then = [this] { app_quit(1), remove(a); }; }, "ar"}};
+    for (const auto &[from, prepare, runs] : quits) {
+        isolated([&, from = from, &prepare = prepare, &runs = runs] {
+            a.then = [] { app_quit(1); };
+            prepare();
+            EXPECT_EQ(app_run(), 1) << from;
+            EXPECT_EQ(ran, runs) << from;
+        });
+    }
 }
 
 TEST_F(app_test, without_memory_a_registration_fails_and_harms_nothing)

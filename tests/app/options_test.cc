@@ -46,6 +46,7 @@ struct start {
     std::string says = {}, home = {}, etc = {}, environment = {};
     unsigned failing = 0;
     int refused = 0;
+    bool refused_again = false; // SIGALRM, after its first time
 };
 
 [[noreturn]] void begin(const start &how)
@@ -61,6 +62,11 @@ struct start {
     refused_signal = how.refused;
     fail_call(how.failing, 1);
     app_init(static_cast<int>(argv.size()), argv.data(), options, "try");
+    if (how.refused_again) {
+        device_prefixes = {"/dev/"}; // no dump on the machine's own console
+        refused_signal = SIGALRM;
+        close(STDIN_FILENO), raise(SIGALRM);
+    }
     print_error("%s", shown().c_str());
     _exit(0);
 }
@@ -76,6 +82,15 @@ void expect(int code, const std::vector<start> &starts)
     }
 }
 
+// What reads it finds this text and then its end.
+unique_fd pipe_of(std::string_view text)
+{
+    int ends[2] = {-1, -1};
+    EXPECT_TRUE(pipe(ends) == 0 && write(ends[1], text.data(), text.size()) > 0);
+    close(ends[1]);
+    return unique_fd(ends[0]);
+}
+
 using options_test = test;
 
 TEST_F(options_test, the_command_line_is_taken_up_to_an_unknown_option_or_what_ends_the_program)
@@ -88,6 +103,8 @@ TEST_F(options_test, the_command_line_is_taken_up_to_an_unknown_option_or_what_e
     expect(255, {{{"-nv", "5"}, "option \"-n\"" + lacks}, {{"-N1"}, "option \"-N\"" + lacks}, {{"-vn"}, "option \"-n\"" + lacks},
                  {{"--text"}, "option \"--text\"" + lacks}, {{"--number", "-5"}, "option \"--number\"" + lacks},
                  {.line = {"-v"}, .failing = ALLOC}, {.says = "signal error: Invalid argument!!!!!!!!!!!!!!\n", .refused = SIGALRM}});
+    const std::string told = "SIGALRM caught!{6}\nsignal error: Invalid argument\n";
+    EXPECT_EXIT(begin({.refused_again = true}), testing::ExitedWithCode(1), told);
     const captured_log log;
     const app_option none[] = {{nullptr, 0, nullptr, APP_OPT_FLAG}};
     char argument[] = "x", *argv[] = {argument, argument};
@@ -115,14 +132,15 @@ TEST_F(options_test, a_value_is_what_its_type_wants_and_set_when_it_says_true_or
 TEST_F(options_test, the_command_line_wins_over_home_home_over_etc_and_etc_over_the_environment)
 {
     const auto home = [](size_t size) { return "HOME=" + device_root + std::string(size - device_root.size(), '/'); };
-    const std::string other = device_path("/other");
+    const unique_fd pipe = pipe_of("number=9\n");
+    const std::string other = device_path("/other"), piped = "/dev/fd/" + std::to_string(pipe.get());
     write_file("/other", "number=8"), write_file("/.tryr", "text=cut");
     expect(0, {{{"-n", "1"}, "m=:1 n=[1]:1! t=[2]! ", "number=2\ntext=2", "text=3\nmany", "T_NUMBER=4"},
                {{}, "n=[3]:3! ", "number=x", "number=3", "T_NUMBER=4"}, {{}, "n=[4]:4! ", "", "", "T_NUMBER=4"}, {{}, "", "", "", "T_NUMBER=x"},
                {{"-v"}, "v=[] ", "", "", "T_VERBOSE=x"}, {{"-m"}, "m=:2 ", "", "", "T_MANY="}, {{}, "T=[a]^ ", "", "texts=a", "T_TEXTS=b"},
                {{"-c", other}, "n=[8]:8! t=[4]! c=[" + other + "] ", "text=2", "text=3", "T_TEXT=4"},
-               {{"-c", "/etc"}, "c=[/etc] ", "text=2", "text=3"}, {{}, "t=[2]! c=[/] ", "text=2", "", "T_CONFIG=/"},
-               {{}, "t=[3]! ", "text=2", "text=3", "HOME"}, {{}, "t=[2]! ", "text=2", "", home(120)},
+               {{"-c", piped}, "n=[9]:9! c=[" + piped + "] ", "text=2", "text=3"}, {{"-c", "/etc"}, "c=[/etc] ", "text=2", "text=3"},
+               {{}, "t=[2]! c=[/] ", "text=2", "", "T_CONFIG=/"}, {{}, "t=[3]! ", "text=2", "text=3", "HOME"}, {{}, "t=[2]! ", "text=2", "", home(120)},
                {{}, "t=[3]! ", "text=2", "text=3", home(121)}});
 }
 

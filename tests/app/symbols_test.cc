@@ -74,6 +74,7 @@ TEST_F(symbols_test, an_executable_is_checked_in_order_and_nothing_is_read_beyon
         {[](auto &i) { i.strings.sh_offset = ~0u; }, ""}, {[](auto &i) { i.strings.sh_size = sizeof i; }, ""},
         {[](auto &i) { i.strings.sh_size = 32; }, "one10-15 three30-35 "},
         {[](auto &i) { i.functions[3].st_name = 33; }, "one10-15 last50-55 "}, {[](auto &i) { i.table.sh_link = 3; }, no_names},
+        {[](auto &i) { i = image(), std::swap(i.strings, i.table), i.strings.sh_link = i.head.e_shnum = 2; }, no_names}, // one beyond the last
         {[](auto &i) { i.head.e_shnum = 0xffff, i.table.sh_link = 0xfffe; }, no_names},
         {[](auto &i) { i.head.e_shoff = sizeof i - 1; }, no_table}, {[](auto &i) { i.head.e_shoff = static_cast<ElfW(Off)>(-8); }, no_table}};
     image worse; // from the last check to the first: what is checked earlier is told first
@@ -130,8 +131,8 @@ TEST_F(symbols_test, a_walk_ends_where_the_frames_do_and_knows_callers_by_name)
         EXPECT_TRUE(stack_begin < at(0) && at(5) < stack_end && stack_end <= stack_top && stack_end - stack_begin <= 8u << 20);
         for (const auto &[max, found] : {std::pair{8, 5}, {5, 5}, {3, 3}, {0, 0}, {-1, 0}})
             EXPECT_EQ(walk(fp(3), at(0), max), found);
-        for (const uintptr_t low : {at(0) + 1, uintptr_t(0), stack_begin - 1, stack_end})
-            EXPECT_EQ(walk(fp(3), low, 8), 0) << low;
+        for (const auto &[low, found] : {std::pair{at(0) + 1, 0}, {stack_end, 0}, {stack_begin - 1, 5}, {uintptr_t(0), 5}})
+            EXPECT_EQ(walk(fp(3), low, 8), found) << low;
         const uintptr_t end = stack_end + frame_record_below_fp, word = sizeof(void *), none = 0;
         for (const uintptr_t third : {fp(3) + 1, fp(2), fp(1), fp(0), none, word, end, end - word, end + 8 * word, -word, stack_begin})
             EXPECT_EQ(walk(third, at(0), 8), 3) << third;
@@ -143,6 +144,11 @@ TEST_F(symbols_test, a_walk_ends_where_the_frames_do_and_knows_callers_by_name)
         EXPECT_EQ(outer(names, 20), 0);
         stack_top = at(1);
         EXPECT_EQ(walk(fp(3), at(0), 8), 2);
+        rlimit limit = {};
+        getrlimit(RLIMIT_STACK, &limit), limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_STACK, &limit), getrlimit(RLIMIT_STACK, &limit); // not taken by an emulator
+        symbols_load();
+        EXPECT_GE(stack_end - stack_begin, std::min<rlim_t>(limit.rlim_cur, 256 << 20));
     });
 }
 

@@ -358,6 +358,7 @@ FAILING(RECV, -1, ssize_t, recv, (int fd, void *data, size_t size, int flags), _
 FAILING(RECV, -1, ssize_t, recvfrom,
         (int fd, void *data, size_t size, int flags, sockaddr *from, socklen_t *len),
         __real_recvfrom(fd, data, size, flags, from, len))
+FAILING(RECV, -1, ssize_t, recvmsg, (int fd, msghdr *message, int flags), __real_recvmsg(fd, message, flags))
 FAILING(LISTEN, -1, int, listen, (int fd, int backlog), __real_listen(fd, backlog))
 FAILING(SETSOCKOPT, -1, int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
         __real_setsockopt(fd, level, name, value, size))

@@ -75,7 +75,7 @@ enum calls : unsigned {
     SETSOCKOPT = 1024,
     POLL = 2048,
     MKFIFO = 4096,
-    RECV = 8192, // recv, recvfrom
+    RECV = 8192, // recv, recvfrom, recvmsg
     PIPE = 16384,
     VFORK = 32768,
     IOCTL = 65536,

@@ -3,7 +3,10 @@
 #include "tests/syscfg/fixture.h"
 
 #include <chrono>
+#include <deque>
+#include <fstream>
 #include <numeric>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -15,10 +18,9 @@ class client {
   public:
     explicit client(const std::string &name)
     {
-        sockaddr_un addr = {AF_UNIX, {}};
-        device_path("/tmp/" + name).copy(addr.sun_path, sizeof addr.sun_path - 1);
+        device_path("/tmp/" + name).copy(own.sun_path, sizeof own.sun_path - 1);
         if (!name.empty())
-            EXPECT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+            EXPECT_EQ(bind(fd, generic(own), sizeof own), 0);
     }
     ~client() { close(fd); }
     client(const client &) = delete;
@@ -26,8 +28,31 @@ class client {
 
     void send(const std::string &request) const
     {
-        const sockaddr_un to = {AF_UNIX, "/tmp/.syscfg-server"};
-        sendto(fd, request.data(), request.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+        sendto(fd, request.data(), request.size(), 0, generic(server), sizeof server);
+    }
+    // As another user, which takes root; the answer to it, too.
+    std::string ask_as(uid_t user, std::string request) const
+    {
+        sockaddr_un to = {AF_UNIX, {}};
+        device_path(server.sun_path).copy(to.sun_path, sizeof to.sun_path - 1);
+        iovec text = {request.data(), request.size()};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))] = {};
+        const msghdr message = {&to, sizeof to, &text, 1, control, sizeof control, 0};
+        const ucred sender = {getpid(), user, getegid()};
+        *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof sender), SOL_SOCKET, SCM_CREDENTIALS};
+        memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &sender, sizeof sender);
+        EXPECT_EQ(sendmsg(fd, &message, 0), ssize_t(request.size()));
+        app_poll_once();
+        return receive();
+    }
+    void connect_to_server() const { EXPECT_EQ(connect(fd, generic(server), sizeof server), 0); }
+    // Leaves no room for an answer.
+    void fill_queue() const
+    {
+        int length = 0;
+        std::ifstream("/proc/sys/net/unix/max_dgram_qlen") >> length;
+        while (length-- >= 0)
+            EXPECT_EQ(sendto(fd, "junk", 4, MSG_DONTWAIT, generic(own), sizeof own), 4);
     }
     // The next answer, or "none".
     std::string receive() const
@@ -44,6 +69,12 @@ class client {
     }
 
   private:
+    static const sockaddr *generic(const sockaddr_un &addr)
+    {
+        return reinterpret_cast<const sockaddr *>(&addr);
+    }
+    static constexpr sockaddr_un server = {AF_UNIX, "/tmp/.syscfg-server"};
+    sockaddr_un own = {AF_UNIX, {}};
     int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
 };
 
@@ -91,6 +122,8 @@ TEST_F(server_test, requests_and_answers)
     EXPECT_EQ(one.ask("NUM=5" + std::string(2000, ' ')), "!OK") << "cut at 1,024 bytes";
     const std::string l(1019, 'l');
     EXPECT_EQ(all({one.ask("LONG=" + l), one.ask("?LONG")}), "!OK>" + l);
+    set(db.get(), "LONG", std::string(4096, 'l'));
+    EXPECT_EQ(one.ask("?LONG"), ">" + std::string(4096, 'l'));
     for (const char *line : {"wait_syscfg: invalid expr:  BOOL\n", "wait_syscfg: no var named: NONE\n",
                              "syscfg_exec_cmd: list_\nsyscfg_exec_cmd: unknown command list_\n"})
         EXPECT_NE(log.messages().find(line), std::string::npos) << line;
@@ -115,55 +148,176 @@ TEST_F(server_test, waiters_are_answered_when_their_value_comes)
     EXPECT_EQ(all({one.ask("%wait IFACE="), setter.ask("IFACE="), one.receive()}), "none!OK!OK");
 }
 
-TEST_F(server_test, of_1025_waits_those_of_the_gone_are_dropped_or_else_the_oldest_is_told)
+TEST_F(server_test, of_1025_waits_those_of_the_gone_are_dropped_or_else_one_of_whoever_has_most)
 {
     const client old("old"), setter("4");
-    for (int i = 0; i < 1024; ++i)
+    EXPECT_EQ(old.ask("%wait BOOL=1"), "none");
+    for (int i = 0; i < 1023; ++i)
         EXPECT_EQ(client(i % 2 ? "gone" + std::to_string(i) : "").ask("%wait IFACE=x"), "none");
-    EXPECT_EQ(all({old.ask("%wait BOOL=1"), two.ask("%wait NUM=1"), one.ask("%wait BOOL=1")}),
-              "nonenonenone");
+    EXPECT_EQ(all({two.ask("%wait NUM=1"), one.ask("%wait BOOL=1")}), "nonenone");
     for (int i = 0; i < 1021; ++i)
         EXPECT_EQ(one.ask("%wait IFACE=x"), "none");
-    EXPECT_EQ(old.receive(), "none");
-    EXPECT_EQ(all({three.ask("%wait NUM=1"), old.receive(), two.receive()}), "none!ERRnone");
-    EXPECT_EQ(all({three.ask("%wait NUM=2"), two.receive(), three.receive()}), "none!ERRnone");
-    EXPECT_TRUE(log.has("more than 1024 waits, dropped: NUM=1\n"));
-    for (const char *request : {"BOOL=1", "NUM=1", "NUM=2"})
+    EXPECT_FALSE(log.has("dropped"));
+    EXPECT_EQ(all({three.ask("%wait NUM=1"), one.receive()}), "none!ERR");
+    EXPECT_TRUE(log.has("more than 1024 waits, dropped: BOOL=1\n"));
+    for (const char *request : {"BOOL=1", "NUM=1"})
         EXPECT_EQ(setter.ask(request), "!OK");
-    EXPECT_EQ(all({one.receive(), three.receive(), three.receive(), old.receive()}), "!OK!OK!OKnone");
+    EXPECT_EQ(all({old.receive(), two.receive(), three.receive(), one.receive()}), "!OK!OK!OKnone");
     EXPECT_EQ(setter.ask("IFACE=x"), "!OK") << "though one does not read 1,021 answers";
 }
 
-// More variables than a requester's queue has room for.
-TEST_F(server_test, a_list_waits_for_its_reader_and_ends_with_his_next_request)
+struct list_test : server_test {
+    std::deque<client> many;
+
+    // More variables than a requester's queue has room for, and as many requesters.
+    list_test()
+    {
+        real_time = true;
+        db.reset();
+        std::string definition;
+        for (int i = 0; i < 700; ++i)
+            definition += "V" + std::to_string(i) + " string\n";
+        db = start(definition);
+        set(db.get(), "V699", std::string(2000, 'x'));
+        rlimit files = {};
+        getrlimit(RLIMIT_NOFILE, &files);
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+    // No list may outlive its variables, nor a wait.
+    ~list_test() override
+    {
+        for (const client &who : many)
+            who.ask("V1=1");
+    }
+    const client &one_more() { return many.emplace_back("many" + std::to_string(many.size())); }
+    // What comes, in time.
+    static std::string next(const client &who)
+    {
+        std::string line = "none";
+        run_until([&] { return line != "none" || (line = who.receive()) != "none"; }, 3000);
+        return line;
+    }
+    static void takes_the_rest(const client &who, int from = 698)
+    {
+        for (int i = from; i >= -1; --i)
+            ASSERT_EQ(next(who), i < 0 ? "!OK" : ">V" + std::to_string(i) + "=\"\"\n");
+    }
+};
+
+TEST_F(list_test, a_list_waits_for_its_reader_and_ends_with_his_next_request)
 {
-    db.reset();
-    std::string definition;
-    for (int i = 0; i < 700; ++i)
-        definition += "V" + std::to_string(i) + " string\n";
-    db = start(definition);
-    set(db.get(), "V699", std::string(2000, 'x'));
     const client never("never");
     EXPECT_EQ(never.ask("%list").substr(0, 1030), ">V699=\"" + std::string(1017, 'x'));
     EXPECT_EQ(one.ask("%list").size(), 1024u);
     EXPECT_EQ(two.ask("?V1"), ">") << "no list holds another requester";
-    real_time = true;
-    const auto takes_the_rest = [](const client &who) {
-        for (int i = 698; i >= -1; --i) {
-            std::string line = "none";
-            run_until([&] { return line != "none" || (line = who.receive()) != "none"; }, 1000);
-            ASSERT_EQ(line, i < 0 ? "!OK" : ">V" + std::to_string(i) + "=\"\"\n");
-        }
-    };
     takes_the_rest(one);
     const client stopped("stopped");
     stopped.ask("%list");
     run_until([] { return false; }, 2200); // so long that it is tried seldom
     takes_the_rest(stopped);
+    for (int i = 0; i < 30; ++i)
+        one_more().ask("%list");
+    int ended = 0;
+    const auto all_read = [&] {
+        for (const client &who : many)
+            for (std::string line; (line = who.receive()) != "none";)
+                ended += line == "!OK" ? 1 : 0;
+        return ended == 30;
+    };
+    EXPECT_TRUE(run_until(all_read, 10000)) << ended;
     const int descriptors = open_descriptors();
     never.ask("?V1");
     EXPECT_TRUE(log.has("list given up: its requester asks anew\n"));
     EXPECT_EQ(open_descriptors(), descriptors - 1) << "the retries have ended";
+}
+
+TEST_F(list_test, of_1025_lists_that_goes_which_stands_still_longest)
+{
+    EXPECT_EQ(one.ask("%list").size(), 1024u);
+    int at = 698;
+    while (many.size() < 1023) {
+        one_more().fill_queue();
+        EXPECT_EQ(many.back().ask("%list"), "junk");
+        many.back().fill_queue();
+        if (many.size() % 4 == 0) // one reads on
+            EXPECT_EQ(next(one), ">V" + std::to_string(at--) + "=\"\"\n");
+    }
+    EXPECT_FALSE(log.has("list given up"));
+    EXPECT_EQ(two.ask("%list").size(), 1024u);
+    EXPECT_TRUE(log.has("list given up: too many are under way\n"));
+    takes_the_rest(one, at);
+    takes_the_rest(two);
+    std::string told;
+    while ((told = next(many[0])) == "junk")
+        continue;
+    EXPECT_EQ(told, "!ERR");
+    EXPECT_EQ(next(many[0]), "none");
+    while ((told = next(many[1])) == "junk")
+        continue;
+    EXPECT_EQ(told.size(), 1024u) << "the others go on";
+}
+
+TEST_F(list_test, no_user_takes_the_places_of_others)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can send as another user";
+    for (int i = 0; i < 600; ++i)
+        EXPECT_EQ(one_more().ask_as(65534, "%wait V1=1"), "none");
+    for (int i = 0; i < 424; ++i)
+        EXPECT_EQ(one.ask("%wait V1=1"), "none");
+    EXPECT_EQ(all({two.ask("%wait V1=1"), many[0].receive(), one.receive()}), "none!ERRnone");
+    // 512 of them have a list, and read it.
+    const auto all_read = [this] {
+        for (const client &who : many)
+            who.receive();
+        app_poll_once();
+    };
+    for (int i = 0; i < 512; ++i)
+        EXPECT_EQ(many[i].ask_as(65534, "%list").size(), 1024u);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(400);
+    while (std::chrono::steady_clock::now() < end)
+        all_read();
+    EXPECT_FALSE(log.has("list given up"));
+    many[512].fill_queue();
+    many[512].ask_as(65534, "%list");
+    EXPECT_TRUE(log.has("list given up: too many are under way\n"));
+    three.send("%list");
+    EXPECT_EQ(next(three).size(), 1024u);
+    takes_the_rest(three);
+    std::string told;
+    while ((told = next(many[512])) == "junk")
+        continue;
+    EXPECT_EQ(told, "!ERR") << "nobody who reads is given up for it";
+}
+
+// To who is connected, answers are sent without end.
+TEST_F(list_test, who_is_connected_and_does_not_read_silences_nobody)
+{
+    const std::string renewed =
+        "renew_server_socket: unread answers fill the socket, another one takes its place\n";
+    const int descriptors = open_descriptors();
+    one.connect_to_server();
+    EXPECT_EQ(two.ask("%wait V1=1"), "none");
+    log.clear();
+    for (int i = 0; i < 40000 && log.text().empty(); ++i)
+        one.ask("?V1"), one.send("?V1"), app_poll_once();
+    EXPECT_EQ(log.messages(), renewed);
+    EXPECT_EQ(all({three.ask("?V1"), three.ask("V1=1"), two.receive()}), ">!OK!OK");
+    EXPECT_EQ(open_descriptors(), descriptors);
+    one.connect_to_server();
+    EXPECT_EQ(one.ask("?V1"), ">1") << "as after a restart";
+    log.clear();
+    for (int i = 0; i < 40; ++i) {
+        one_more().connect_to_server();
+        many.back().send("%list");
+        app_poll_once();
+    }
+    EXPECT_EQ(two.ask("?V1"), ">1") << "lists leave room for answers";
+    EXPECT_EQ(next(two), "none");
+    EXPECT_TRUE(log.messages().ends_with(renewed));
+    two.ask("%list");
+    EXPECT_EQ(next(two), ">V698=\"\"\n");
 }
 
 TEST_F(server_test, who_does_not_read_holds_the_daemon_for_200_ms_at_most)

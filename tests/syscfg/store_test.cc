@@ -2,6 +2,7 @@
 #include "tests/syscfg/fixture.h"
 
 #include <climits>
+#include <filesystem>
 #include <unistd.h>
 
 namespace {
@@ -72,9 +73,9 @@ TEST_F(syscfg_test, the_first_start_saves_the_defaults_and_nothing_stops_it)
     write_file("/usr/etc/syscfg.default", "P=a \"b\nI=1\nM=001122334455\nC=no end");
     database db = start(definition);
     ASSERT_TRUE(db);
-    EXPECT_STREQ(read_file(flash5).c_str() + 768,
-                 "M=\"00:11:22:33:44:55\"\nI=\"1\"\nP=\"a \"b\"\nS=\"\"\nCH=\"a\"\n");
-    EXPECT_EQ(show(db.get()), "M=00:11:22:33:44:55/0 I=1/0 P=a /0 S=/0 CH=a/0 C=/0 HW=/0 VENID=/3 V=/3 ");
+    EXPECT_STREQ(read_file(flash5).c_str() + 768, "M=\"00:11:22:33:44:55\"\nI=\"1\"\nS=\"\"\nCH=\"a\"\n");
+    EXPECT_TRUE(log.has("cannot be saved: P\n")) << "for its quote";
+    EXPECT_EQ(show(db.get()), "M=00:11:22:33:44:55/0 I=1/0 P=a \"b/0 S=/0 CH=a/0 C=/0 HW=/0 VENID=/3 V=/3 ");
     EXPECT_EQ(sync_count, 3);
     db.reset();
     write_file(flash5, "");
@@ -95,6 +96,15 @@ TEST_F(syscfg_test, the_first_start_saves_the_defaults_and_nothing_stops_it)
     database none(create_syscfg(nullptr), free_database);
     EXPECT_EQ(none->ops->init(none.get()), -1);
     EXPECT_TRUE(log.has("cannot load syscfg definition!\n"));
+    log.clear();
+    unlink("/tmp/.syscfg-server");
+    std::filesystem::create_directory(device_path("/tmp/.syscfg-server"));
+    EXPECT_FALSE(start(definition));
+    const std::string owner = std::to_string(geteuid());
+    EXPECT_TRUE(log.messages().ends_with(
+        "open_server_socket: cannot remove /tmp/.syscfg-server, a directory of user " + owner +
+        ": Is a directory\nSYSERROR: syscfg_init: Address already in use\n"))
+        << log.messages();
 }
 
 TEST_F(syscfg_test, apply_reports_what_has_changed_1023_at_a_time)
@@ -135,8 +145,9 @@ TEST_F(syscfg_test, a_text_too_long_is_not_saved)
         const std::string before = read_file(flash5);
         set(db.get(), "V17", std::string(4090, 'x'));
         EXPECT_EQ(save_syscfg(db.get(), true), -1);
-        EXPECT_TRUE(log.has("registry:102: registry syscfg overflow!\nfailed to save syscfg\n"))
-            << log.text();
+        for (const char *line : {"writeregistry:69: To write 65537 data\n",
+                                 "registry:102: registry syscfg overflow!\nfailed to save syscfg\n"})
+            EXPECT_TRUE(log.has(line)) << log.text();
         EXPECT_EQ(read_file(flash5), before);
         EXPECT_NE(reported.find("V17"), std::string::npos) << "applied all the same";
     }

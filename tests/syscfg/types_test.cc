@@ -60,8 +60,10 @@ TEST_F(syscfg_test, getters)
         string  | a b&c/ | url = a+b%26c%2F | URL = a+b%26c%2F | html = a b&c/
         string  |     | url =
         integer | 26  | 04x = 001a | #o = 032 | .4u = 0026 | +i = +26 | -4d = 26 | 00000000000003d = 026 | =26 | X = 1A
-        integer | 26  | 65d = 26 | .65d = 26 | 4294967300d = 26 | 000000000000003d = 26 | n = 26 | s = 26 | *d = 26
-        integer | 26  | .*d = 26 | ld = 26 | d%n = 26 | dd = 26 | 1$d = 26 | % = 26 | hhn = 26 | c = 26 | d = 26
+        integer | 26  | 128d = 26 | .128d = 26 | 4294967300d = 26 | 000000000000003d = 26 | n = 26 | s = 26 | *d = 26
+        integer | 26  | .*d = 26 | ld = 26 | d%n = 26 | d%%%d = 26 | 1$d = 26 | % = 26 | %d = 26 | hhn = 26 | hc = 26
+        integer | 26  | d: 45678 12345%% = 26 | d = 26 | d: 45678 1234%% = 26: 45678 1234% | 5d%% = 26% | dd = 26d
+        integer | 65601 | c = A | hx = 41 | hhd = 65 | hhhd = 65601 | d ms = 65601 ms | h = 65601
         integer | 0x10 | d = 0
         bool    | 1   | no:yes = yes | a:b:c = b:c | : = | word = 1
         bool    | 0   | no:yes = no
@@ -80,7 +82,7 @@ TEST_F(syscfg_test, getters)
     const database db = declare("V integer\n");
     char buffer[128] = "";
     set(db.get(), "V", "7");
-    EXPECT_EQ(get_value(db.get(), "V", "64d", buffer), std::string(63, ' ') + "7");
+    EXPECT_EQ(get_value(db.get(), "V", "127d", buffer), std::string(126, ' ') + "7");
     EXPECT_EQ(get_value(db.get(), "W", nullptr, buffer), nullptr);
     for (const auto &row : rows("AZaz09._-|20|AZaz09._-\n \\x~\"|20|%5Cx%7E%22\n abcdef|4|abc\n ab/|6|ab%2F\n"
                                 "ab/|5|ab\n ab/c|5|ab\n \xc3\xa4 x|20|%C3%A4+x")) {

@@ -7,6 +7,9 @@
 // of that name, else a program. Null when there is none, or no word.
 svcent *create_svcent(service_info *slot, const char *name, const char *first_word);
 
+// False for the kinds that never report event 1: a service of theirs is up once it has been started.
+bool kind_reports_start(const char *first_word);
+
 // The built-in kinds, by the first word of their exec lines. Each makes an entry for the slot, or null,
 // logged, when memory is out.
 svcent *create_watchdog_svcent(service_info *slot, const char *name); // watchdog

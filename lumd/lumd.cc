@@ -54,7 +54,8 @@ std::span<const svcfg_link> linked(std::span<const svcfg_link> links)
     return links.first(static_cast<size_t>(end - links.begin()));
 }
 
-// Starts the dependencies that nobody has started yet. True when there were none.
+// Starts the dependencies that nobody has started yet. True when there were none. One that cannot be made is
+// not awaited, and so looked for again whenever another one comes up.
 bool dependencies_ready(service_info *slot)
 {
     bool ready = true;
@@ -66,6 +67,8 @@ bool dependencies_ready(service_info *slot)
         ready = false;
         slot->awaited |= slot_bit(dependency);
         lumd_do_start(dependency, dependency->name);
+        if (!dependency->svcent)
+            slot->awaited &= ~slot_bit(dependency);
     }
     return ready;
 }
@@ -107,14 +110,27 @@ void release_entry(service_info *slot)
     slot->awaited = 0;
 }
 
+void dependency_is_up(const service_info *slot, service_info *dependent)
+{
+    dependent->awaited &= ~slot_bit(slot);
+    if (dependent->svcent && dependent->svcent->state != SVCENT_STARTED && !dependent->awaited)
+        lumd_do_start(dependent, dependent->name);
+}
+
+void start_dependents(const service_info *slot)
+{
+    for (const svcfg_link &link : linked(slot->m_cfg->depended)) {
+        log_trace(LOG_AS("lumd_processServiceCallback"), "depended service: %s", link.info->name);
+        dependency_is_up(slot, link.info);
+    }
+}
+
+// The service has been started and will not report it.
 void start_waiting_dependents(const service_info *slot)
 {
     for (const svcfg_link &link : linked(slot->m_cfg->depended)) {
-        service_info *dependent = link.info;
-        log_trace(LOG_AS("lumd_processServiceCallback"), "depended service: %s", dependent->name);
-        dependent->awaited &= ~slot_bit(slot);
-        if (dependent->svcent && dependent->svcent->state != SVCENT_STARTED && !dependent->awaited)
-            lumd_do_start(dependent, dependent->name);
+        if (link.info->awaited & slot_bit(slot))
+            dependency_is_up(slot, link.info);
     }
 }
 
@@ -228,8 +244,11 @@ void lumd_do_start(service_info *slot, const char *name)
     if (!pass.take(slot))
         return;
     slot->awaited = 0;
-    if (slot->svcent->ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv, slot->m_cfg) < 0)
+    const svcfg *cfg = slot->m_cfg;
+    if (slot->svcent->ops->start(slot->svcent, cfg->argc, cfg->argv, cfg) < 0)
         log_failed(LOG_HERE);
+    else if (!kind_reports_start(cfg->argv[0]))
+        start_waiting_dependents(slot);
 }
 
 void lumd_do_stop(service_info *slot, int release)
@@ -280,7 +299,7 @@ void lumd_processServiceCallback(service_info *slot, int event)
     log_trace(LOG_HERE, "SERVICE: %s callback", slot->name);
     switch (event) {
     case SVCENT_EV_STARTED:
-        start_waiting_dependents(slot);
+        start_dependents(slot);
         break;
     case SVCENT_EV_STOPPED:
         lumd_do_stop(slot, 0);

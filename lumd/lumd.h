@@ -10,9 +10,10 @@
 // name them, and reload those that watch them.
 //
 // Starting goes through missing dependencies first and leaves the service until each of them has reported
-// that it has started; a dependency that has an entry, in any state, is not missing. Stopping goes through
-// running dependents first. Dependencies may form cycles and kinds may report from inside their own start: in
-// one outermost start or stop, every slot is started or stopped at most once.
+// that it has started, or has been started if its kind reports nothing; a dependency that has an entry, in
+// any state, is not missing. Stopping goes through running dependents first. Dependencies may form cycles and
+// kinds may report from inside their own start: in one outermost start or stop, every slot is started or
+// stopped at most once.
 #pragma once
 
 #include "lumd/svcent.h"

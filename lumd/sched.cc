@@ -148,7 +148,6 @@ void sched_do(void *ctx)
     log_trace(LOG_HERE, "%s", entry->path);
     entry->timer->period_ms = static_cast<uint32_t>(entry->interval) * 1000;
     timer_start(entry->timer, 1);
-    child_reaper_init();
     char *const argv[] = {entry->path, nullptr};
     if (spawn_child(entry->path, argv, [] {}) < 0)
         log_syserror(LOG_HERE);

@@ -40,8 +40,7 @@ struct service_info {
     svcfg *m_cfg;
     ::svcent *svcent;
     timer *restart_timer;
-    uint32_t
-        awaited; // dependencies that were started for this slot and have not reported yet, one bit a slot
+    uint32_t awaited; // dependencies that were missing and are not up yet, one bit a slot
 };
 
 // A kind's new record with its head filled, zero otherwise. When memory is out: null, and the failure is on

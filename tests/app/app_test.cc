@@ -191,6 +191,7 @@ TEST_F(app_test, a_later_call_is_made_once_or_not_at_all_and_the_interval_timer_
     const auto call_later = [this] {
         const int made = timer_call_later(0, &a, perform);
         EXPECT_EQ(passes(1), made == 0 ? "a" : "");
+        return made == 0;
     };
     EXPECT_EQ(for_each_failure(ALLOC, call_later), 2);
     isolated([] {

@@ -2,6 +2,7 @@
 
 #include "app/app.h"
 #include "lumd/cfgdb.h"
+#include "lumd/child.h"
 #include "lumd/kinds.h"
 #include "syscfg/syscfg.h"
 
@@ -106,7 +107,7 @@ svcent *CREATE_SVCENT(__wrap_)(service_info *slot, const char *name, const char 
         return CREATE_SVCENT(__real_)(slot, name, word);
     auto *entry = new fake_svcent();
     static_cast<svcent &>(*entry) = {&fake_operations, nullptr, SVCENT_CREATED, slot};
-    if (is(entry, "missing")) {
+    if (is(entry, "missing") && !variables.contains("FOUND")) {
         delete entry;
         return nullptr;
     }
@@ -158,9 +159,7 @@ lumd_test::~lumd_test()
 void lumd_test::end_services()
 {
     for (int i = 0; manager && i < lumd_slots && manager->svcs[i].m_cfg; ++i) {
-        const proc_svcent *child = process(manager->svcs[i].name);
-        if (child && child->pid > 0)
-            kill(child->pid, SIGKILL);
+        signal_child(manager->svcs[i].name, SIGKILL);
         if (manager->svcs[i].svcent)
             lumd_do_stop(&manager->svcs[i], 1);
     }
@@ -186,6 +185,7 @@ void lumd_test::load(const std::string &conf)
     lumd_init_service_infos(manager);
     manager->cfgdb = create_cfgdb(manager);
     manager->cfgdb->syscfg = &database;
+    ASSERT_EQ(child_reaper_init(), 0);
     log.clear();
 }
 
@@ -203,6 +203,14 @@ proc_svcent *lumd_test::process(std::string_view name) const
     const char *word = slot(name)->m_cfg->argv[0];
     const bool is_process = entry && entry->ops != &fake_operations && !others.contains(word);
     return is_process ? static_cast<proc_svcent *>(entry) : nullptr;
+}
+
+void lumd_test::signal_child(std::string_view name, int number) const
+{
+    const sigchld_guard guard;
+    const proc_svcent *entry = process(name);
+    if (entry && entry->pid > 0 && !entry->ended)
+        kill(entry->pid, number);
 }
 
 void lumd_test::apply(std::string_view assignments) const
@@ -296,7 +304,7 @@ void lumd_test::step(const std::string &text)
         {"up", // as a fake reports it
          [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
         // Processes, in real time.
-        {"kill", [&] { kill(child(), stoi(rest)); }},
+        {"kill", [&] { signal_child(name, stoi(rest)); }},
         {"runs", [&] { EXPECT_TRUE(eventually([&] { return at->svcent->state == 1 && child() > 0; })); }},
         {"ends", [&] { EXPECT_TRUE(eventually([&] { return child() == 0; })); }},
         {"back", // by its restart, 2000 ms after its end

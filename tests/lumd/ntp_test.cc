@@ -187,18 +187,24 @@ a start reads the servers => service n;exec ntp -h time.lan => mode unknown / se
 // Of descriptors, timers and memory, whatever fails.
 TEST_F(ntp, nothing_is_left_over)
 {
-    load("service n;exec ntp -h 127.0.0.1;service p;exec true");
-    const auto play_and_end = [this] {
+    load("service n;exec ntp -h 127.0.0.1");
+    std::string whole; // all that is done, without the times
+    const auto play_and_end = [&, this] {
         for (const char *text : {"mode unknown", "start n", "wait 16000", "start n", "wait 10", "answer 48 1",
                                  "halt n", "halt n", "start n", "stop n", "start n", "wait 10", "stop n"})
             step(text);
         end_services();
         timer_free(std::exchange(app_scheduler.timer, nullptr)); // it outlives its calls
+        const std::string done = std::regex_replace(events(), std::regex("\\b[0-9]+ "), "");
+        whole = whole.empty() ? done : whole;
+        return done == whole;
     };
-    lumd_start_service(manager, "p"), lumd_start_service(manager, "n"); // the pipe of the process
+    lumd_start_service(manager, "n");
     EXPECT_TRUE(log.has("cannot open resolv.conf"));
     play_and_end();
-    EXPECT_GE(support::for_each_failure(support::ALL_CALLS, play_and_end), 100);
+    whole.clear();
+    const unsigned made_good = support::OPEN | support::POLL | support::RECV; // one of many
+    EXPECT_GE(support::for_each_failure(support::ALL_CALLS, play_and_end, made_good), 100);
 }
 
 } // namespace

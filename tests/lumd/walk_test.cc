@@ -2,6 +2,7 @@
 
 #include "app/app.h"
 #include "lumd/cfgdb.h"
+#include "lumd/child.h"
 #include "lumd/lumd.h"
 #include "lumd/proc_se.h"
 #include "syscfg/syscfg.h"
@@ -125,7 +126,7 @@ struct chance {
     plan any_plan()
     {
         constexpr line lines[] = {NO_LINE, NO_LINE, HANDLER, HANDLER, HELPER, BAD_HANDLER, NO_HELPER};
-        constexpr kind others[] = {ONE_SHOT, ONE_SHOT, JOB, LINK, MISSING};
+        constexpr kind others[] = {ONE_SHOT, ONE_SHOT, JOB, LINK, WATCHDOG, MISSING};
         plan made;
         made.kind = one_of(3) ? any(others) : PROGRAM;
         made.stop = any(lines), made.reload = any(lines);
@@ -163,8 +164,12 @@ std::string said(const event &e)
 std::string said(const plan &p, int s)
 {
     const std::string number = std::to_string(s), every = p.every ? std::to_string(p.every) : "$(V0)";
-    const std::string execs[] = {"/bin/true " + number, "-/bin/true " + number,
-                                 "sched " + every + " /bin/true", "netmon -n lo", "/bin/nosuch"};
+    const std::string execs[] = {"/bin/true " + number,
+                                 "-/bin/true " + number,
+                                 "sched " + every + " /bin/true",
+                                 "netmon -n lo",
+                                 "watchdog",
+                                 "/bin/nosuch"};
     const std::string lines[] = {"", "kill SIGUSR1", "kill SIGNO", "/bin/echo " + number, "nosuch"};
     std::string text = "service s" + number + "\nexec " + execs[p.kind] + "\ndepends";
     for (const auto &[variable, value] : p.conditions)
@@ -178,7 +183,7 @@ std::string said(const plan &p, int s)
 
 const char *get_variable(syscfg *, const char *name)
 {
-    const int value = believed->values[static_cast<size_t>(atoi(name + 1))];
+    const int value = isdigit(name[1]) ? believed->values[static_cast<size_t>(atoi(name + 1))] : no_value;
     return value == no_value ? nullptr : value_texts[value];
 }
 constexpr syscfg_ops database_operations = {nullptr, nullptr, get_variable};
@@ -201,6 +206,7 @@ struct walker {
         database.ops = &database_operations;
         manager->cfgdb = create_cfgdb(manager);
         manager->cfgdb->syscfg = &database;
+        fault += child_reaper_init() < 0 ? "no pipe for ends\n" : "";
         believed = &right;
     }
 
@@ -263,7 +269,7 @@ struct walker {
             if (slot.restart_timer)
                 is[4] = true, is[5] = timers.at(slot.restart_timer).started;
             for (const auto &[timer, what] : timers)
-                is[6] += slot.svcent && what.ctx == slot.svcent && what.started;
+                is[6] |= slot.svcent && what.ctx == slot.svcent && what.started;
             fault += is == should_be
                          ? ""
                          : "s" + std::to_string(s) + ": entry state child ended timer due job, is/should be";
@@ -295,9 +301,7 @@ struct walker {
 // Walks in a process of its own, which may crash.
 bool fails(const std::vector<plan> &plans, const std::vector<event> &events, bool tell = false)
 {
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
+    const int status = support::forked([&] {
         alarm(120);
         if (!tell)
             dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
@@ -308,11 +312,8 @@ bool fails(const std::vector<plan> &plans, const std::vector<event> &events, boo
             both.check();
         }
         printf("%s", tell ? fault.c_str() : "");
-        fflush(nullptr);
-        _exit(!fault.empty());
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
+        return int{!fault.empty()};
+    });
     printf("%s", tell && WIFSIGNALED(status) ? "ends by a signal\n" : "");
     return status != 0;
 }

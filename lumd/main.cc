@@ -7,19 +7,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <string_view>
 #include <unistd.h>
 
 namespace {
 
 constexpr char default_path_list[] = "/etc/svc.conf:/usr/etc/svc.conf";
-
-// At once, whatever standard output is, and with nothing left in a buffer that a child could write again.
-void announce(std::string_view text)
-{
-    if (write(STDOUT_FILENO, text.data(), text.size()) < 0)
-        return;
-}
 
 // Without a console, our first descriptors would become standard output and error: the log would go into the
 // control FIFO and be taken for requests. And a console that nobody reads must not end us before we have
@@ -43,7 +35,8 @@ int main(int argc, char **argv)
 {
     hold_standard_descriptors();
     setenv("DEBUG", "1", 0);
-    announce("starting lumd...\n");
+    log_start();
+    print_output("starting lumd...\n");
     app_init(argc, argv, nullptr, "lumd");
 
     lumd *manager = lumd_create();
@@ -57,7 +50,7 @@ int main(int argc, char **argv)
     }
     if (const char *zone = cfgdb_getSyscfg(manager->cfgdb, "TZ"))
         init_tz(zone);
-    announce("lumd started!\n");
+    print_output("lumd started!\n");
     app_run();
     return 0;
 }

@@ -62,14 +62,6 @@ ntp_svcent *as_ntp(void *entry)
     return static_cast<ntp_svcent *>(static_cast<svcent *>(entry));
 }
 
-__attribute__((format(printf, 1, 2))) void print(const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    vdprintf(STDOUT_FILENO, format, args);
-    va_end(args);
-}
-
 // ---- cycles -------------------------------------------------------------------------------------------
 
 void ntp_retry(void *ctx);
@@ -147,7 +139,7 @@ void tryServer(ntp_svcent *entry)
     log_trace(LOG_HERE, "resolver result: len=%d\n", length);
     if (length < static_cast<int>(sizeof entry->server.sin_addr))
         return;
-    print("resolver result: addr = %d.%d.%d.%d\n", answer[0], answer[1], answer[2], answer[3]);
+    print_output("resolver result: addr = %d.%d.%d.%d\n", answer[0], answer[1], answer[2], answer[3]);
     entry->server = {};
     entry->server.sin_family = AF_INET;
     entry->server.sin_port = htons(ntp_port);
@@ -205,7 +197,7 @@ bool receive(ntp_svcent *entry)
     if (length < 0 && errno == EAGAIN)
         return false;
     if (length < 0)
-        print("Can't receive: %s\n", strerror(errno));
+        print_output("Can't receive: %s\n", strerror(errno));
     else if (length == 0)
         log_trace(LOG_AS(func), "Unexpected EOF");
     else if (length == static_cast<ssize_t>(packet_size))
@@ -305,7 +297,7 @@ bool configure(ntp_svcent *entry, int argc, char *const *argv)
 unique_fd open_socket(uint16_t port)
 {
     const auto failed = [](const char *what) {
-        print("Can't %s: %s\n", what, strerror(errno));
+        print_output("Can't %s: %s\n", what, strerror(errno));
         return unique_fd();
     };
     unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));

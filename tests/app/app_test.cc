@@ -5,7 +5,11 @@
 
 #include <climits>
 #include <csignal>
+#include <ctime>
+#include <fcntl.h>
 #include <memory>
+#include <poll.h>
+#include <regex>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -114,6 +118,73 @@ TEST_F(app_test, every_log_call_writes_its_shape_in_one_write_and_keeps_errno)
         log_printf(3, "line\n");
         EXPECT_EQ(read_file("/tmp/log/x"), "line\n");
     });
+}
+
+// Standard error is a pipe or terminal with a stalled reader, which reads all there is when it is asked.
+struct stalled_reader {
+    int reader = -1, writer = -1;
+
+    stalled_reader(bool is_terminal, int flags)
+    {
+        int ends[2] = {posix_openpt(O_RDWR | O_NOCTTY), -1};
+        if (is_terminal && unlockpt(ends[0]) == 0)
+            ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
+        else
+            EXPECT_EQ(pipe(ends), 0);
+        reader = ends[0], writer = ends[1];
+        EXPECT_TRUE(dup2(writer, STDERR_FILENO) >= 0 && fcntl(writer, F_SETFL, flags | O_RDWR) == 0);
+    }
+    [[nodiscard]] std::string reads() const
+    {
+        std::string all;
+        char part[4096];
+        for (pollfd more = {reader, POLLIN, 0}; poll(&more, 1, 100) > 0;)
+            all.append(part, static_cast<size_t>(read(reader, part, sizeof part)));
+        std::erase(all, '\r');
+        return std::regex_replace(all, std::regex(R"(  write_text\(\): log: [0-9]+)"), "~");
+    }
+};
+
+TEST_F(app_test, a_stalled_reader_holds_up_a_burst_once_and_is_told_what_it_missed)
+{
+    constexpr int burst = 5000;
+    const auto seconds = [] {
+        timespec at = {};
+        clock_gettime(CLOCK_MONOTONIC, &at);
+        return static_cast<double>(at.tv_sec) + static_cast<double>(at.tv_nsec) / 1e9;
+    };
+    const std::tuple<bool, int, bool> outputs[] = {// is a terminal, flags of its descriptor, opened anew
+                                                   {false, 0, false},
+                                                   {false, 0, true},
+                                                   {false, O_NONBLOCK, false},
+                                                   {false, O_NONBLOCK, true},
+                                                   {true, 0, true}};
+    for (const auto &[is_terminal, flags, anew] : outputs) {
+        isolated([&, is_terminal = is_terminal, flags = flags, anew = anew] {
+            SCOPED_TRACE((is_terminal ? "terminal " : "pipe ") + std::to_string(flags) +
+                         (anew ? " anew" : ""));
+            captured_log::capturing = false, real_time = true;
+            const stalled_reader log_reader(is_terminal, flags);
+            anew ? log_start() : void();
+            const double begin = seconds();
+            for (int i = 0; i < burst; ++i)
+                log_printf(0, "a line of a burst\n");
+            const double took = seconds() - begin;
+            EXPECT_TRUE(took > 0.19 && took < 2) << took;
+            const std::string got = log_reader.reads();
+            const auto missed = burst - std::count(got.begin(), got.end(), '\n');
+            EXPECT_GT(got.size(), 4000u);
+            print_error("%s", std::string(100'000, 'x').c_str());
+            const std::string part = log_reader.reads();
+            const std::string notice = "~: lines lost: " + std::to_string(missed) + "\n";
+            EXPECT_TRUE(part.starts_with((got.ends_with('\n') ? "" : "\n") + notice + "xxx"))
+                << notice << part;
+            errno = ENOENT;
+            log_printf(0, "%m\n"), print_error("all read\n");
+            EXPECT_EQ(log_reader.reads(), "\n~: lines lost: 1\nNo such file or directory\nall read\n");
+            EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, flags) << "they are not ours alone";
+        });
+    }
 }
 
 TEST_F(app_test, timers_run_by_expiry_newest_first_within_one_instant_as_often_as_the_count_says)

@@ -1,9 +1,11 @@
 #include "syscfg/registry.h"
+#include "syscfg/reply.h"
 #include "tests/syscfg/fixture.h"
 
 #include <climits>
 #include <filesystem>
 #include <regex>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -106,6 +108,18 @@ TEST_F(syscfg_test, the_first_start_saves_the_defaults_and_nothing_stops_it)
         "open_server_socket: cannot remove /tmp/.syscfg-server, a directory of user " + owner +
         ": Is a directory\nSYSERROR: syscfg_init: Address already in use\n"))
         << log.messages();
+    if (geteuid() != 0)
+        return;
+    // What root has put into a directory where nobody removes what is not his.
+    std::filesystem::remove(device_path("/tmp/.syscfg-server"));
+    mkfifo("/tmp/.syscfg-server", 0600);
+    chmod(device_root.c_str(), 0711);
+    chmod(device_path("/tmp").c_str(), 01777);
+    isolated([&] {
+        EXPECT_EQ(setresuid(65534, 65534, 65534), 0);
+        EXPECT_EQ(open_server_socket(), -1);
+        EXPECT_TRUE(log.has("a FIFO of user 0: Operation not permitted\n")) << log.text();
+    });
 }
 
 TEST_F(syscfg_test, apply_reports_what_has_changed_1023_at_a_time)

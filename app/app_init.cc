@@ -46,6 +46,7 @@ void install_handlers()
 
 int app_init(int argc, char **argv, const app_option *options, const char *appname)
 {
+    log_start();
     if (options) {
         app_opt_parse(argc, argv, options);
         app_conf_load_all(options, appname);

@@ -244,8 +244,7 @@ void send_debug_message(const void *buffer, size_t length)
 {
     if (!debug_server)
         return;
-    if (log_ready(console_patience_ms))
-        log_trace(LOG_HERE, "sending info to debug server...");
+    log_trace(LOG_HERE, "sending info to debug server...");
     sendto(debug_server_fd, buffer, length, MSG_DONTWAIT | MSG_NOSIGNAL, debug_server, debug_server_length);
 }
 
@@ -290,8 +289,7 @@ int install_handler(int sig, signal_handler handler)
 void fatal_signal_handler(int sig, siginfo_t *, void *context)
 {
     char other[24];
-    if (log_ready(console_patience_ms))
-        log_printf(0, "%s!\n", signal_name(sig, other));
+    log_printf(0, "%s!\n", signal_name(sig, other));
     dump_interrupted(context);
     log_flush();
     close_descriptors();
@@ -303,8 +301,7 @@ void sig_alrm_handler(int sig, siginfo_t *, void *context)
     if (sig != SIGALRM)
         return;
     const int interrupted_errno = errno;
-    if (log_ready(console_patience_ms))
-        log_trace(LOG_HERE, "SIGALRM caught!!!!!!");
+    log_trace(LOG_HERE, "SIGALRM caught!!!!!!");
     dump_interrupted(context);
     hold_descriptor_0();
     if (install_handler(SIGALRM, sig_alrm_handler) < 0) {

@@ -6,20 +6,42 @@
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <poll.h>
 #include <string_view>
+#include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
 
+constexpr char log_module[] = "log";
 constexpr size_t message_max = 254;
 constexpr size_t line_max = 298;
 
+// How long a text waits for its reader, in all.
+constexpr timespec nap = {0, 10'000'000};
+constexpr int max_naps = 20;
+
+// Where texts go, and how their reader keeps up.
+struct output {
+    int fd;
+    int own = -1;                     // the same, opened anew so that no write waits; or -1
+    std::atomic<unsigned> lost{};     // texts, since the last one that got through
+    std::atomic<bool> is_cut = false; // of the last one, a part did get through
+};
+static_assert(std::atomic<unsigned>::is_always_lock_free, "used in signal handlers");
+
+output standard_output = {STDOUT_FILENO};
+output standard_error = {STDERR_FILENO};
+output log_file = {-1};
+output *log_output = &standard_error;
+
 int log_level = 0;
-int log_fd = STDERR_FILENO;
 std::atomic<void (*)(const void *, size_t)> log_copy;
 
 // Callers log a failure and go on to look at its errno.
@@ -62,10 +84,12 @@ class log_line {
         return length >= 0;
     }
 
+    [[nodiscard]] std::string_view text() const { return {text_, static_cast<size_t>(at_ - text_)}; }
+
     void write() const
     {
         if (at_ != text_)
-            log_write(text_, static_cast<size_t>(at_ - text_));
+            log_write(text_, text().size());
     }
 
   private:
@@ -86,6 +110,85 @@ void log_mark(int level, std::string_view mark, const char *func, const char *fi
         text << ": " << reason;
     text << "\n";
     text.write();
+}
+
+ssize_t write_both(int fd, std::string_view first, std::string_view second)
+{
+    if (first.empty())
+        return write(fd, second.data(), second.size());
+    const auto part = [](std::string_view of) { return iovec{const_cast<char *>(of.data()), of.size()}; };
+    const iovec parts[] = {part(first), part(second)};
+    return writev(fd, parts, 2);
+}
+
+// -1 with EAGAIN when there is no room now. Without a description of our own, the room that is found may be
+// taken by another writer of the same pipe, or not do for a terminal: the write then waits for it.
+ssize_t write_now(const output &to, std::string_view first, std::string_view second)
+{
+    if (to.own >= 0) {
+        const ssize_t written = write_both(to.own, first, second);
+        if (written >= 0 || errno != EBADF) // it is closed in a child that has no program yet
+            return written;
+    }
+    pollfd reader = {to.fd, POLLOUT, 0};
+    const timespec at_once = {};
+    const int ready = ppoll(&reader, 1, &at_once, nullptr);
+    if (ready > 0 || (ready < 0 && errno != EINTR))
+        return write_both(to.fd, first, second);
+    errno = EAGAIN;
+    return -1;
+}
+
+// The length of text, or -1 when its end is lost. The number of those lost before is taken on by the text
+// that tells it: a signal handler may log in between.
+ssize_t write_text(output &to, std::string_view text)
+{
+    const auto length = static_cast<ssize_t>(text.size());
+    unsigned lost = to.lost > 0 ? to.lost.exchange(0) : 0;
+    log_line notice(message_max);
+    if (lost > 0)
+        notice << (to.is_cut ? "\n  " : "  ") << __func__ << "(): " << log_module << ": " << __LINE__
+               << ": lines lost: " << static_cast<int>(lost) << "\n";
+    std::string_view before = notice.text();
+    for (int naps = lost > 0 ? 0 : max_naps; !before.empty() || !text.empty();) {
+        const ssize_t written = write_now(to, before, text.substr(0, PIPE_BUF - before.size()));
+        if (written > 0) {
+            const size_t of_notice = std::min(before.size(), static_cast<size_t>(written));
+            before.remove_prefix(of_notice);
+            text.remove_prefix(static_cast<size_t>(written) - of_notice);
+            lost = before.empty() ? 0 : lost;
+            to.is_cut = !before.empty() || !text.empty();
+        } else if (written < 0 && errno == EAGAIN && naps-- > 0) {
+            nanosleep(&nap, nullptr);
+        } else {
+            to.lost += lost + (written < 0 && errno == EAGAIN ? 1 : 0);
+            return -1;
+        }
+    }
+    return length;
+}
+
+// The whole of a text, however long.
+__attribute__((format(printf, 2, 0))) void print(output &to, const char *format, va_list args)
+{
+    errno_keeper keeper;
+    char fixed[512];
+    unique_text heap;
+    const char *text = fixed;
+    va_list again;
+    va_copy(again, args);
+    int length = vsnprintf(fixed, sizeof fixed, format, args);
+    if (length >= static_cast<int>(sizeof fixed)) {
+        char *whole = nullptr;
+        keeper.restore(); // for %m
+        const int whole_length = vasprintf(&whole, format, again);
+        heap.reset(whole_length < 0 ? nullptr : whole);
+        text = heap ? heap.get() : fixed;
+        length = heap ? whole_length : static_cast<int>(sizeof fixed) - 1;
+    }
+    va_end(again);
+    if (length > 0)
+        write_text(to, {text, static_cast<size_t>(length)});
 }
 
 } // namespace
@@ -139,7 +242,7 @@ ssize_t log_write(const void *buffer, size_t length)
 {
     if (const auto copy = log_copy.load(std::memory_order_relaxed))
         copy(buffer, length);
-    return write(log_fd, buffer, length);
+    return write_text(*log_output, {static_cast<const char *>(buffer), length});
 }
 
 void log_set_copy(void (*copy)(const void *text, size_t length))
@@ -149,13 +252,22 @@ void log_set_copy(void (*copy)(const void *text, size_t length))
 
 void log_flush()
 {
-    fsync(log_fd);
+    fsync(log_output->fd);
 }
 
-bool log_ready(int patience_ms)
+void log_start()
 {
-    pollfd reader = {log_fd, POLLOUT, 0};
-    return poll(&reader, 1, patience_ms) > 0;
+    for (output *each : {&standard_output, &standard_error}) {
+        struct stat status;
+        const bool may_wait =
+            fstat(each->fd, &status) == 0 && (S_ISFIFO(status.st_mode) || isatty(each->fd) == 1);
+        if (!may_wait || each->own >= 0)
+            continue;
+        char path[32];
+        snprintf(path, sizeof path, "/proc/self/fd/%d", each->fd);
+        const unique_fd own(open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        each->own = fcntl(own.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    }
 }
 
 int log_open(const char *path)
@@ -163,7 +275,8 @@ int log_open(const char *path)
     const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0)
         return -1;
-    log_fd = fd;
+    log_file.fd = fd;
+    log_output = &log_file;
     return 0;
 }
 
@@ -176,24 +289,16 @@ int log_set_level(int level)
 
 void print_error(const char *format, ...)
 {
-    errno_keeper keeper;
-    char fixed[512];
-    unique_text heap;
-    const char *text = fixed;
     va_list args;
     va_start(args, format);
-    int length = vsnprintf(fixed, sizeof fixed, format, args);
+    print(standard_error, format, args);
     va_end(args);
-    if (length >= static_cast<int>(sizeof fixed)) {
-        char *whole = nullptr;
-        keeper.restore(); // for %m
-        va_start(args, format);
-        const int whole_length = vasprintf(&whole, format, args);
-        va_end(args);
-        heap.reset(whole_length < 0 ? nullptr : whole);
-        text = heap ? heap.get() : fixed;
-        length = heap ? whole_length : static_cast<int>(sizeof fixed) - 1;
-    }
-    if (length > 0 && write(STDERR_FILENO, text, static_cast<size_t>(length)) < 0)
-        return;
+}
+
+void print_output(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    print(standard_output, format, args);
+    va_end(args);
 }

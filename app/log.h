@@ -1,5 +1,9 @@
 // The daemon's log: one line, one write, to standard error (or to the file of log_open). Nothing here
-// changes errno or keeps state between calls, so all of it may be called from a signal handler.
+// changes errno, and all of it may be called from a signal handler.
+//
+// A text waits a fifth of a second at most for a reader that has stalled. Then it is lost, and so is each
+// following one, at once, until there is room again: the first to get through is preceded by a line with the
+// number of those lost.
 #pragma once
 
 #include <cstdarg>
@@ -24,11 +28,13 @@ void log_syserror(int level, const char *func, const char *file, int line);
 // The bare text, cut at 254 characters.
 void log_printf(int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+// As write; -1 with EAGAIN when the text, or the end of it, is lost to a reader that has stalled.
 ssize_t log_write(const void *buffer, size_t length);
 void log_flush();
 
-// Whether a line can be written now, or within so long, without waiting for the log's reader.
-bool log_ready(int patience_ms);
+// Opens standard output and error anew for ourselves, once, at start-up: a write to a pipe or terminal is not
+// to wait, and the flags of the descriptors that we were given are not ours alone.
+void log_start();
 
 // Gives copy all that goes to the log from now on, before it is written and whatever then becomes of it;
 // null: nothing. It is called in signal handlers too, and keeps errno.
@@ -41,5 +47,9 @@ int log_open(const char *path);
 // force.
 int log_set_level(int level);
 
-// A diagnostic outside the log: the whole text, however long, in one write to standard error.
+// A diagnostic outside the log, to standard error: the whole text, however long, in one write as far as a
+// pipe takes it whole (PIPE_BUF).
 void print_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+// The same, to standard output.
+void print_output(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -26,17 +26,17 @@ struct timer {
 };
 
 // A new unscheduled timer for timer_free, or null when memory is out.
-timer *timer_new(uint32_t period_ms, void *ctx, timer_callback callback, const char *name);
+extern "C" timer *timer_new(uint32_t period_ms, void *ctx, timer_callback callback, const char *name);
 
 // (Re)starts the period: count runs from now on, without end for 0 and below. 0, or -1 for null, which
 // timer_new returns when memory is out.
-[[nodiscard]] int timer_start(timer *timer, int count);
+extern "C" [[nodiscard]] int timer_start(timer *timer, int count);
 
 // -1 when the timer was not scheduled, or for null.
-int timer_stop(timer *timer);
+extern "C" int timer_stop(timer *timer);
 
 // Stops and frees; null is allowed.
-void timer_free(timer *timer);
+extern "C" void timer_free(timer *timer);
 
 // A timer that lives in its owner's record: made when it is first needed, stopped and freed with the owner.
 // It keeps the callback and the context it was made with.

@@ -17,12 +17,12 @@ void ready(void *, int, int, app_fd_handler *)
 
 void prepare(int fd, const int *idle_fds, int count)
 {
-    app_add_fd(fd, POLLIN, &timers, ready);
+    static_cast<void>(app_add_fd(fd, POLLIN, &timers, ready));
     for (int i = 0; i < 2; ++i)
-        app_add_fd(idle_fds[i], POLLIN, &timers, ready);
+        static_cast<void>(app_add_fd(idle_fds[i], POLLIN, &timers, ready));
     for (int i = 0; i < count; ++i) {
         timers.push_back(timer_new(period_of(i), nullptr, expired, "expired"));
-        timer_start(timers.back(), 1);
+        static_cast<void>(timer_start(timers.back(), 1));
     }
 }
 
@@ -35,7 +35,7 @@ void restart(int index)
 {
     timer *restarted = timers[static_cast<std::size_t>(index)];
     timer_stop(restarted);
-    timer_start(restarted, 1);
+    static_cast<void>(timer_start(restarted, 1));
 }
 
 } // namespace

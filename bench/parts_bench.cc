@@ -15,9 +15,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// The database tells the manager of changes; there is none here.
-void cfgdb_processSyscfgChange(cfgdb *, const char *const *, int) {}
-
 namespace {
 
 constexpr int dispatches = 2000;

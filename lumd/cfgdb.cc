@@ -3,7 +3,6 @@
 #include "app/log.h"
 #include "app/memory.h"
 #include "app/text.h"
-#include "lumd/lumd.h"
 #include "syscfg/syscfg.h"
 
 namespace {
@@ -31,6 +30,7 @@ int cfgdb_init(cfgdb *bridge)
         return -1;
     }
     bridge->syscfg = db;
+    db->changed = cfgdb_processSyscfgChange;
     return 0;
 }
 
@@ -61,6 +61,7 @@ void cfgdb_release(cfgdb *bridge)
 void cfgdb_processSyscfgChange(cfgdb *bridge, const char *const *names, int count)
 {
     log_trace(LOG_HERE, "lumd: %p", static_cast<void *>(bridge->owner));
-    lumd_processSyscfgChange(bridge->owner, names, count);
+    if (bridge->changed)
+        bridge->changed(bridge->owner, names, count);
     log_checkpoint(LOG_HERE);
 }

@@ -32,7 +32,7 @@ void act_on_names(lumd *manager, const request &kind, std::string_view rest)
 {
     for (rest = skip_space(rest); !rest.empty(); rest = skip_space(rest)) {
         const std::string_view word = span_of(rest, [](char c) { return !is_space(c); });
-        char name[svcfg_name_size]; // a service of a longer name was cut to this too
+        char name[read_max + 1];
         copy_text(name, word);
         kind.act(manager, name);
         rest.remove_prefix(word.size());
@@ -78,6 +78,20 @@ unique_fd open_fifo(int flags)
     return fd;
 }
 
+// Requests are in the hands of whoever owns what stands at the name.
+void tell_of_stranger(int fd)
+{
+    constexpr char func[] = "open_control_fifo";
+    struct stat status;
+    if (fstat(fd, &status) < 0)
+        return;
+    if (S_ISDIR(status.st_mode))
+        log_trace(LOG_AS(func), "%s is a directory: remove it, then start again", fifo_path);
+    else if (status.st_uid != geteuid())
+        log_trace(LOG_AS(func), "%s belongs to user %u: remove it, then start again", fifo_path,
+                  status.st_uid);
+}
+
 } // namespace
 
 int open_control_fifo(lumd *manager)
@@ -90,8 +104,14 @@ int open_control_fifo(lumd *manager)
         mkfifo(fifo_path, 0666);
         reader = open_fifo(O_RDONLY);
     }
-    if (!reader)
+    if (!reader) {
+        const int error = errno;
+        if (const unique_fd there{open(fifo_path, O_PATH | O_NOFOLLOW | O_CLOEXEC)})
+            tell_of_stranger(there.get());
+        errno = error;
         return -1;
+    }
+    tell_of_stranger(reader.get());
     // A writer of our own, so that the reader never sees the end when the others have closed.
     unique_fd writer = open_fifo(O_WRONLY);
     if (!writer || app_add_fd(reader.get(), POLLIN, manager, lumd_recvCallback) < 0)

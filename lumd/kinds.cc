@@ -19,8 +19,12 @@ constexpr builtin_kind builtin_kinds[] = {
     {"ntp", create_ntp_svcent},           {"sched", create_sched_svcent},
 };
 
+} // namespace
+
 svcent *create_builtin_svcent(service_info *slot, const char *name, const char *first_word)
 {
+    if (!first_word)
+        return nullptr;
     log_trace(LOG_HERE, "create %s svcent", name);
     for (const auto &kind : builtin_kinds) {
         if (kind.name == first_word)
@@ -29,19 +33,4 @@ svcent *create_builtin_svcent(service_info *slot, const char *name, const char *
     return nullptr;
 }
 
-using svcent_creator = svcent *(*)(service_info *slot, const char *name, const char *first_word);
-
-constexpr svcent_creator creators[] = {create_builtin_svcent, create_process_svcent};
-
-} // namespace
-
-svcent *create_svcent(service_info *slot, const char *name, const char *first_word)
-{
-    if (!first_word)
-        return nullptr;
-    for (const svcent_creator create : creators) {
-        if (svcent *entry = create(slot, name, first_word))
-            return entry;
-    }
-    return nullptr;
-}
+constinit const svcent_creators all_kinds = {create_builtin_svcent, create_process_svcent};

@@ -1,11 +1,13 @@
-// The kinds of service, and who makes the entry of a slot.
+// The kinds of service.
 #pragma once
 
 #include "lumd/svcent.h"
 
-// The entry of the first kind that knows first_word, the first word of the slot's exec line: a built-in kind
-// of that name, else a program. Null when there is none, or no word.
-svcent *create_svcent(service_info *slot, const char *name, const char *first_word);
+// All of them, in the order in which they are asked for an entry: the built-in kinds, then programs.
+extern const svcent_creators all_kinds;
+
+// The entry of the built-in kind of that name; null when there is none.
+svcent *create_builtin_svcent(service_info *slot, const char *name, const char *first_word);
 
 // The built-in kinds, by the first word of their exec lines. Each makes an entry for the slot, or null,
 // logged, when memory is out.

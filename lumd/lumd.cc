@@ -1,10 +1,8 @@
 #include "lumd/lumd.h"
 
-#include "app/glob.h"
 #include "app/log.h"
 #include "app/memory.h"
 #include "lumd/cfgdb.h"
-#include "lumd/kinds.h"
 
 #include <algorithm>
 #include <cstring>
@@ -54,7 +52,8 @@ std::span<const svcfg_link> linked(std::span<const svcfg_link> links)
     return links.first(static_cast<size_t>(end - links.begin()));
 }
 
-// Starts the dependencies that nobody has started yet. True when there were none.
+// Starts the dependencies that nobody has started yet. True when there were none. One that cannot be made is
+// not awaited, and so looked for again whenever another one comes up.
 bool dependencies_ready(service_info *slot)
 {
     bool ready = true;
@@ -66,6 +65,8 @@ bool dependencies_ready(service_info *slot)
         ready = false;
         slot->awaited |= slot_bit(dependency);
         lumd_do_start(dependency, dependency->name);
+        if (!dependency->svcent)
+            slot->awaited &= ~slot_bit(dependency);
     }
     return ready;
 }
@@ -107,14 +108,27 @@ void release_entry(service_info *slot)
     slot->awaited = 0;
 }
 
+void dependency_is_up(const service_info *slot, service_info *dependent)
+{
+    dependent->awaited &= ~slot_bit(slot);
+    if (dependent->svcent && dependent->svcent->state != SVCENT_STARTED && !dependent->awaited)
+        lumd_do_start(dependent, dependent->name);
+}
+
+void start_dependents(const service_info *slot)
+{
+    for (const svcfg_link &link : linked(slot->m_cfg->depended)) {
+        log_trace(LOG_AS("lumd_processServiceCallback"), "depended service: %s", link.info->name);
+        dependency_is_up(slot, link.info);
+    }
+}
+
+// The service has been started and will not report it.
 void start_waiting_dependents(const service_info *slot)
 {
     for (const svcfg_link &link : linked(slot->m_cfg->depended)) {
-        service_info *dependent = link.info;
-        log_trace(LOG_AS("lumd_processServiceCallback"), "depended service: %s", dependent->name);
-        dependent->awaited &= ~slot_bit(slot);
-        if (dependent->svcent && dependent->svcent->state != SVCENT_STARTED && !dependent->awaited)
-            lumd_do_start(dependent, dependent->name);
+        if (link.info->awaited & slot_bit(slot))
+            dependency_is_up(slot, link.info);
     }
 }
 
@@ -128,55 +142,15 @@ void schedule_restart(service_info *slot)
         log_failed(LOG_AS(func));
 }
 
-// Starts or stops the slot as one changed condition of it demands.
-void process_condition(service_info *slot, const svcfg_condition &condition,
-                       std::span<const char *const> names)
+svcent *create_svcent(service_info *slot, const char *name)
 {
-    constexpr char func[] = "lumd_processSyscfgChange";
-    log_trace(LOG_AS(func), "\tprocess dependent var : %s", condition.name);
-    for (const char *name : names) {
-        if (strcmp(name, condition.name) != 0)
-            continue;
-        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name);
-        log_trace(LOG_AS(func), "var value: %s, get syscfg: %s", condition.value ? condition.value : "(null)",
-                  current ? current : "(null)");
-        if (!current)
-            continue;
-        if (condition.value && strcmp(current, condition.value) != 0)
-            lumd_do_stop(slot, 0);
-        else if (condition.value)
-            lumd_do_start(slot, slot->name);
-        return;
+    const char *first_word = slot->m_cfg->argv[0];
+    for (const svcent_creator create : slot->owner->creators) {
+        svcent *entry = create ? create(slot, name, first_word) : nullptr;
+        if (entry)
+            return entry;
     }
-}
-
-bool watches(const service_info *slot, std::span<const char *const> names)
-{
-    for (const char *pattern : slot->m_cfg->syscfg_patterns) {
-        log_trace(LOG_AS("lumd_reload_service"), "checking %s", pattern);
-        if (std::any_of(names.begin(), names.end(),
-                        [pattern](const char *name) { return glob_match(pattern, name); }))
-            return true;
-    }
-    return false;
-}
-
-void lumd_do_reload(service_info *slot)
-{
-    if (!slot->svcent) {
-        log_failed(LOG_HERE);
-        return;
-    }
-    slot->svcent->ops->reload(slot->svcent, svcfg_find_command(slot->m_cfg, "reload"));
-}
-
-void lumd_reload_service(lumd *manager, std::span<const char *const> names)
-{
-    for (service_info &slot : lumd_used_slots(manager)) {
-        log_trace(LOG_HERE, "processing service %s", slot.name);
-        if (watches(&slot, names))
-            lumd_do_reload(&slot);
-    }
+    return nullptr;
 }
 
 } // namespace
@@ -215,7 +189,7 @@ void lumd_do_start(service_info *slot, const char *name)
     pass_scope pass(slot->owner->starting);
     // Stored before its dependencies are looked at, so that a cycle comes back to a slot that has its entry.
     if (!slot->svcent)
-        slot->svcent = create_svcent(slot, name, slot->m_cfg->argv[0]);
+        slot->svcent = create_svcent(slot, name);
     if (!slot->svcent) {
         log_failed(LOG_HERE);
         return;
@@ -228,8 +202,11 @@ void lumd_do_start(service_info *slot, const char *name)
     if (!pass.take(slot))
         return;
     slot->awaited = 0;
-    if (slot->svcent->ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv, slot->m_cfg) < 0)
+    const svcent_ops *ops = slot->svcent->ops;
+    if (ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv, slot->m_cfg) < 0)
         log_failed(LOG_HERE);
+    else if (!ops->reports_start)
+        start_waiting_dependents(slot);
 }
 
 void lumd_do_stop(service_info *slot, int release)
@@ -280,7 +257,7 @@ void lumd_processServiceCallback(service_info *slot, int event)
     log_trace(LOG_HERE, "SERVICE: %s callback", slot->name);
     switch (event) {
     case SVCENT_EV_STARTED:
-        start_waiting_dependents(slot);
+        start_dependents(slot);
         break;
     case SVCENT_EV_STOPPED:
         lumd_do_stop(slot, 0);
@@ -289,19 +266,6 @@ void lumd_processServiceCallback(service_info *slot, int event)
     default:
         log_failed(LOG_HERE);
     }
-}
-
-void lumd_processSyscfgChange(lumd *manager, const char *const *names, int count)
-{
-    const std::span<const char *const> changed(names, static_cast<size_t>(count));
-    for (service_info &slot : lumd_used_slots(manager)) {
-        if (!slot.svcent)
-            continue;
-        log_trace(LOG_HERE, "process service %s dependent syscfg", slot.name);
-        for (const svcfg_condition &condition : slot.m_cfg->dsyscfg)
-            process_condition(&slot, condition, changed);
-    }
-    lumd_reload_service(manager, changed);
 }
 
 const char *svcent_getSyscfg(const svcent *entry, const char *name)

@@ -10,9 +10,10 @@
 // name them, and reload those that watch them.
 //
 // Starting goes through missing dependencies first and leaves the service until each of them has reported
-// that it has started; a dependency that has an entry, in any state, is not missing. Stopping goes through
-// running dependents first. Dependencies may form cycles and kinds may report from inside their own start: in
-// one outermost start or stop, every slot is started or stopped at most once.
+// that it has started, or has been started if its kind reports nothing; a dependency that has an entry, in
+// any state, is not missing. Stopping goes through running dependents first. Dependencies may form cycles and
+// kinds may report from inside their own start: in one outermost start or stop, every slot is started or
+// stopped at most once.
 #pragma once
 
 #include "lumd/svcent.h"
@@ -35,6 +36,7 @@ struct lumd {
     service_info svcs[lumd_slots];
     ::cfgdb *cfgdb;
     int fifo_fd;
+    svcent_creators creators; // set before the first start
     lumd_pass starting;
     lumd_pass stopping;
 };
@@ -63,5 +65,5 @@ void lumd_do_stop(service_info *slot, int release);
 // The restart timer's callback; ctx is the slot.
 void lumd_restart_service(void *ctx);
 
-// Variables whose values have just changed; the names are the caller's.
+// Variables whose values have just changed (lumd_changes.cc); the names are the caller's.
 void lumd_processSyscfgChange(lumd *manager, const char *const *names, int count);

@@ -4,6 +4,7 @@
 #include "app/log.h"
 #include "app/text.h"
 #include "lumd/cfgdb.h"
+#include "lumd/child.h"
 #include "lumd/control.h"
 
 #include <cstring>
@@ -209,7 +210,13 @@ int lumd_init(lumd *manager, const char *path_list)
             cfgdb_release(bridge);
         return -1;
     }
+    bridge->changed = lumd_processSyscfgChange;
     manager->cfgdb = bridge;
+    // While there are descriptors to be had: an end that is not seen would leave its service down for good.
+    if (child_reaper_init() < 0) {
+        log_failed(LOG_HERE);
+        return -1;
+    }
     if (open_control_fifo(manager) < 0) {
         log_syserror(LOG_HERE);
         return -1;

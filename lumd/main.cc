@@ -1,25 +1,18 @@
 #include "app/app.h"
 #include "app/log.h"
 #include "lumd/cfgdb.h"
+#include "lumd/kinds.h"
 #include "lumd/lumd.h"
 #include "lumd/time_zone.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
-#include <string_view>
 #include <unistd.h>
 
 namespace {
 
 constexpr char default_path_list[] = "/etc/svc.conf:/usr/etc/svc.conf";
-
-// At once, whatever standard output is, and with nothing left in a buffer that a child could write again.
-void announce(std::string_view text)
-{
-    if (write(STDOUT_FILENO, text.data(), text.size()) < 0)
-        return;
-}
 
 // Without a console, our first descriptors would become standard output and error: the log would go into the
 // control FIFO and be taken for requests. And a console that nobody reads must not end us before we have
@@ -43,7 +36,8 @@ int main(int argc, char **argv)
 {
     hold_standard_descriptors();
     setenv("DEBUG", "1", 0);
-    announce("starting lumd...\n");
+    log_start();
+    print_output("starting lumd...\n");
     app_init(argc, argv, nullptr, "lumd");
 
     lumd *manager = lumd_create();
@@ -51,13 +45,14 @@ int main(int argc, char **argv)
         print_error("proc-chain init failed!\n");
         return -1;
     }
+    manager->creators = all_kinds;
     if (lumd_init(manager, argc >= 2 ? argv[1] : default_path_list) < 0) {
         print_error("cannot initialize lumd!\n");
         return -1;
     }
     if (const char *zone = cfgdb_getSyscfg(manager->cfgdb, "TZ"))
         init_tz(zone);
-    announce("lumd started!\n");
+    print_output("lumd started!\n");
     app_run();
     return 0;
 }

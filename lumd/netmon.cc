@@ -224,7 +224,7 @@ int netmon_reload(netmon_svcent *entry, char *const *)
 }
 
 constexpr const svcent_ops &operations =
-    operations_of<netmon_svcent, netmon_start, netmon_stop, netmon_reload>;
+    operations_of<netmon_svcent, netmon_start, netmon_stop, netmon_reload, true>;
 
 } // namespace
 

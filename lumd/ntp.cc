@@ -68,14 +68,6 @@ void ntp_svcent::close_sockets()
     resolver_release(&resolver);
 }
 
-__attribute__((format(printf, 1, 2))) void print(const char *format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    vdprintf(STDOUT_FILENO, format, args);
-    va_end(args);
-}
-
 // ---- cycles -------------------------------------------------------------------------------------------
 
 void ntp_retry(ntp_svcent *entry);
@@ -146,7 +138,7 @@ void tryServer(ntp_svcent *entry)
     log_trace(LOG_HERE, "resolver result: len=%d\n", length);
     if (length < static_cast<int>(sizeof entry->server.sin_addr))
         return;
-    print("resolver result: addr = %d.%d.%d.%d\n", answer[0], answer[1], answer[2], answer[3]);
+    print_output("resolver result: addr = %d.%d.%d.%d\n", answer[0], answer[1], answer[2], answer[3]);
     entry->server = {};
     entry->server.sin_family = AF_INET;
     entry->server.sin_port = htons(ntp_port);
@@ -202,7 +194,7 @@ bool receive(ntp_svcent *entry)
     if (length < 0 && errno == EAGAIN)
         return false;
     if (length < 0)
-        print("Can't receive: %s\n", strerror(errno));
+        print_output("Can't receive: %s\n", strerror(errno));
     else if (length == 0)
         log_trace(LOG_AS(func), "Unexpected EOF");
     else if (length == static_cast<ssize_t>(packet_size))
@@ -302,7 +294,7 @@ bool configure(ntp_svcent *entry, int argc, char *const *argv)
 unique_fd open_socket(uint16_t port)
 {
     const auto failed = [](const char *what) {
-        print("Can't %s: %s\n", what, strerror(errno));
+        print_output("Can't %s: %s\n", what, strerror(errno));
         return unique_fd();
     };
     unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -350,7 +342,7 @@ int ntp_reload(ntp_svcent *, char *const *)
     return -1;
 }
 
-constexpr const svcent_ops &operations = operations_of<ntp_svcent, ntp_start, ntp_stop, ntp_reload>;
+constexpr const svcent_ops &operations = operations_of<ntp_svcent, ntp_start, ntp_stop, ntp_reload, false>;
 
 } // namespace
 

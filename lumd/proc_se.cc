@@ -105,15 +105,15 @@ int classify_end(proc_svcent *entry, int status)
     constexpr char func[] = "proc_svcent_signalCallback";
     if (WIFEXITED(status)) {
         const int code = WEXITSTATUS(status);
-        log_trace(LOG_AS(func), "proc %s exited with status: %d", entry->name, code);
+        log_trace(LOG_AS(func), "proc %s exited with status: %d", entry->name.get(), code);
         entry->failures = 0;
-        write_exit_record(entry->name, "exited with", code);
+        write_exit_record(entry->name.get(), "exited with", code);
         return code;
     }
     const int number = WTERMSIG(status);
-    log_trace(LOG_AS(func), "proc %s kill by signal %d", entry->name, number);
+    log_trace(LOG_AS(func), "proc %s kill by signal %d", entry->name.get(), number);
     ++entry->failures;
-    write_exit_record(entry->name, "kill by signal", number);
+    write_exit_record(entry->name.get(), "kill by signal", number);
     return -1;
 }
 
@@ -191,7 +191,7 @@ void proc_svcent_signalCallback(void *, int events, int fd, app_fd_handler *)
         handle_lost_notices();
 }
 
-void proc_svcent_signal_init()
+int proc_svcent_signal_init()
 {
     struct sigaction action = {};
     action.sa_handler = sig_handler;
@@ -203,19 +203,15 @@ void proc_svcent_signal_init()
     if (sigaction(SIGCHLD, &action, nullptr) < 0 || sigprocmask(SIG_UNBLOCK, &child_signal, nullptr) < 0 ||
         pipe2(child_pipe, O_CLOEXEC | O_NONBLOCK) < 0) {
         log_failed(LOG_HERE);
-        return;
+        return -1;
     }
     if (app_add_fd(child_pipe[0], POLLIN, &child_list, proc_svcent_signalCallback) < 0) {
         log_failed(LOG_HERE);
-        // The next start tries again.
         for (int &end : child_pipe)
             close(std::exchange(end, -1));
-        return;
+        return -1;
     }
-    // For what ended before there was a pipe; 0 is nobody's pid.
-    const pid_t nobody = 0;
-    if (notice_lost && write(child_pipe[1], &nobody, sizeof nobody) < 0)
-        log_failed(LOG_HERE);
+    return 0;
 }
 
 proc_svcent *as_process(svcent *entry)
@@ -226,7 +222,6 @@ proc_svcent *as_process(svcent *entry)
 int proc_svcent_start(svcent *base, int, char *const *argv, const svcfg *)
 {
     proc_svcent *entry = as_process(base);
-    child_reaper_init();
     if (entry->pid > 0 || entry->state == SVCENT_STARTED) {
         entry->start_wanted = entry->state == SVCENT_STOPPED;
         return 0;
@@ -273,14 +268,6 @@ command_handler find_handler(const char *name)
     return nullptr;
 }
 
-int run_handler(command_handler run, proc_svcent *entry, char *const *argv)
-{
-    if (run(entry, argv + 1) >= 0)
-        return 0;
-    log_failed(LOG_HERE);
-    return -1;
-}
-
 // The child that a one-shot's stop command runs in becomes the entry's own, so that its end is reported.
 int run_stop_command(proc_svcent *entry, char *const *argv)
 {
@@ -299,7 +286,7 @@ int run_stop_command(proc_svcent *entry, char *const *argv)
 int proc_svcent_stop(svcent *base, char *const *argv)
 {
     proc_svcent *entry = as_process(base);
-    print_error("%s stop: %s\n", entry->name, argv[0] ? argv[0] : "(null)");
+    print_error("%s stop: %s\n", entry->name.get(), argv[0] ? argv[0] : "(null)");
     entry->start_wanted = 0;
     if (entry->state == SVCENT_STOPPED)
         return 0;
@@ -312,7 +299,10 @@ int proc_svcent_stop(svcent *base, char *const *argv)
         return run_stop_command(entry, argv);
     entry->state = SVCENT_STOPPED;
     withdraw_notice(entry);
-    return run_handler(handler, entry, argv);
+    if (handler(entry, argv + 1) >= 0)
+        return 0;
+    log_failed(LOG_HERE);
+    return -1;
 }
 
 int proc_svcent_reload(svcent *base, char *const *argv)
@@ -322,9 +312,13 @@ int proc_svcent_reload(svcent *base, char *const *argv)
         signal_child(entry, SIGHUP);
         return 0;
     }
-    if (const command_handler handler = find_handler(argv[0]))
-        return run_handler(handler, entry, argv);
-    proc_svcent_run(argv);
+    const command_handler handler = find_handler(argv[0]);
+    if (!handler)
+        proc_svcent_run(argv);
+    else if (handler(entry, argv + 1) < 0) {
+        log_failed(LOG_HERE);
+        return -1;
+    }
     return 0;
 }
 
@@ -337,12 +331,12 @@ int proc_svcent_release(svcent *base)
         unlink_child(entry->node);
     }
     app_scheduler_remove_ctx(entry);
-    free_svcent(entry);
+    free_record(entry);
     return -1;
 }
 
 constexpr svcent_ops operations = {proc_svcent_start, proc_svcent_stop, proc_svcent_reload,
-                                   proc_svcent_release};
+                                   proc_svcent_release, true};
 
 bool is_executable(const char *path)
 {
@@ -351,15 +345,15 @@ bool is_executable(const char *path)
 
 } // namespace
 
-void child_reaper_init()
+int child_reaper_init()
 {
-    if (child_pipe[0] < 0)
-        proc_svcent_signal_init();
+    return child_pipe[0] < 0 ? proc_svcent_signal_init() : 0;
 }
 
 svcent *create_process_svcent(service_info *slot, const char *name, const char *first_word)
 {
-    child_reaper_init();
+    if (!first_word)
+        return nullptr;
     const bool oneshot = *first_word == '-';
     const char *program = first_word + (oneshot ? 1 : 0);
     char path[sizeof proc_svcent::path];

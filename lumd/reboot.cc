@@ -62,7 +62,7 @@ int keep_entry(svcent *)
 }
 
 constexpr svcent_ops operations = {operation<reboot_start>::call, cannot_be_undone, cannot_be_undone,
-                                   keep_entry};
+                                   keep_entry, false};
 
 } // namespace
 

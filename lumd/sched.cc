@@ -149,7 +149,6 @@ void sched_do(sched_svcent *entry)
     log_trace(LOG_HERE, "%s", entry->path.get());
     if (start_timer(entry, entry->interval) < 0)
         log_failed(LOG_HERE);
-    child_reaper_init();
     char *const argv[] = {entry->path.get(), nullptr};
     if (spawn_child(entry->path.get(), argv, [] {}) < 0)
         log_syserror(LOG_HERE);
@@ -208,7 +207,8 @@ int sched_reload(sched_svcent *entry, char *const *)
     return 0;
 }
 
-constexpr const svcent_ops &operations = operations_of<sched_svcent, sched_start, sched_stop, sched_reload>;
+constexpr const svcent_ops &operations =
+    operations_of<sched_svcent, sched_start, sched_stop, sched_reload, true>;
 
 } // namespace
 

@@ -35,7 +35,6 @@ int run_script(const char *name, const char *action, int wait)
         return -1;
     }
     log_trace(LOG_HERE, "run script: %s", path);
-    child_reaper_init();
     char *const argv[] = {path, nullptr};
     // The handler reaps every child; one that is waited for is kept from it.
     const sigchld_guard guard;

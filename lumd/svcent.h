@@ -10,6 +10,8 @@
 #include "app/timer.h"
 #include "lumd/svcfg.h"
 
+#include <array>
+
 struct svcent;
 
 enum svcent_state { SVCENT_CREATED = 0, SVCENT_STARTED = 1, SVCENT_STOPPED = 2 };
@@ -23,6 +25,7 @@ struct svcent_ops {
     int (*stop)(svcent *entry, char *const *argv);
     int (*reload)(svcent *entry, char *const *argv);
     int (*release)(svcent *entry);
+    bool reports_start; // with event 1; otherwise a service is up once it has been started
 };
 
 // The head of every entry; a kind's own record derives from it.
@@ -50,9 +53,14 @@ int release_entry(svcent *entry)
     return 0;
 }
 
-template <typename Entry, auto start, auto stop, auto reload>
+template <typename Entry, auto start, auto stop, auto reload, bool reports_start>
 inline constexpr svcent_ops operations_of = {operation<start>::call, operation<stop>::call,
-                                             operation<reload>::call, release_entry<Entry>};
+                                             operation<reload>::call, release_entry<Entry>, reports_start};
+
+// Makes the entry of a slot if first_word, the first word of its exec line, is one of its kind; else null.
+// Null, logged, also when memory is out.
+using svcent_creator = svcent *(*)(service_info *slot, const char *name, const char *first_word);
+using svcent_creators = std::array<svcent_creator, 2>; // asked in order
 
 // One place of the service table; m_cfg is null in an empty one.
 struct service_info {
@@ -61,8 +69,7 @@ struct service_info {
     svcfg *m_cfg;
     ::svcent *svcent;
     timer *restart_timer;
-    uint32_t
-        awaited; // dependencies that were started for this slot and have not reported yet, one bit a slot
+    uint32_t awaited; // dependencies that were missing and are not up yet, one bit a slot
 };
 
 // A kind's new record with its head filled, zero otherwise. When memory is out: null, and the failure is on

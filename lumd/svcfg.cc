@@ -51,7 +51,6 @@ char *&text_of(auto &place)
     return place.name;
 }
 
-// A line that is given again takes the place of the earlier one.
 template <typename Place, size_t Max>
 void clear(svcfg_list<Place, Max> &list)
 {
@@ -64,6 +63,16 @@ void clear(svcfg_list<Place, Max> &list)
     }
     free(list.places);
     list = {};
+}
+
+// A line that is given again takes the place of the earlier one.
+template <typename... Lists>
+void drop_earlier(const char *func, const svcfg *cfg, const char *keyword, Lists &...lists)
+{
+    if ((lists.count + ...) > 0)
+        log_trace(LOG_AS(func), "service %s: another %s line, the earlier one is dropped", cfg->proc,
+                  keyword);
+    (clear(lists), ...);
 }
 
 // True, logged with the word that finds no place, when the list is full.
@@ -115,7 +124,8 @@ parsed_word take_any_word(const char *func, std::string_view &rest)
 
 int append_condition(svcfg *cfg, std::string_view word)
 {
-    if (is_full("svcfg_parseDepends", cfg, cfg->dsyscfg, "conditions", word))
+    constexpr char func[] = "svcfg_parseDepends";
+    if (is_full(func, cfg, cfg->dsyscfg, "conditions", word))
         return 0;
     std::string_view value = word;
     std::string_view name = cut_until(value, '=');
@@ -128,6 +138,10 @@ int append_condition(svcfg *cfg, std::string_view word)
     place->flag = flagged;
     if (value.starts_with("''") || value.starts_with("\"\""))
         return 0;
+    // Changes name the variable alone.
+    if (name.starts_with("syscfg:"))
+        log_trace(LOG_AS(func), "service %s: changes are not noticed behind a source: %.*s", cfg->proc,
+                  printed(word), word.data());
     place->value = new_text(value);
     return place->value ? 0 : -1;
 }
@@ -185,7 +199,7 @@ const char *svcfg_parseServiceLine(svcfg *cfg, std::string_view line)
 int svcfg_parseExecLine(svcfg *cfg, std::string_view line)
 {
     std::string_view rest = after_keyword(line, "exec");
-    clear(cfg->argv);
+    drop_earlier(__func__, cfg, "exec", cfg->argv);
     cfg->argc = 0;
     while (!rest.empty()) {
         parsed_word word = take_any_word(__func__, rest);
@@ -208,8 +222,7 @@ int svcfg_parseExecLine(svcfg *cfg, std::string_view line)
 int svcfg_parseDepends(svcfg *cfg, std::string_view line)
 {
     std::string_view rest = after_keyword(line, "depends");
-    clear(cfg->dsyscfg);
-    clear(cfg->depend);
+    drop_earlier(__func__, cfg, "depends", cfg->dsyscfg, cfg->depend);
     while (!rest.empty()) {
         const std::string_view word = take_word(rest);
         const int added = word.find('=') != word.npos
@@ -224,7 +237,7 @@ int svcfg_parseDepends(svcfg *cfg, std::string_view line)
 int svcfg_parseSyscfgLine(svcfg *cfg, std::string_view line)
 {
     std::string_view rest = after_keyword(line, "syscfg");
-    clear(cfg->syscfg_patterns);
+    drop_earlier(__func__, cfg, "syscfg", cfg->syscfg_patterns);
     while (!rest.empty()) {
         const std::string_view word = take_word(rest);
         if (!is_full(__func__, cfg, cfg->syscfg_patterns, "watch patterns", word) &&

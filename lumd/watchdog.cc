@@ -124,7 +124,7 @@ int watchdog_reload(watchdog_svcent *entry, char *const *)
 }
 
 constexpr const svcent_ops &operations =
-    operations_of<watchdog_svcent, watchdog_start, watchdog_stop, watchdog_reload>;
+    operations_of<watchdog_svcent, watchdog_start, watchdog_stop, watchdog_reload, false>;
 
 } // namespace
 

@@ -48,7 +48,7 @@ void resolver_set_callback(resolver *res, void *ctx, resolver_answer fn);
 
 // 0 when the query is under way; -1, logged, when the name does not allow it or no server can be sent to. A
 // name of more than 255 characters is refused before a query under way ends.
-int resolver_query(resolver *res, const char *name);
+extern "C" int resolver_query(resolver *res, const char *name);
 
 // Copies the answer and returns its length: for A four bytes, for PTR and MX a name, for TXT a text, else the
 // record's data. -1 when it does not fit.

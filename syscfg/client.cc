@@ -167,6 +167,10 @@ int syscfg_client_open(sockaddr_un *address)
     const int fd = create_socket();
     if (fd < 0)
         return -1;
+    // Any user can send to a name that he can guess. Connected before it has one, the socket takes what the
+    // server sends only. Without a server, sending will tell.
+    fill_server_address(address);
+    connect(fd, reinterpret_cast<const sockaddr *>(address), sizeof *address);
     fill_address(address);
     snprintf(address->sun_path + 1, sizeof address->sun_path - 1, ".syscfg-client-%d",
              static_cast<int>(getpid()));

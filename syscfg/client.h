@@ -25,7 +25,8 @@ struct sockaddr_un;
 /* Room that the error text of syscfg_command takes, its terminator included. */
 #define SYSCFG_ERROR_SIZE 121
 
-/* A socket bound to this process's name, to be closed by the caller, or -1; address becomes the server's. */
+/* A socket bound to this process's name, to be closed by the caller, or -1; address becomes the server's. The
+   socket takes datagrams of that daemon only which ran when it was opened: another one's needs another. */
 int syscfg_client_open(struct sockaddr_un *address);
 
 /* Sends one request and receives one answer, cut to reply_size; request and reply may be the same memory.

@@ -216,7 +216,7 @@ std::string_view apply_names(syscfg *db, std::string_view list, const requester 
     }
     names[count] = nullptr;
     if (count > 0)
-        cfgdb_processSyscfgChange(db->listener, names, count);
+        report_changes(db, names, count);
     return ok;
 }
 

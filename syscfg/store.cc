@@ -229,6 +229,6 @@ int apply_syscfg(syscfg *db)
         var->flags &= static_cast<uint16_t>(~VAR_CHANGED);
     }
     names[count] = nullptr;
-    cfgdb_processSyscfgChange(db->listener, names, count);
+    report_changes(db, names, count);
     return 0;
 }

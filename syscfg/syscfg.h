@@ -7,5 +7,6 @@
 
 #include "syscfg/variables.h"
 
-// A database whose changes are reported to listener, or null (logged) when memory is out.
+// A database for a listener, which sets its `changed` if it wants to be told; null (logged) when memory is
+// out.
 syscfg *create_syscfg(cfgdb *listener);

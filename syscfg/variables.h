@@ -58,6 +58,9 @@ struct var_entry {
     syscfg_var *record;
 };
 
+// Told of count variables whose values have changed; the names stay the database's.
+using syscfg_change_listener = void (*)(cfgdb *listener, const char *const *names, int count);
+
 struct syscfg_ops {
     int (*init)(syscfg *db);
     void (*release)(syscfg *db);
@@ -75,7 +78,14 @@ struct syscfg {
     int alias_count; // alternative names, over all alias declarations
     syscfg_var *aliases;
     var_entry *alias_tbl;
+    syscfg_change_listener changed; // called with listener; null when nobody listens
 };
+
+inline void report_changes(const syscfg *db, const char *const *names, int count)
+{
+    if (db->changed)
+        db->changed(db->listener, names, count);
+}
 
 // One type of variable; an operation that a type does without is null.
 struct var_type {
@@ -102,6 +112,3 @@ inline size_t string_field(const syscfg_var *var)
 
 // Frees the value, as far as the variable owns it; the variable then has none.
 void drop_value(syscfg_var *var);
-
-// Calls back into the service manager: count names whose values have changed. They stay the database's.
-void cfgdb_processSyscfgChange(cfgdb *bridge, const char *const *names, int count);

@@ -24,11 +24,11 @@ int board_open(const char *path);
 ssize_t board_write(int fd, const void *data, size_t size);
 int board_ioctl(int fd, unsigned long request, void *argument);
 void board_close(int fd);
-int board_kill(pid_t pid, int sig);
+extern "C" int board_kill(pid_t pid, int sig);
 unsigned board_sleep(unsigned seconds);
 
 // What a call of that name would have set the clock to, or moved it by. Always 0.
-int board_set_clock(const char *call, int64_t sec, int64_t usec);
+extern "C" int board_set_clock(const char *call, int64_t sec, int64_t usec);
 
 // Power comes on: the directory with all that is missing in it, the watchdog off, nothing fed yet. The
 // interfaces are found or made. -1 with errno set when it cannot be written.

@@ -5,7 +5,11 @@
 
 #include <climits>
 #include <csignal>
+#include <ctime>
+#include <fcntl.h>
 #include <memory>
+#include <poll.h>
+#include <regex>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -63,6 +67,7 @@ struct app_test : test {
         return ran;
     }
     int add(act &what, int fd, int mask = POLLIN) { return app_add_fd(fd, mask, &what, on_event); }
+    void defer(act &what) { EXPECT_EQ(app_scheduler_add(&what, perform, 1), 0); }
     void remove(act &what) { app_remove_fd(ready, &what, on_event); }
     void remove_all()
     {
@@ -116,6 +121,73 @@ TEST_F(app_test, every_log_call_writes_its_shape_in_one_write_and_keeps_errno)
     });
 }
 
+// Standard error is a pipe or terminal with a stalled reader, which reads all there is when it is asked.
+struct stalled_reader {
+    int reader = -1, writer = -1;
+
+    stalled_reader(bool is_terminal, int flags)
+    {
+        int ends[2] = {posix_openpt(O_RDWR | O_NOCTTY), -1};
+        if (is_terminal && unlockpt(ends[0]) == 0)
+            ends[1] = open(ptsname(ends[0]), O_RDWR | O_NOCTTY);
+        else
+            EXPECT_EQ(pipe(ends), 0);
+        reader = ends[0], writer = ends[1];
+        EXPECT_TRUE(dup2(writer, STDERR_FILENO) >= 0 && fcntl(writer, F_SETFL, flags | O_RDWR) == 0);
+    }
+    [[nodiscard]] std::string reads() const
+    {
+        std::string all;
+        char part[4096];
+        for (pollfd more = {reader, POLLIN, 0}; poll(&more, 1, 100) > 0;)
+            all.append(part, static_cast<size_t>(read(reader, part, sizeof part)));
+        std::erase(all, '\r');
+        return std::regex_replace(all, std::regex(R"(  write_text\(\): log: [0-9]+)"), "~");
+    }
+};
+
+TEST_F(app_test, a_stalled_reader_holds_up_a_burst_once_and_is_told_what_it_missed)
+{
+    constexpr int burst = 5000;
+    const auto seconds = [] {
+        timespec at = {};
+        clock_gettime(CLOCK_MONOTONIC, &at);
+        return static_cast<double>(at.tv_sec) + static_cast<double>(at.tv_nsec) / 1e9;
+    };
+    const std::tuple<bool, int, bool> outputs[] = {// is a terminal, flags of its descriptor, opened anew
+                                                   {false, 0, false},
+                                                   {false, 0, true},
+                                                   {false, O_NONBLOCK, false},
+                                                   {false, O_NONBLOCK, true},
+                                                   {true, 0, true}};
+    for (const auto &[is_terminal, flags, anew] : outputs) {
+        isolated([&, is_terminal = is_terminal, flags = flags, anew = anew] {
+            SCOPED_TRACE((is_terminal ? "terminal " : "pipe ") + std::to_string(flags) +
+                         (anew ? " anew" : ""));
+            captured_log::capturing = false, real_time = true;
+            const stalled_reader log_reader(is_terminal, flags);
+            anew ? log_start() : void();
+            const double begin = seconds();
+            for (int i = 0; i < burst; ++i)
+                log_printf(0, "a line of a burst\n");
+            const double took = seconds() - begin;
+            EXPECT_TRUE(took > 0.19 && took < 2) << took;
+            const std::string got = log_reader.reads();
+            const auto missed = burst - std::count(got.begin(), got.end(), '\n');
+            EXPECT_GT(got.size(), 4000u);
+            print_error("%s", std::string(100'000, 'x').c_str());
+            const std::string part = log_reader.reads();
+            const std::string notice = "~: lines lost: " + std::to_string(missed) + "\n";
+            EXPECT_TRUE(part.starts_with((got.ends_with('\n') ? "" : "\n") + notice + "xxx"))
+                << notice << part;
+            errno = ENOENT;
+            log_printf(0, "%m\n"), print_error("all read\n");
+            EXPECT_EQ(log_reader.reads(), "\n~: lines lost: 1\nNo such file or directory\nall read\n");
+            EXPECT_EQ(fcntl(STDERR_FILENO, F_GETFL) & O_NONBLOCK, flags) << "they are not ours alone";
+        });
+    }
+}
+
 TEST_F(app_test, timers_run_by_expiry_newest_first_within_one_instant_as_often_as_the_count_says)
 {
     const int64_t begin = now_us;
@@ -146,7 +218,7 @@ TEST_F(app_test, a_timer_may_stop_restart_and_free_itself_and_others)
     timer *self = started(10, -1, a).release();
     const owned other = started(20, -1, b), again = started(5, 1, c);
     a.then = [&] { timer_stop(other.get()), timer_free(self); };
-    c.then = [&] { timer_start(again.get(), 1); };
+    c.then = [&] { EXPECT_EQ(timer_start(again.get(), 1), 0); };
     now_us += 50000;
     EXPECT_EQ(passes(3, 4), "ca,,c") << "lateness is not caught up";
     c.then = [&] { timer_stop(again.get()); };
@@ -191,6 +263,7 @@ TEST_F(app_test, a_later_call_is_made_once_or_not_at_all_and_the_interval_timer_
     const auto call_later = [this] {
         const int made = timer_call_later(0, &a, perform);
         EXPECT_EQ(passes(1), made == 0 ? "a" : "");
+        return made == 0;
     };
     EXPECT_EQ(for_each_failure(ALLOC, call_later), 2);
     isolated([] {
@@ -218,7 +291,7 @@ TEST_F(app_test, scheduled_calls_run_by_priority_and_order_one_a_pass_each_queue
     }
     const auto add_all = [this] {
         for (act *each : {&a, &b, &c})
-            scheduler_add(&queue, each, perform, 1);
+            EXPECT_EQ(scheduler_add(&queue, each, perform, 1), 0);
     };
     add_all();
     EXPECT_EQ(scheduler_remove(&queue, &a, perform), 0);
@@ -232,7 +305,7 @@ TEST_F(app_test, scheduled_calls_run_by_priority_and_order_one_a_pass_each_queue
     scheduler_clear(&queue);
     a.then = [&] {
         a.then = [&] { scheduler_remove_ctx(&queue, &a); };
-        scheduler_add(&queue, &a, perform, 1);
+        EXPECT_EQ(scheduler_add(&queue, &a, perform, 1), 0);
         scheduler_remove(&queue, &b, perform);
     };
     add_all();
@@ -277,8 +350,7 @@ TEST_F(app_test, what_a_callback_removes_is_not_called_and_what_it_adds_only_aft
              app_remove_ctx(&d);
          },
          "arbrcr,arbrcr"},
-        {[this] { app_scheduler_add(&b, perform, 1), app_scheduler_add(&c, perform, 1), app_remove_ctx(&b); },
-         "arcrc,arcr"},
+        {[this] { defer(b), defer(c), app_remove_ctx(&b); }, "arcrc,arcr"},
     };
     for (const auto &[first, calls] : cases) {
         for (act *each : {&a, &b, &c})
@@ -333,7 +405,7 @@ TEST_F(app_test, the_loop_polls_twice_a_pass_and_ends_with_the_code)
         {"timer", [this] { started(0, 1, a).release(); }, "a"},
         {"what is due at the end still runs", [this] { started(0, -1, a).release(); },
          std::string(1001, 'a')},
-        {"deferred call", [this] { app_scheduler_add(&a, perform, 1); }, "a"},
+        {"deferred call", [this] { defer(a); }, "a"},
         {"descriptor of the first poll",
          [this] { add(a, ready), a.then = [this] { app_quit(1), remove(a); }; }, "ar"}};
     for (const auto &[from, prepare, runs] : quits) {

@@ -111,6 +111,41 @@ TEST_F(crash, consoles_that_nobody_reads)
     }
 }
 
+// Of a pipe and of a terminal whose output is processed: no reader of the log holds up the daemon.
+TEST_F(crash, a_log_that_nobody_reads)
+{
+    write_file("/tmp/svc.conf", "service wd\nexec watchdog\nservice a\nexec sleep 1001\n");
+    ASSERT_TRUE(mkfifo("/tmp/log.pipe", 0600) == 0 && system("stty sane -echo </dev/ttyS0") == 0);
+    const unique_fd pipe(open("/tmp/log.pipe", O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const std::tuple<const char *, int, int> logs[] = {{"/tmp/log.pipe", pipe.get(), pipe.get()},
+                                                       {"/dev/ttyS0", line.get(), serial.get()}};
+    for (const auto &[path, writer, reader] : logs) {
+        SCOPED_TRACE(path);
+        while (write(writer, "full\n", 5) > 0)
+            ;
+        write_file("/dev/watchdog", "");
+        running_lumd lumd("/tmp/svc.conf", path);
+        ASSERT_TRUE(lumd.has_started());
+        request("start wd a\n");
+        ASSERT_TRUE(eventually([&] { return lumd.child("1001") > 0; }, 2));
+        const auto feeds = [] { return std::filesystem::file_size("/dev/watchdog"); };
+        const auto fed = feeds();
+        for (int i = 0; i < 20; ++i) // a moment for each line would be too long
+            request("stop a\nstart a\n");
+        EXPECT_TRUE(eventually([&] { return feeds() >= fed + 3; }, 3));
+        EXPECT_EQ(ask({"?@version"}), ">1.4.0.02");
+        EXPECT_TRUE(eventually([&] { return lumd.child("1001") > 0; }, 2));
+        std::string log;
+        EXPECT_TRUE(eventually([&, from = reader] {
+            char part[4096];
+            for (pollfd more = {from, POLLIN, 0}; poll(&more, 1, 50) > 0;)
+                log.append(part, static_cast<size_t>(read(from, part, sizeof part)));
+            request("unknown\n");
+            return log.find("lines lost: ") != log.npos;
+        }));
+    }
+}
+
 TEST_F(crash, a_full_text_has_whole_lines)
 {
     for (const auto &[shell, depth] : {std::pair{"", "250"}, {"ulimit -s 262144;", "2500000"}}) {

@@ -52,6 +52,29 @@ TEST_F(end_to_end, time_zone_and_environment)
     unsetenv("DEBUG");
 }
 
+// What it opens must not become its console, and one that nobody reads must not end it.
+TEST_F(end_to_end, consoles_that_are_closed_or_dead)
+{
+    for (const int closed : {1, 2, 4, 7, 0}) { // one bit a descriptor; 0: a pipe without a reader
+        running_lumd lumd("/tmp/svc.conf", running_lumd::log_path, [closed] {
+            int ends[2];
+            for (int fd = 0; fd < 3; ++fd)
+                closed & 1 << fd ? close(fd) : 0;
+            if (!closed && pipe(ends) == 0 && close(ends[0]) == 0)
+                dup2(ends[1], STDOUT_FILENO), dup2(ends[1], STDERR_FILENO), close(ends[1]);
+        });
+        std::filesystem::remove("/tmp/shown");
+        ASSERT_TRUE(eventually([] { return access("/tmp/svcctl", F_OK) == 0; })) << closed;
+        request("start a\n");
+        EXPECT_TRUE(eventually([] { return read_file("/tmp/shown") == "STD-8 1\n"; })) << closed;
+        for (const auto &fd : std::filesystem::directory_iterator(lumd.proc("fd"))) {
+            const int number = stoi(fd.path().filename().string());
+            const bool is_null = std::filesystem::read_symlink(fd) == "/dev/null";
+            EXPECT_TRUE(number < 3 ? is_null || !(closed & 1 << number) : !is_null) << closed << " " << fd;
+        }
+    }
+}
+
 // The kernel looks the requester's path up when the answer is sent, and follows links.
 TEST_F(end_to_end, does_not_answer_its_own_answers)
 {

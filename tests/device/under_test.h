@@ -102,14 +102,16 @@ inline std::string ask(const std::vector<std::string> &requests)
     return answers;
 }
 
-// A running daemon, and what it started, on services of the test. Its log is the file log_path.
+// A running daemon, and what it started, on services of the test. Its log is the file log_path, unless
+// prepare, which runs last before it, puts its descriptors elsewhere.
 struct running_lumd {
     static constexpr char log_path[] = "/tmp/lumd.log";
     pid_t pid;
     int out;
     std::string printed;
 
-    explicit running_lumd(const char *path_list, const char *log = log_path)
+    explicit running_lumd(
+        const char *path_list, const char *log = log_path, const std::function<void()> &prepare = [] {})
     {
         prctl(PR_SET_CHILD_SUBREAPER, 1); // what the daemon leaves behind comes to us
         unlink("/tmp/svcctl");
@@ -122,6 +124,7 @@ struct running_lumd {
             dup2(ends[1], STDOUT_FILENO);
             dup2(open(log, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO);
             setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // what the daemon owns lives until it ends
+            prepare();
             execl("/usr/sbin/lumd", "lumd", path_list, nullptr);
             _exit(99);
         }

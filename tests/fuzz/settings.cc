@@ -4,8 +4,6 @@
 #include "tests/fuzz/target.h"
 #include "tests/syscfg/records.h"
 
-void cfgdb_processSyscfgChange(cfgdb *, const char *const *, int) {}
-
 void take(std::string_view input)
 {
     std::map<char, memory_file> files;

@@ -10,6 +10,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+static uid_t other_user; // that the daemon is, 0: none
+
+extern "C" uid_t __real_geteuid();
+extern "C" uid_t __wrap_geteuid()
+{
+    return other_user ? other_user : __real_geteuid();
+}
+
 namespace {
 
 struct bridge : lumd_test {};
@@ -68,7 +76,10 @@ struct control : lumd_test {
 
 TEST_F(control, requests)
 {
-    load("service a;exec fake eager;service b;exec fake eager;service ped;exec fake eager;service two words");
+    const std::string long_name(31, 'n');
+    load("service a;exec fake eager;service b;exec fake eager;service ped;exec fake eager;service two words;"
+         "service " +
+         long_name);
     ASSERT_EQ(open_control_fifo(manager), 0);
     const std::string cut =
         "start b" + std::string(244, ' ') + "\nstart ped\n"; // a read ends in its second line
@@ -79,6 +90,8 @@ TEST_F(control, requests)
         {"stopped\n", "stop ped, release ped"},
         {"start a\nstop b", "start a, stop b, release b"},
         {"start nobody b\n\n\r\nstop\nstart \n", "start b"},
+        {"start " + long_name + "n\n", ""},
+        {"start " + long_name + "\nstop " + long_name + "n\n", "start " + long_name},
         {"restart a\nSTOP a\nstar a\nstart two words\n", ""},
         {"start\tb\r\nstop a\vb\r\n", "stop a, release a, stop b, release b"},
         {{"start a\0start b\n", 16}, "start a"},
@@ -103,7 +116,8 @@ TEST_F(control, requests)
 // Only a directory, which may hold somebody's files, keeps the daemon from its FIFO.
 TEST_F(control, what_stands_in_the_place_of_the_fifo)
 {
-    const std::string path = support::device_path("/tmp/svcctl"), other = path + "2";
+    const std::string path = support::device_path("/tmp/svcctl"), other = path + "2",
+                      told = "open_control_fifo: /tmp/svcctl", advice = ": remove it, then start again\n";
     const std::tuple<const char *, mode_t, bool> rows[] = {
         {"nothing", 0, false},          {"another FIFO", S_IFIFO, false},    {"a file", S_IFREG, false},
         {"a link to nothing", 0, true}, {"a link to a FIFO", S_IFIFO, true}, {"a socket", S_IFSOCK, false},
@@ -123,6 +137,7 @@ TEST_F(control, what_stands_in_the_place_of_the_fifo)
         EXPECT_EQ(open_control_fifo(manager), replaced ? 0 : -1);
         EXPECT_EQ(support::open_descriptors(), before + (replaced ? 2 : 0));
         EXPECT_EQ(std::filesystem::is_fifo(std::filesystem::symlink_status(path)), replaced);
+        EXPECT_EQ(log.messages(), replaced ? "" : told + " is a directory" + advice);
         if (replaced && !HasFailure()) {
             write_fifo("start a\n");
             EXPECT_EQ(trace(), "start a");
@@ -130,6 +145,19 @@ TEST_F(control, what_stands_in_the_place_of_the_fifo)
         }
         app_remove_ctx(manager);
     }
+    // Somebody else's FIFO, which can be opened or cannot.
+    std::filesystem::remove(path);
+    mkfifo(path.c_str(), 0600);
+    other_user = getuid() + 1;
+    for (const int failing : {0, 1}) {
+        log.clear();
+        support::fail_call(support::OPEN, failing, false, false, EACCES);
+        const int opened = open_control_fifo(manager), error = errno;
+        EXPECT_TRUE(failing ? opened == -1 && error == EACCES : opened == 0);
+        EXPECT_EQ(log.messages(), told + " belongs to user " + std::to_string(getuid()) + advice);
+        app_remove_ctx(manager);
+    }
+    other_user = 0;
 }
 
 } // namespace

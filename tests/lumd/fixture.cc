@@ -2,6 +2,7 @@
 
 #include "app/app.h"
 #include "lumd/cfgdb.h"
+#include "lumd/child.h"
 #include "lumd/kinds.h"
 #include "syscfg/syscfg.h"
 
@@ -30,7 +31,7 @@ auto &managers = *new std::vector<lumd *>; // they live as long as the process
 
 void note(const std::string &operation, const svcent *entry, char *const *argv)
 {
-    operations += (operations.empty() ? "" : ", ") + operation + " " + entry->name;
+    operations += (operations.empty() ? "" : ", ") + operation + " " + entry->name.get();
     for (; *argv; ++argv)
         operations += " " + std::string(*argv);
 }
@@ -46,9 +47,10 @@ int fake_start(svcent *base, int, char *const *, const svcfg *cfg)
 {
     auto *entry = static_cast<fake_svcent *>(base);
     for (const svcfg_link *at = cfg->depend; at != std::end(cfg->depend) && at->info; ++at)
-        EXPECT_NE(at->info->svcent, nullptr) << entry->name << " was started before " << at->name;
+        EXPECT_NE(at->info->svcent, nullptr) << entry->name.get() << " was started before " << at->name;
     for (const svcfg_condition *at = cfg->dsyscfg; at->name; ++at)
-        EXPECT_TRUE(!at->value || strchr(at->name, ':') || variables[at->name] == at->value) << entry->name;
+        EXPECT_TRUE(!at->value || strchr(at->name, ':') || variables[at->name] == at->value)
+            << entry->name.get();
     if (is(entry, "fails") || entry->live)
         return is(entry, "fails") ? -1 : 0;
     entry->live = true;
@@ -78,12 +80,25 @@ int fake_release(svcent *base)
 {
     note("release", base, no_words);
     --fakes_alive;
-    free(base->name);
     delete static_cast<fake_svcent *>(base);
     return -1;
 }
 
-constexpr svcent_ops fake_operations = {fake_start, fake_stop, fake_reload, fake_release};
+constexpr svcent_ops fake_operations = {fake_start, fake_stop, fake_reload, fake_release, true};
+
+svcent *create_fake_svcent(service_info *slot, const char *name, const char *word)
+{
+    if (word && strcmp(word, "fake") != 0)
+        return create_builtin_svcent(slot, name, word);
+    auto entry = std::make_unique<fake_svcent>();
+    entry->ops = &fake_operations;
+    entry->owner = slot;
+    if (is(entry.get(), "missing") && !variables.contains("FOUND"))
+        return nullptr;
+    entry->name.reset(strdup(name));
+    ++fakes_alive;
+    return entry.release();
+}
 
 const char *get_variable(syscfg *, const char *name)
 {
@@ -97,23 +112,6 @@ syscfg database;
 } // namespace
 
 extern "C" {
-
-#define CREATE_SVCENT(prefix) prefix##_Z13create_svcentP12service_infoPKcS2_
-svcent *CREATE_SVCENT(__real_)(service_info *, const char *, const char *);
-svcent *CREATE_SVCENT(__wrap_)(service_info *slot, const char *name, const char *word)
-{
-    if (word && strcmp(word, "fake") != 0)
-        return CREATE_SVCENT(__real_)(slot, name, word);
-    auto *entry = new fake_svcent();
-    static_cast<svcent &>(*entry) = {&fake_operations, nullptr, SVCENT_CREATED, slot};
-    if (is(entry, "missing")) {
-        delete entry;
-        return nullptr;
-    }
-    entry->name = strdup(name);
-    ++fakes_alive;
-    return entry;
-}
 
 int __real_close_range(unsigned first, unsigned last, int flags);
 int __wrap_close_range(unsigned first, unsigned last, int flags)
@@ -158,9 +156,7 @@ lumd_test::~lumd_test()
 void lumd_test::end_services()
 {
     for (int i = 0; manager && i < lumd_slots && manager->svcs[i].m_cfg; ++i) {
-        const proc_svcent *child = process(manager->svcs[i].name);
-        if (child && child->pid > 0)
-            kill(child->pid, SIGKILL);
+        signal_child(manager->svcs[i].name, SIGKILL);
         if (manager->svcs[i].svcent)
             lumd_do_stop(&manager->svcs[i], 1);
     }
@@ -176,6 +172,7 @@ int lumd_test::parse(std::string conf)
         std::replace(conf.begin(), conf.end(), mark, meant);
     support::write_file("/etc/svc.conf", conf);
     manager = managers.emplace_back(lumd_create());
+    manager->creators = {create_fake_svcent, create_process_svcent};
     log.clear();
     return lumd_parse_conf(manager, "/etc/svc.conf", -1);
 }
@@ -186,6 +183,7 @@ void lumd_test::load(const std::string &conf)
     lumd_init_service_infos(manager);
     manager->cfgdb = create_cfgdb(manager);
     manager->cfgdb->syscfg = &database;
+    ASSERT_EQ(child_reaper_init(), 0);
     log.clear();
 }
 
@@ -203,6 +201,14 @@ proc_svcent *lumd_test::process(std::string_view name) const
     const char *word = slot(name)->m_cfg->argv[0];
     const bool is_process = entry && entry->ops != &fake_operations && !others.contains(word);
     return is_process ? static_cast<proc_svcent *>(entry) : nullptr;
+}
+
+void lumd_test::signal_child(std::string_view name, int number) const
+{
+    const sigchld_guard guard;
+    const proc_svcent *entry = process(name);
+    if (entry && entry->pid > 0 && !entry->ended)
+        kill(entry->pid, number);
 }
 
 void lumd_test::apply(std::string_view assignments) const
@@ -296,7 +302,7 @@ void lumd_test::step(const std::string &text)
         {"up", // as a fake reports it
          [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
         // Processes, in real time.
-        {"kill", [&] { kill(child(), stoi(rest)); }},
+        {"kill", [&] { signal_child(name, stoi(rest)); }},
         {"runs", [&] { EXPECT_TRUE(eventually([&] { return at->svcent->state == 1 && child() > 0; })); }},
         {"ends", [&] { EXPECT_TRUE(eventually([&] { return child() == 0; })); }},
         {"back", // by its restart, 2000 ms after its end

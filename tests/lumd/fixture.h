@@ -2,9 +2,10 @@
 //
 // A service without an exec line, or with "exec fake WORD", is a fake: its operations go into the trace, and
 // the test reports its starts and ends. "eager" reports its start from inside it, "fails" refuses to start,
-// "missing" cannot be created. All else is a process.
+// "missing" cannot be created before there is a variable FOUND. All else is a process.
 #pragma once
 
+#include "lumd/kinds.h"
 #include "lumd/lumd.h"
 #include "lumd/proc_se.h"
 #include "tests/support/support.h"
@@ -38,8 +39,10 @@ struct lumd_test : support::test {
 
     service_info *slot(std::string_view name) const;
     proc_svcent *process(std::string_view name) const; // null for a fake and without an entry
-    void apply(std::string_view assignments) const;    // "A=1 B=2"
-    void end_services();                               // without trace; expects that nothing of them is left
+    // To the service's child, if it has one that has not been reaped: its pid may be anybody's by then.
+    void signal_child(std::string_view name, int number) const;
+    void apply(std::string_view assignments) const; // "A=1 B=2"
+    void end_services();                            // without trace; expects that nothing of them is left
     // Whether the log tells of a failure that is not in usual; fills one that is empty.
     static bool tells_news(std::set<std::string> &usual);
     static std::string trace(); // the operations of fakes since the last call

@@ -15,6 +15,10 @@ the last stop command; release takes running dependents along => service a;depen
   b;service c;depends b;service d;depends b => set V=1 / start a > start b / up b > start a / up a / start c >
   start c / up c / start d > start d / set V=0 > stop a kill HUP / stop b > stop c, release c, stop b, release b
   / state d 0 / start b > start b
+what reports no start is up once it has been started => service a;depends w n;service w;exec watchdog;depends b;service
+  n;exec ntp -h 127.0.0.1;service b => start a > start b / up b > start a / stop w / start w
+what cannot be made is looked for again => service a;depends m b;service m;exec fake missing;service b => start a >
+  start b / set FOUND=1 / up b > start m / up m > start a
 names of changes carry no source => service a;depends syscfg:A=1;service b;depends env:A=1;service c;depends foo:A=1
   => set A=1 env:A=1 foo:A=1 / start a > start a / start b / start c / up a / set A=0
 the last reload command, once; not without an entry => service a;syscfg A;service b;syscfg A A*;reload -x;reload

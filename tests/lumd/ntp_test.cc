@@ -28,24 +28,18 @@ in_port_t server_port; // what goes to port 123 arrives here
 
 extern "C" {
 
-#ifdef __LP64__
-#define SET_CLOCK(prefix) prefix##_Z15board_set_clockPKcll
-#else
-#define SET_CLOCK(prefix) prefix##_Z15board_set_clockPKcxx
-#endif
-int SET_CLOCK(__real_)(const char *call, int64_t sec, int64_t usec);
-int SET_CLOCK(__wrap_)(const char *call, int64_t sec, int64_t usec)
+int __real_board_set_clock(const char *call, int64_t sec, int64_t usec);
+int __wrap_board_set_clock(const char *call, int64_t sec, int64_t usec)
 {
     errno = EPERM;
-    return mode == "noclock" ? -1 : SET_CLOCK(__real_)(call, sec, usec);
+    return mode == "noclock" ? -1 : __real_board_set_clock(call, sec, usec);
 }
-#define QUERY(prefix) prefix##_Z14resolver_queryP8resolverPKc
-int QUERY(__real_)(resolver *res, const char *name);
-int QUERY(__wrap_)(resolver *res, const char *name)
+int __real_resolver_query(resolver *res, const char *name);
+int __wrap_resolver_query(resolver *res, const char *name)
 {
     asked_name = name;
     const char *there = mode != "unknown" && isalpha(*name) ? "127.0.0.1" : name;
-    return mode == "refused" ? -1 : mode == "lost" ? 0 : QUERY(__real_)(res, there);
+    return mode == "refused" ? -1 : mode == "lost" ? 0 : __real_resolver_query(res, there);
 }
 // In the place of libc's, below the wrapper.
 ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length)
@@ -187,18 +181,24 @@ a start reads the servers => service n;exec ntp -h time.lan => mode unknown / se
 // Of descriptors, timers and memory, whatever fails.
 TEST_F(ntp, nothing_is_left_over)
 {
-    load("service n;exec ntp -h 127.0.0.1;service p;exec true");
-    const auto play_and_end = [this] {
+    load("service n;exec ntp -h 127.0.0.1");
+    std::string whole; // all that is done, without the times
+    const auto play_and_end = [&, this] {
         for (const char *text : {"mode unknown", "start n", "wait 16000", "start n", "wait 10", "answer 48 1",
                                  "halt n", "halt n", "start n", "stop n", "start n", "wait 10", "stop n"})
             step(text);
         end_services();
         timer_free(std::exchange(app_scheduler.timer, nullptr)); // it outlives its calls
+        const std::string done = std::regex_replace(events(), std::regex("\\b[0-9]+ "), "");
+        whole = whole.empty() ? done : whole;
+        return done == whole;
     };
-    lumd_start_service(manager, "p"), lumd_start_service(manager, "n"); // the pipe of the process
+    lumd_start_service(manager, "n");
     EXPECT_TRUE(log.has("cannot open resolv.conf"));
     play_and_end();
-    EXPECT_GE(support::for_each_failure(support::ALL_CALLS, play_and_end), 100);
+    whole.clear();
+    const unsigned made_good = support::OPEN | support::POLL | support::RECV; // one of many
+    EXPECT_GE(support::for_each_failure(support::ALL_CALLS, play_and_end, made_good), 100);
 }
 
 } // namespace

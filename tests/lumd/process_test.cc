@@ -20,7 +20,9 @@ without a stop command a stop is a death => service a;exec sleep 99;service b;de
 a stop handler takes charge of the end => service a;exec sleep 99;stop -kill SIGUSR1 => start a / runs a / halt a
   / state a 2 / ends a / log proc a kill by signal 10 / timer a 0 / start a / runs a / start a / halt a / state a 2
 a stop handler that cannot => service a;exec sleep 99;stop -kill SIGNO => start a / runs a / halt a / state a 2
-  / log signal num out of range / log FAILED: run_handler()
+  / log signal num out of range / log FAILED: proc_svcent_stop(): proc_se:
+a reload handler that cannot => service a;exec sleep 99;syscfg A;reload -kill SIGNO => start a / runs a / set A=1
+  / log FAILED: proc_svcent_reload(): proc_se:  / state a 1
 a stop program that cannot be found => service a;exec sleep 99;stop -nosuch => start a / runs a / halt a / state a 1
   / log cannot find program: nosuch / log cannot run nosuch
 reload is SIGHUP => service a;exec sleep 99;syscfg A => start a / runs a / set A=1 / back a

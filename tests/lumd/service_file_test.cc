@@ -70,8 +70,8 @@ service a;exec p "x => a exec2(p) => Missed matched '"'!
 servicesx;executable p;dependsb c;syscfgA* => sx exec2(utable|p) on(b) on(c) watch(A*)
 service;exec p;service b =>  exec1(p); b
 service a;  # x;#y; ^ ;;exec p # q => a exec3(p|#|q)
-service a;depends A='' ~B=on C=""x syscfg:D=1 E= F=a=b svc => a if(A) if(~B=on) if(C) if(syscfg:D=1) if(E=)
-  if(F=a=b) on(svc)
+service a;depends A='' ~B=on C=""x syscfg:D=1 E= F=a=b syscfg:G='' svc => a if(A) if(~B=on) if(C) if(syscfg:D=1)
+  if(E=) if(F=a=b) if(syscfg:G) on(svc) => service a: changes are not noticed
 service a;syscfg  NET_*  A?D => a watch(NET_*) watch(A?D)
 service a;stop -kill SIGUSR1;reload;stop -x => a stop(kill|SIGUSR1) reload(reload) stop(x)
 service a;stop -a 1 -b - 2 => a stop(a|1) stop(b|-|2)
@@ -79,9 +79,14 @@ service a;stop -a "x -y" "z w => a stop(a|"x -y"|"z|w) => Missed matched '"'!
 service a;stop -a;halt x -b c => a stop(a) halt(b|c) => service a: halt: no "-" word before it, refused: x
 service a;Exec p => a => service a: Exec: no "-" word before it, refused: p
 exec x;service a;exec p => a exec1(p) => svc.conf: 1: belongs to no service, refused: exec x
-service a;exec p q;exec s;depends A=1 b c;depends d;syscfg A B;syscfg C => a exec1(s) on(d) watch(C))"))
+service a;exec p q;exec s => a exec1(s) => service a: another exec line
+service a;depends b;depends A=1;exec p => a exec1(p) if(A=1) => service a: another depends line
+service a;depends A=1;depends;syscfg A => a watch(A) => service a: another depends line
+service a;syscfg A B;syscfg C;service b;syscfg => a watch(C); b => service a: another syscfg line)"))
         expect(text, services, logged);
     const std::string n31(31, 'n'), c63(63, 'c'), a504(504, 'A');
+    for (const size_t size : {508U, 509U, 510U}) // lines behind which the next one begins
+        expect("#" + std::string(size, '#') + ";exec p", "", "svc.conf: 2: belongs to no service");
     expect("service a;exec^p^q  ^ r^", "a exec2(p\tq|r)", "");
     expect("service a;syscfg " + a504, "a watch(" + a504 + ")", ""); // 511 characters
     expect("service a;syscfg " + a504 + "B -c", "a watch(" + a504 + ") B(c)",

@@ -18,7 +18,7 @@ constexpr const char *variable_names[] = {"V0", "V1", "V2", "V3", "V4", "V5"},
                      *value_texts[] = {"0", "1", "2", "3"};
 constexpr size_t notices_max = 4; // that the pipe of the SIGCHLD handler holds
 
-enum kind { PROGRAM, ONE_SHOT, JOB, LINK, MISSING };
+enum kind { PROGRAM, ONE_SHOT, JOB, LINK, WATCHDOG, MISSING };
 enum line { NO_LINE, HANDLER, BAD_HANDLER, HELPER, NO_HELPER }; // what a stop or reload line runs
 enum verb { START, STOP, PASS, WAIT, END, SET, verbs };
 constexpr const char *verb_words[] = {"start", "stop", "pass", "wait", "end", "set"};
@@ -92,7 +92,8 @@ struct model {
     unsigned tracked = 0;
     int64_t now = 0, report_at = 0; // microseconds
 
-    // What a service needs comes first, and is waited for when nobody has asked for it before.
+    // What a service needs comes first, and is waited for when nobody has asked for it before and it can be
+    // had.
     void start(int s, round *within = nullptr)
     {
         slot &me = slots[s];
@@ -107,6 +108,8 @@ struct model {
             ready = false;
             me.awaits.insert(what.needs[n]);
             start(what.needs[n], &handled);
+            if (!slots[what.needs[n]].entry)
+                me.awaits.erase(what.needs[n]);
         }
         for (const auto &[variable, value] : what.conditions)
             ready = ready && (value == no_value || values[variable] == value);
@@ -120,6 +123,9 @@ struct model {
                 started(s, &handled);
         } else if (what.kind == LINK) {
             me.job = now++ + 2000000;
+        } else if (what.kind == WATCHDOG) {
+            me.job = INT64_MAX; // nothing that it does is of concern here
+            started(s, &handled, true);
         } else if (me.child || me.state == SVCENT_STARTED) {
             me.wanted = me.state == SVCENT_STOPPED;
         } else {
@@ -131,10 +137,11 @@ struct model {
         }
     }
 
-    void started(int s, round *within = nullptr)
+    void started(int s, round *within = nullptr, bool unreported = false)
     {
         for (const int other : plans[s].needed_by) {
-            slots[other].awaits.erase(s);
+            if (slots[other].awaits.erase(s) == 0 && unreported)
+                continue;
             if (slots[other].entry && slots[other].state != SVCENT_STARTED && slots[other].awaits.empty())
                 start(other, within);
         }
@@ -268,7 +275,8 @@ struct model {
             if (slots[s].entry && changed(plans[s].watched))
                 plans[s].kind == JOB    ? stopped(s)
                 : plans[s].kind == LINK ? (void)spawn(services)
-                                        : (void)act(s, plans[s].reload, SIGHUP);
+                : plans[s].kind < JOB   ? (void)act(s, plans[s].reload, SIGHUP)
+                                        : (void)0;
             reap();
         }
     }

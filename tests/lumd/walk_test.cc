@@ -2,6 +2,8 @@
 
 #include "app/app.h"
 #include "lumd/cfgdb.h"
+#include "lumd/child.h"
+#include "lumd/kinds.h"
 #include "lumd/lumd.h"
 #include "lumd/proc_se.h"
 #include "syscfg/syscfg.h"
@@ -43,7 +45,7 @@ void die(pid_t pid, int how)
 
 extern "C" {
 
-pid_t __wrap__Z11spawn_childPKcPKPcPFvvE(const char *, char *const *argv, void (*)())
+pid_t __wrap_spawn_child(const char *, char *const *argv, void (*)())
 {
     const int slot = argv[1] ? atoi(argv[1]) : services;
     const pid_t pid = table.spawn(slot);
@@ -61,7 +63,7 @@ pid_t __wrap_waitpid(pid_t pid, int *status, int options)
     *status = how < 0 ? -how : how << 8;
     return dead;
 }
-int __wrap__Z10board_killii(int pid, int number)
+int __wrap_board_kill(int pid, int number)
 {
     const auto found = table.all.find(pid);
     if (found == table.all.end())
@@ -78,33 +80,33 @@ int pipe2(int *ends, int flags)
     return syscall(SYS_pipe2, ends, flags | O_DIRECT) < 0 || fcntl(ends[1], F_SETPIPE_SZ, size) != size ? -1
                                                                                                         : 0;
 }
-timer *__real__Z9timer_newjPvPFvS_EPKc(uint32_t period_ms, void *ctx, timer_callback run, const char *name);
-timer *__wrap__Z9timer_newjPvPFvS_EPKc(uint32_t period_ms, void *ctx, timer_callback run, const char *name)
+timer *__real_timer_new(uint32_t period_ms, void *ctx, timer_callback run, const char *name);
+timer *__wrap_timer_new(uint32_t period_ms, void *ctx, timer_callback run, const char *name)
 {
-    timer *made = __real__Z9timer_newjPvPFvS_EPKc(period_ms, nullptr, run_timer, name);
+    timer *made = __real_timer_new(period_ms, nullptr, run_timer, name);
     timers[made] = {run, ctx, false, false};
     made->ctx = made;
     return made;
 }
-int __real__Z11timer_startP5timeri(timer *timer, int count);
-int __wrap__Z11timer_startP5timeri(timer *timer, int count)
+int __real_timer_start(timer *timer, int count);
+int __wrap_timer_start(timer *timer, int count)
 {
     timers.at(timer).started = true;
     timers.at(timer).once = count > 0;
-    return __real__Z11timer_startP5timeri(timer, count);
+    return __real_timer_start(timer, count);
 }
-int __real__Z10timer_stopP5timer(timer *timer);
-int __wrap__Z10timer_stopP5timer(timer *timer)
+int __real_timer_stop(timer *timer);
+int __wrap_timer_stop(timer *timer)
 {
     if (timer)
         timers.at(timer).started = false;
-    return __real__Z10timer_stopP5timer(timer);
+    return __real_timer_stop(timer);
 }
-void __real__Z10timer_freeP5timer(timer *timer);
-void __wrap__Z10timer_freeP5timer(timer *timer)
+void __real_timer_free(timer *timer);
+void __wrap_timer_free(timer *timer)
 {
     timers.erase(timer);
-    __real__Z10timer_freeP5timer(timer);
+    __real_timer_free(timer);
 }
 } // extern "C"
 
@@ -125,7 +127,7 @@ struct chance {
     plan any_plan()
     {
         constexpr line lines[] = {NO_LINE, NO_LINE, HANDLER, HANDLER, HELPER, BAD_HANDLER, NO_HELPER};
-        constexpr kind others[] = {ONE_SHOT, ONE_SHOT, JOB, LINK, MISSING};
+        constexpr kind others[] = {ONE_SHOT, ONE_SHOT, JOB, LINK, WATCHDOG, MISSING};
         plan made;
         made.kind = one_of(3) ? any(others) : PROGRAM;
         made.stop = any(lines), made.reload = any(lines);
@@ -163,8 +165,12 @@ std::string said(const event &e)
 std::string said(const plan &p, int s)
 {
     const std::string number = std::to_string(s), every = p.every ? std::to_string(p.every) : "$(V0)";
-    const std::string execs[] = {"/bin/true " + number, "-/bin/true " + number,
-                                 "sched " + every + " /bin/true", "netmon -n lo", "/bin/nosuch"};
+    const std::string execs[] = {"/bin/true " + number,
+                                 "-/bin/true " + number,
+                                 "sched " + every + " /bin/true",
+                                 "netmon -n lo",
+                                 "watchdog",
+                                 "/bin/nosuch"};
     const std::string lines[] = {"", "kill SIGUSR1", "kill SIGNO", "/bin/echo " + number, "nosuch"};
     std::string text = "service s" + number + "\nexec " + execs[p.kind] + "\ndepends";
     for (const auto &[variable, value] : p.conditions)
@@ -178,7 +184,7 @@ std::string said(const plan &p, int s)
 
 const char *get_variable(syscfg *, const char *name)
 {
-    const int value = believed->values[static_cast<size_t>(atoi(name + 1))];
+    const int value = isdigit(name[1]) ? believed->values[static_cast<size_t>(atoi(name + 1))] : no_value;
     return value == no_value ? nullptr : value_texts[value];
 }
 constexpr syscfg_ops database_operations = {nullptr, nullptr, get_variable};
@@ -196,11 +202,13 @@ struct walker {
         for (int s = 0; s < services; ++s)
             text += said(plans[s], s);
         support::write_file("/etc/svc.conf", text);
+        manager->creators = all_kinds;
         lumd_parse_conf(manager, "/etc/svc.conf", -1);
         lumd_init_service_infos(manager);
         database.ops = &database_operations;
         manager->cfgdb = create_cfgdb(manager);
         manager->cfgdb->syscfg = &database;
+        fault += child_reaper_init() < 0 ? "no pipe for ends\n" : "";
         believed = &right;
     }
 
@@ -263,7 +271,7 @@ struct walker {
             if (slot.restart_timer)
                 is[4] = true, is[5] = timers.at(slot.restart_timer).started;
             for (const auto &[timer, what] : timers)
-                is[6] += slot.svcent && what.ctx == slot.svcent && what.started;
+                is[6] |= slot.svcent && what.ctx == slot.svcent && what.started;
             fault += is == should_be
                          ? ""
                          : "s" + std::to_string(s) + ": entry state child ended timer due job, is/should be";
@@ -295,9 +303,7 @@ struct walker {
 // Walks in a process of its own, which may crash.
 bool fails(const std::vector<plan> &plans, const std::vector<event> &events, bool tell = false)
 {
-    fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
+    const int status = support::forked([&] {
         alarm(120);
         if (!tell)
             dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
@@ -308,11 +314,8 @@ bool fails(const std::vector<plan> &plans, const std::vector<event> &events, boo
             both.check();
         }
         printf("%s", tell ? fault.c_str() : "");
-        fflush(nullptr);
-        _exit(!fault.empty());
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
+        return int{!fault.empty()};
+    });
     printf("%s", tell && WIFSIGNALED(status) ? "ends by a signal\n" : "");
     return status != 0;
 }

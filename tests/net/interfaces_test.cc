@@ -124,16 +124,20 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
         for (std::string own, use, dest, result, said; rows >> own >> use >> dest >> result >> said;) {
             use == "-" ? unsetenv("USE_INTERFACE") : setenv("USE_INTERFACE", use.c_str(), 1);
             const int fd = own == "-" ? dup(any) : udp_bind(-1, address(own).any, 16);
-            for_each_failure(ALLOC | OPEN | SOCKET, [&, this] {
-                log.clear();
-                address given(dest);
-                given.len = 99;
-                const int done = getsockifaddr(fd, given.any, &given.len);
-                const bool spoilt = end_failing() && done < 0 && log.has("FAILED: getsockifaddr");
-                EXPECT_EQ(done < 0 ? "-" : text_of(given.any), spoilt ? "-" : result) << dest;
-                EXPECT_EQ(given.len, done < 0 ? 99U : 16U);
-                EXPECT_TRUE(spoilt || said == "-" || log.has(said)) << log.text();
-            });
+            for_each_failure(
+                ALLOC | OPEN | SOCKET,
+                [&, this] {
+                    log.clear();
+                    address given(dest);
+                    given.len = 99;
+                    const int done = getsockifaddr(fd, given.any, &given.len);
+                    const bool spoilt = end_failing() && done < 0 && log.has("FAILED: getsockifaddr");
+                    EXPECT_EQ(done < 0 ? "-" : text_of(given.any), spoilt ? "-" : result) << dest;
+                    EXPECT_EQ(given.len, done < 0 ? 99U : 16U);
+                    EXPECT_TRUE(spoilt || said == "-" || log.has(said)) << log.text();
+                    return !spoilt && (done < 0 ? "-" : text_of(given.any)) == result;
+                },
+                ALLOC); // of a list, one that comes behind the right one
             EXPECT_EQ(list(fd, 0).size() < 40, own[0] == '1') << "of a bound one, only its own";
             address narrow(dest);
             narrow.len = 15, log.clear();
@@ -153,7 +157,8 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
             EXPECT_EQ(list(any, flags), list_of_ip(flags)) << flags;
         for_each_failure(ALLOC, [&, whole = list(any, 31)] {
             const std::string some = list(any, 31);
-            EXPECT_TRUE(whole.starts_with(some) && (some != whole) == end_failing());
+            EXPECT_TRUE(whole.starts_with(some));
+            return some == whole;
         });
         const int all = udp_bind(-1, address("0.0.0.0:7000").any, 16);
         EXPECT_EQ(broadcast(all, "hi", 2, 0, 7000), 2);

@@ -261,12 +261,16 @@ TEST_F(resolver_test, a_query_ends_the_one_before_and_release_ends_all)
 
 TEST_F(resolver_test, a_call_that_fails_is_told)
 {
+    std::string whole; // all that is sent, and when
     const auto scenario = [&] {
-        log.clear(), outcome.clear();
+        log.clear(), outcome.clear(), asked.clear();
         const bool begun = init(RESOLVER_A) == 0 && query("a.b") == 0;
         EXPECT_EQ(begun, got().starts_with("62@")) << log.messages();
         EXPECT_EQ(end_failing(), log.has("SYSERROR") || log.has("FAILED"));
         resolver_release(&res);
+        const std::string queries = std::exchange(asked, "");
+        whole = whole.empty() ? queries : whole;
+        return begun && queries == whole;
     };
     scenario(); // the loop keeps what it needs for it
     EXPECT_EQ(for_each_failure(SOCKET | BIND | SENDTO | RECV | ALLOC, scenario), 46);

@@ -92,13 +92,17 @@ inline unsigned failed_kind; // of the last call that was failed
 
 // Runs scenario as it is, and for each of these kinds, and each error that it can give, with the 1st, 2nd ...
 // call of it failing until no call was left to fail. Expects that each run leaves as many descriptors and
-// heap blocks as it found. Returns the number of failures.
-int for_each_failure(unsigned kinds, const std::function<void()> &scenario);
+// heap blocks as it found, and that scenario, which returns whether all that it did has succeeded by its own
+// word, says no when a call has failed, and only then; of the kinds made_good it may say yes. Returns the
+// number of failures.
+int for_each_failure(unsigned kinds, const std::function<bool()> &scenario, unsigned made_good = 0);
 int open_descriptors();
 int pipe_end(); // for writing, of the last pipe, which is the one for SIGCHLD; -1 before there is one
 
-// Runs body in a process of its own, for what a process does once (app_run, log_set_level). Its expectations
-// count.
+// Runs body in a process of its own, which ends with its result, and keeps handlers of SIGCHLD from it. The
+// status of the process.
+int forked(const std::function<int()> &body);
+// The same for what a process does once (app_run, log_set_level). Its expectations count.
 void isolated(const std::function<void()> &body);
 
 struct test : testing::Test {

@@ -4,8 +4,10 @@
 #include "tests/syscfg/fixture.h"
 
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 static std::function<void()> before_recv;
 // In the place of libc's, below the wrapper.
@@ -14,6 +16,16 @@ extern "C" ssize_t recv(int fd, void *data, size_t size, int flags)
     if (const auto hook = std::exchange(before_recv, nullptr))
         hook();
     return recvfrom(fd, data, size, flags, nullptr, nullptr);
+}
+
+// The wrapper is passed by from here, but not by the library: a stranger can send as soon as it has a name.
+static std::function<void()> after_bind;
+extern "C" int bind(int fd, const sockaddr *address, socklen_t length)
+{
+    const auto bound = static_cast<int>(syscall(SYS_bind, fd, address, length));
+    if (const auto hook = std::exchange(after_bind, nullptr))
+        hook();
+    return bound;
 }
 
 namespace {
@@ -53,10 +65,14 @@ std::string call(const std::string &name, const char *text)
 
 struct client_test : syscfg_test {
     int server = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-    sockaddr_un path = {AF_UNIX, "/tmp/.syscfg-server"};
+    sockaddr_un path = {AF_UNIX, {}};
     std::string asked = "nothing";
 
-    client_test() { EXPECT_EQ(bind(server, reinterpret_cast<sockaddr *>(&path), sizeof path), 0); }
+    client_test()
+    {
+        device_path("/tmp/.syscfg-server").copy(path.sun_path, sizeof path.sun_path - 1);
+        EXPECT_EQ(bind(server, reinterpret_cast<sockaddr *>(&path), sizeof path), 0);
+    }
     ~client_test() override { close(server); }
 
     // Takes what was asked; the answers stand between commas.
@@ -194,6 +210,7 @@ TEST_F(client_test, failures_of_the_system)
 
 TEST_F(client_test, one_call_at_a_time_in_a_process)
 {
+    fail_call(CONNECT, 1); // without which a call is as good
     before_recv = [this] {
         serve(">outer");
         EXPECT_EQ(syscfg_get("INNER"), nullptr);
@@ -205,7 +222,30 @@ TEST_F(client_test, one_call_at_a_time_in_a_process)
         EXPECT_TRUE(waitpid(other, &status, 0) == other && status == 0);
     };
     EXPECT_STREQ(syscfg_get("OUTER"), "outer");
+    EXPECT_TRUE(end_failing());
     EXPECT_EQ(log.text(), "");
+}
+
+// What a stranger of another user sends as soon as the client has its name does not reach it.
+TEST_F(client_test, nobody_but_the_server_is_heard)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can become another user";
+    int stranger = -1;
+    after_bind = [&] {
+        sockaddr_un name = {AF_UNIX, {}};
+        snprintf(name.sun_path + 1, sizeof name.sun_path - 1, ".syscfg-client-%d", getpid());
+        const pid_t child = fork();
+        if (child == 0) {
+            const bool other = setresuid(65534, 65534, 65534) == 0;
+            const bool sent = sendto(socket(AF_UNIX, SOCK_DGRAM, 0), ">forged", 7, 0,
+                                     reinterpret_cast<sockaddr *>(&name), sizeof name) == 7;
+            _exit(!other ? 1 : sent ? 2 : errno == EPERM ? 0 : 3);
+        }
+        waitpid(child, &stranger, 0);
+    };
+    EXPECT_EQ(call_and_serve("get", "N", ">true"), "true");
+    EXPECT_EQ(stranger, 0);
 }
 
 TEST_F(client_test, the_thread_that_serves_does_not_wait_for_itself)

@@ -11,7 +11,7 @@
 
 std::string reported;
 
-void cfgdb_processSyscfgChange(cfgdb *, const char *const *names, int count)
+static void note_changes(cfgdb *, const char *const *names, int count)
 {
     for (int i = 0; i < count; ++i)
         reported += (i ? " " : "") + std::string(names[i]);
@@ -56,6 +56,7 @@ database declare(std::string_view definition)
 {
     write_file("/etc/syscfg.def", definition);
     database db(create_syscfg(nullptr), free_database);
+    db->changed = note_changes;
     char line[256];
     EXPECT_EQ(parse_definition(db.get(), "/etc/syscfg.def", line, sizeof line), 0);
     build_var_tbl(db.get());
@@ -67,6 +68,8 @@ database start(std::string_view definition)
 {
     write_file("/etc/syscfg.def", definition);
     database db(create_syscfg(nullptr), free_database);
+    if (db)
+        db->changed = note_changes;
     if (db && db->ops->init(db.get()) < 0)
         db.reset();
     return db;

@@ -30,20 +30,26 @@ class client {
     {
         sendto(fd, request.data(), request.size(), 0, generic(server), sizeof server);
     }
-    // As another user, which takes root; the answer to it, too.
-    std::string ask_as(uid_t user, std::string request) const
+    // With a control message; the answer, too.
+    template <typename Control>
+    std::string ask_with(int type, const Control &data, std::string request) const
     {
         sockaddr_un to = {AF_UNIX, {}};
         device_path(server.sun_path).copy(to.sun_path, sizeof to.sun_path - 1);
         iovec text = {request.data(), request.size()};
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))] = {};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof data)] = {};
         const msghdr message = {&to, sizeof to, &text, 1, control, sizeof control, 0};
-        const ucred sender = {getpid(), user, getegid()};
-        *CMSG_FIRSTHDR(&message) = {CMSG_LEN(sizeof sender), SOL_SOCKET, SCM_CREDENTIALS};
-        memcpy(CMSG_DATA(CMSG_FIRSTHDR(&message)), &sender, sizeof sender);
+        auto *head = reinterpret_cast<cmsghdr *>(control);
+        *head = {CMSG_LEN(sizeof data), SOL_SOCKET, type};
+        memcpy(CMSG_DATA(head), &data, sizeof data);
         EXPECT_EQ(sendmsg(fd, &message, 0), ssize_t(request.size()));
         app_poll_once();
         return receive();
+    }
+    // As another user, which takes root.
+    std::string ask_as(uid_t user, const std::string &request) const
+    {
+        return ask_with(SCM_CREDENTIALS, ucred{getpid(), user, getegid()}, request);
     }
     void connect_to_server() const { EXPECT_EQ(connect(fd, generic(server), sizeof server), 0); }
     // Leaves room for so many answers, of none in the queue.
@@ -349,6 +355,9 @@ TEST_F(server_test, hostile_datagrams_change_nothing)
     EXPECT_EQ(log.messages(), "FAILED: syscfg_recvCallback\n");
     EXPECT_EQ(one.ask("?CH"), ">off");
     EXPECT_EQ(one.ask("?NONE"), "!ERR NOENT");
+    const int descriptors = open_descriptors();
+    EXPECT_EQ(one.ask_with(SCM_RIGHTS, std::array{1, 1, 1}, "?CH"), ">off");
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 // A file with its text, then names and their values in turn.

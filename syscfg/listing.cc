@@ -13,6 +13,7 @@ constexpr char log_module[] = "syscfg";
 constexpr int first_retry_ms = 2;
 constexpr int last_retry_ms = 200;
 constexpr int crowd_patience_ms = 1000;
+constexpr uint64_t max_expirations = 1000; // that count: after so long a sleep all are due
 constexpr int max_of_stranger = max_kept / 2;
 constexpr size_t line_size = 1024 + 1;
 
@@ -168,7 +169,8 @@ void retry_callback(void *, int, int fd, app_fd_handler *)
     uint64_t expirations;
     if (read(fd, &expirations, sizeof expirations) < 0)
         return;
-    crowded_ms = is_crowded(lists->server_fd) ? crowded_ms + armed_ms : 0;
+    const int passed_ms = static_cast<int>(std::min<uint64_t>(expirations, max_expirations)) * armed_ms;
+    crowded_ms = is_crowded(lists->server_fd) ? crowded_ms + passed_ms : 0;
     if (crowded_ms >= crowd_patience_ms) {
         renew_server_socket(lists->server_fd);
         crowded_ms = 0;
@@ -176,8 +178,8 @@ void retry_callback(void *, int, int fd, app_fd_handler *)
     int next_ms = last_retry_ms;
     for (listing **at = &lists; *at;) {
         listing &list = **at;
-        list.still_ms += armed_ms;
-        list.left_ms -= armed_ms;
+        list.still_ms += passed_ms;
+        list.left_ms -= passed_ms;
         if (list.left_ms <= 0 && crowded_ms == 0 && retry(list)) {
             remove_list(at);
             continue;

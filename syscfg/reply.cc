@@ -25,6 +25,7 @@ constexpr uid_t unknown_user = static_cast<uid_t>(-1);
 
 int64_t patience_left_us = patience_us;
 int64_t last_wait_us;
+bool names_users;      // the kernel says who sent a request
 int64_t full_since_us; // since our own buffer was full and has not been half empty; or 0
 
 int64_t monotonic_us()
@@ -110,8 +111,9 @@ int open_server_socket()
 {
     unique_fd sock(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const int on = 1;
-    if (!sock || setsockopt(sock.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) < 0)
+    if (!sock)
         return -1;
+    names_users = setsockopt(sock.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0;
     // A few requesters who do not read would use up the default.
     if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof send_buffer) < 0)
         setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
@@ -148,7 +150,7 @@ ssize_t receive_request(int server_fd, std::span<char> request, requester &from)
     message.msg_iov = &text;
     message.msg_iovlen = 1;
     message.msg_control = control;
-    message.msg_controllen = sizeof control;
+    message.msg_controllen = names_users ? sizeof control : 0;
     const ssize_t length = recvmsg(server_fd, &message, MSG_DONTWAIT);
     if (length < 0)
         return -1;

@@ -63,7 +63,8 @@ _syscfg_reply() { # WORD...
 
 _syscfg_reply_lines() { # COMMAND...
     local words
-    mapfile -t words < <("$@" | sort -u)
+    words=$("$@" | sort -u)
+    mapfile -t words <<<"$words" # a pipe by its name would take /dev/fd
     _syscfg_reply "${words[@]}"
 }
 

@@ -192,8 +192,10 @@ void outside(words operands)
     const std::string_view way = operands.empty() ? "" : operands[0];
     const bool by_echo = way == "echo", by_trace = way == "trace";
     const words rest = operands.subspan(by_echo || by_trace ? 1 : 0);
-    if (rest.size() > 1 || (by_trace && rest.empty()))
-        leave_with_usage(usage);
+    if (rest.size() > 1)
+        leave_with_usage(usage, "outside: \"%s\" is neither echo nor trace", operands[0]);
+    if (by_trace && rest.empty())
+        leave_with_usage(usage, "outside trace: ADDRESS is missing");
     address dest = {};
     if (!rest.empty())
         dest = read_address(rest[0], by_echo);
@@ -228,12 +230,6 @@ int main(int argc, char **argv)
             take_common_option(letter, optarg, usage);
     }
     const words given(argv + optind, argv + argc);
-    for (const auto &verb : verbs) {
-        if (given.empty() || verb.name != given[0] || given.size() - 1 < verb.least ||
-            given.size() - 1 > verb.most)
-            continue;
-        verb.run(given.subspan(1));
-        leave_done();
-    }
-    leave_with_usage(usage);
+    take_verb(verbs, given, usage).run(given.subspan(1));
+    leave_done();
 }

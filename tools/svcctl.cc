@@ -128,7 +128,9 @@ void restart(int fd, names wanted)
 constexpr struct {
     std::string_view name;
     void (*run)(int fd, names wanted);
-} verbs[] = {{"start", start}, {"stop", stop}, {"restart", restart}};
+    size_t least, most; // names
+} verbs[] = {
+    {"start", start, 1, any_number}, {"stop", stop, 1, any_number}, {"restart", restart, 1, any_number}};
 
 void check_name(std::string_view name)
 {
@@ -149,14 +151,10 @@ int main(int argc, char **argv)
                                   {}};
     for (int letter; (letter = getopt_long(argc, argv, "qt:hV", options, nullptr)) != -1;)
         take_common_option(letter, optarg, usage);
-    const names wanted = {argv + std::min(optind + 1, argc), argv + argc};
-    const auto *verb = std::find_if(std::begin(verbs), std::end(verbs), [&](const auto &known) {
-        return optind < argc && known.name == argv[optind];
-    });
-    if (verb == std::end(verbs) || wanted.first == wanted.end)
-        leave_with_usage(usage);
+    const auto &verb = take_verb(verbs, {argv + optind, argv + argc}, usage);
+    const names wanted = {argv + optind + 1, argv + argc};
     std::for_each(wanted.first, wanted.end, check_name);
     signal(SIGPIPE, SIG_IGN);
-    verb->run(open_fifo(), wanted);
+    verb.run(open_fifo(), wanted);
     leave_done();
 }

@@ -428,16 +428,14 @@ void reset(words)
     }
 }
 
-constexpr size_t any = static_cast<size_t>(-1);
-
-constexpr struct verb {
+constexpr struct {
     std::string_view name;
     void (*run)(words operands);
     size_t least, most; // operands
 } verbs[] = {
-    {"get", get, 1, any},     {"set", set, 1, any},     {"list", list, 0, 1},
-    {"wait", wait, 1, 1},     {"apply", apply, 0, any}, {"save", save, 0, 0},
-    {"reload", reload, 0, 0}, {"reset", reset, 0, 0},   {"watch", watch, 1, 1},
+    {"get", get, 1, any_number}, {"set", set, 1, any_number},     {"list", list, 0, 1},
+    {"wait", wait, 1, 1},        {"apply", apply, 0, any_number}, {"save", save, 0, 0},
+    {"reload", reload, 0, 0},    {"reset", reset, 0, 0},          {"watch", watch, 1, 1},
 };
 
 void take_option(int letter)
@@ -457,15 +455,6 @@ void take_option(int letter)
     }
 }
 
-const verb *find_verb(std::string_view name, size_t operands)
-{
-    for (const verb &known : verbs) {
-        if (known.name == name && operands >= known.least && operands <= known.most)
-            return &known;
-    }
-    return nullptr;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -478,13 +467,13 @@ int main(int argc, char **argv)
     for (int letter; (letter = getopt_long(argc, argv, "qt:hV", options, nullptr)) != -1;)
         take_option(letter);
     const words given(argv + optind, argv + argc);
-    const verb *verb = given.empty() ? nullptr : find_verb(given[0], given.size() - 1);
-    const bool is_odd =
-        verb && ((wants_json && verb->run != list) || ((wants_apply || wants_save) && verb->run != set));
-    if (!verb || is_odd)
-        leave_with_usage(usage);
+    const auto &verb = take_verb(verbs, given, usage);
+    if (wants_json && verb.run != list)
+        leave_with_usage(usage, "--json goes with list only");
+    if ((wants_apply || wants_save) && verb.run != set)
+        leave_with_usage(usage, "--%s goes with set only", wants_save ? "save" : "apply");
     prepare_limit();
     begin_limit();
-    verb->run(words(argv + optind + 1, argv + argc));
+    verb.run(given.subspan(1));
     leave_done();
 }

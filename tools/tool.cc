@@ -36,17 +36,22 @@ int read_seconds(std::string_view text)
     return value;
 }
 
+void complain(const char *format, va_list args)
+{
+    char text[512];
+    vsnprintf(text, sizeof text, format, args);
+    fflush(stdout);
+    dprintf(STDERR_FILENO, "%s: %s\n", program_invocation_short_name, text);
+}
+
 } // namespace
 
 void leave(exit_code code, const char *format, ...)
 {
-    char text[512];
     va_list args;
     va_start(args, format);
-    vsnprintf(text, sizeof text, format, args);
+    complain(format, args);
     va_end(args);
-    fflush(stdout);
-    dprintf(STDERR_FILENO, "%s: %s\n", program_invocation_short_name, text);
     exit(code);
 }
 
@@ -57,8 +62,12 @@ void leave_done()
     exit(code_done);
 }
 
-void leave_with_usage(const char *usage)
+void leave_with_usage(const char *usage, const char *format, ...)
 {
+    va_list args;
+    va_start(args, format);
+    complain(format, args);
+    va_end(args);
     dprintf(STDERR_FILENO, "%s", usage);
     exit(code_usage);
 }
@@ -77,8 +86,9 @@ void take_common_option(int letter, const char *value, const char *usage)
     case 'V':
         printf("%s %s\n", program_invocation_short_name, LUMD_VERSION);
         leave_done();
-    default:
-        leave_with_usage(usage);
+    default: // getopt has said what is wrong
+        dprintf(STDERR_FILENO, "%s", usage);
+        exit(code_usage);
     }
 }
 

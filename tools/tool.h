@@ -1,6 +1,8 @@
 // What the command-line tools have in common: exit statuses, complaints, options.
 #pragma once
 
+#include <cstddef>
+#include <span>
 #include <string_view>
 
 // One table for all of them, which never changes.
@@ -21,8 +23,9 @@ enum exit_code {
 // Ends the tool; not with success when its output could not be written.
 [[noreturn]] void leave_done();
 
-// Ends the tool with the usage on standard error.
-[[noreturn]] void leave_with_usage(const char *usage);
+// Ends the tool with what is wrong, as leave says it, and the usage on standard error.
+[[noreturn]] void leave_with_usage(const char *usage, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
 
 // Takes the options that every tool has: -q, -t, -h and -V, whose letter it is; value is getopt's. Leaves
 // with the usage on any other.
@@ -30,6 +33,27 @@ void take_common_option(int letter, const char *value, const char *usage);
 
 // The value of -t, or else the default.
 int seconds();
+
+// The row of the table whose verb is the first word and takes so many operands; leaves with the usage when
+// there is none.
+template <typename Verb, size_t count>
+const Verb &take_verb(const Verb (&verbs)[count], std::span<char *const> given, const char *usage)
+{
+    if (given.empty())
+        leave_with_usage(usage, "a verb is missing");
+    for (const Verb &known : verbs) {
+        if (known.name != given[0])
+            continue;
+        if (given.size() - 1 < known.least)
+            leave_with_usage(usage, "%s: an operand is missing", given[0]);
+        if (given.size() - 1 > known.most)
+            leave_with_usage(usage, "%s: \"%s\" is one operand too many", given[0], given[known.most + 1]);
+        return known;
+    }
+    leave_with_usage(usage, "\"%s\" is no verb", given[0]);
+}
+
+constexpr size_t any_number = static_cast<size_t>(-1);
 
 constexpr std::string_view white_space = " \t\n\v\f\r";
 

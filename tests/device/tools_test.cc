@@ -97,11 +97,17 @@ TEST_F(tools, verbs_and_exit_statuses)
         syscfg apply NOTE NOPE | 3 | - | no such variable
         syscfg set HOSTNAME=saved --save && syscfg set HOSTNAME=x --apply && syscfg reload && syscfg get HOSTNAME | 0 | saved
         syscfg get MODEL >/dev/full | 1 | - | cannot write
-        syscfg get MODEL --save | 2 | - | usage
-        syscfg nosuch | 2 | - | usage
+        syscfg get MODEL --save | 2 | - | --save goes with set only
+        syscfg set NOTE=1 --json | 2 | - | --json goes with list only
+        syscfg nosuch | 2 | - | syscfg: "nosuch" is no verb
+        syscfg nosuch 2>&1|sed -n 2p|cut -c 1-10 | 0 | usage: sys
+        syscfg wait NOTE=1 LONG=2 | 2 | - | wait: "LONG=2" is one operand too many
+        syscfg -q get | 2
         syscfg get -t 0 MODEL | 2 | - | SECONDS are 1 to
         svcctl start 'a b' | 2 | - | is no name
-        svcctl start | 2 | - | usage
+        svcctl start | 2 | - | start: an operand is missing
+        svcctl | 2 | - | a verb is missing
+        netdiag outside trace | 2 | - | ADDRESS is missing
         svcctl --version && svcctl -h|grep -c restart | 0 | svcctl 0.1.0 1
        netdiag --json interfaces|tr -d \"\  | 0 | [ {name:lo,address:127.0.0.1,netmask:255.0.0.0,broadcast:null,peer:null,flags:[up,loopback]} ]
         netdiag route 127.0.0.9 && netdiag --json route 127.0.0.1 | 0 | lo 127.0.0.1 {"interface": "lo", "address": "127.0.0.1"}
@@ -162,6 +168,7 @@ TEST_F(tools, services)
 
 TEST_F(tools, completion)
 {
+    std::filesystem::remove("/dev/fd"); // not every device has one
     write_file("/tmp/complete",
                "bash -c '. completion.bash; COMP_WORDS=(\"$@\") COMP_CWORD=$(($# - 1)); _$1; "
                "echo ${COMPREPLY[*]}' bash \"$@\"");

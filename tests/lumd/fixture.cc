@@ -182,6 +182,7 @@ void lumd_test::load(const std::string &conf)
     ASSERT_GE(parse(conf), 0);
     lumd_init_service_infos(manager);
     manager->cfgdb = create_cfgdb(manager);
+    manager->cfgdb->changed = lumd_processSyscfgChange;
     manager->cfgdb->syscfg = &database;
     ASSERT_EQ(child_reaper_init(), 0);
     log.clear();

@@ -207,6 +207,7 @@ struct walker {
         lumd_init_service_infos(manager);
         database.ops = &database_operations;
         manager->cfgdb = create_cfgdb(manager);
+        manager->cfgdb->changed = lumd_processSyscfgChange;
         manager->cfgdb->syscfg = &database;
         fault += child_reaper_init() < 0 ? "no pipe for ends\n" : "";
         believed = &right;

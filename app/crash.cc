@@ -1,6 +1,7 @@
 #include "app/crash.h"
 
 #include "app/frame.h"
+#include "app/keep_errno.h"
 #include "app/log.h"
 #include "app/memory.h"
 #include "app/symbols.h"
@@ -302,7 +303,7 @@ void sig_alrm_handler(int sig, siginfo_t *, void *context)
 {
     if (sig != SIGALRM)
         return;
-    const int interrupted_errno = errno;
+    const keep_errno unchanged;
     if (log_ready(console_patience_ms))
         log_trace(LOG_HERE, "SIGALRM caught!!!!!!");
     dump_interrupted(context);
@@ -311,5 +312,4 @@ void sig_alrm_handler(int sig, siginfo_t *, void *context)
         dprintf(STDOUT_FILENO, "signal error: %s\n", strerror(errno));
         exit(1);
     }
-    errno = interrupted_errno;
 }

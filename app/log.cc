@@ -1,5 +1,6 @@
 #include "app/log.h"
 
+#include "app/keep_errno.h"
 #include "app/memory.h"
 
 #include <algorithm>
@@ -21,16 +22,6 @@ constexpr size_t line_max = 298;
 int log_level = 0;
 int log_fd = STDERR_FILENO;
 std::atomic<void (*)(const void *, size_t)> log_copy;
-
-// Callers log a failure and go on to look at its errno.
-class errno_keeper {
-  public:
-    ~errno_keeper() { restore(); }
-    void restore() const { errno = saved_; }
-
-  private:
-    int saved_ = errno;
-};
 
 // One line on its way out, cut at max characters. The daemon logs while others wait for it, so only the
 // message itself is worth a format.
@@ -79,7 +70,7 @@ void log_mark(int level, std::string_view mark, const char *func, const char *fi
 {
     if (level < log_level)
         return;
-    errno_keeper keeper;
+    const keep_errno unchanged;
     log_line text(message_max);
     text << mark << func << "(): " << file << ": " << line;
     if (reason)
@@ -94,7 +85,7 @@ void log_trace(int level, const char *func, const char *file, int line, const ch
 {
     if (level < log_level)
         return;
-    errno_keeper keeper;
+    const keep_errno unchanged;
     log_line text(line_max);
     text << "  " << func << "(): " << file << ": " << line << ": ";
     va_list args;
@@ -126,7 +117,7 @@ void log_printf(int level, const char *format, ...)
 {
     if (level < log_level)
         return;
-    errno_keeper keeper;
+    const keep_errno unchanged;
     log_line text(message_max);
     va_list args;
     va_start(args, format);
@@ -176,7 +167,7 @@ int log_set_level(int level)
 
 void print_error(const char *format, ...)
 {
-    errno_keeper keeper;
+    const keep_errno unchanged;
     char fixed[512];
     unique_text heap;
     const char *text = fixed;
@@ -186,7 +177,7 @@ void print_error(const char *format, ...)
     va_end(args);
     if (length >= static_cast<int>(sizeof fixed)) {
         char *whole = nullptr;
-        keeper.restore(); // for %m
+        unchanged.restore(); // for %m
         va_start(args, format);
         const int whole_length = vasprintf(&whole, format, args);
         va_end(args);

@@ -1,10 +1,11 @@
 #include "syscfg/reply.h"
 
+#include "app/clock.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -15,13 +16,6 @@ constexpr int64_t recovery = 8;
 
 int64_t patience_left_us = patience_us;
 int64_t last_wait_us;
-
-int64_t monotonic_us()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
 
 ssize_t send_to(int server_fd, const requester &to, std::string_view text, int flags)
 {

@@ -1,6 +1,7 @@
 #include "net/dns_message.h"
 
 #include "app/text.h"
+#include "net/wire.h"
 
 namespace {
 
@@ -14,11 +15,6 @@ constexpr uint8_t is_reply = 0x80, opcode_mask = 0x78, rcode_mask = 0x0F;
 constexpr uint16_t pointer_mark = 0xC000;
 
 using bytes = std::span<const uint8_t>;
-
-uint16_t number_at(bytes message, size_t at)
-{
-    return static_cast<uint16_t>(message[at] << 8 | message[at + 1]);
-}
 
 class writer {
   public:

@@ -1,5 +1,7 @@
 #include "net/icmp_message.h"
 
+#include "net/wire.h"
+
 #include <algorithm>
 
 namespace {
@@ -16,11 +18,6 @@ constexpr size_t route_pointer_at = 2, route_at = 3, route_entry_size = 4;
 constexpr size_t first_pointer = route_at + 1; // pointers count from 1
 
 using bytes = std::span<const uint8_t>;
-
-uint16_t number_at(bytes message, size_t at)
-{
-    return static_cast<uint16_t>(message[at] << 8 | message[at + 1]);
-}
 
 void put_number(std::span<uint8_t> message, size_t at, uint16_t number)
 {

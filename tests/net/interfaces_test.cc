@@ -13,7 +13,13 @@ using namespace support;
 
 struct interfaces_test : support::test {
     captured_log log;
-    static std::string text_of(const sockaddr *addr) { return addr ? sockaddr_ntop(addr, 0) : ""; }
+    static std::string text_of(const unique_endpoint &addr) { return addr ? sockaddr_ntop(addr->get(), 0) : ""; }
+    static unique_endpoint endpoint(const std::string &text)
+    {
+        unique_endpoint made(new_record<ipv4_endpoint>());
+        made->in = address(text).in;
+        return made;
+    }
     static std::string sh(const std::string &script)
     {
         write_file("/script", "cd " + device_root + "; exec >said 2>&1; PATH=$PATH:/sbin\n" + script);
@@ -23,11 +29,10 @@ struct interfaces_test : support::test {
     static std::string list(int fd, int flags)
     {
         std::string all;
-        ifi *const first = get_ifi_info(fd, flags);
-        for (const ifi *at = first; at; at = at->next)
+        const unique_ifi first = get_ifi_info(fd, flags);
+        for (const ifi *at = first.get(); at; at = at->next)
             all += at->name + (" " + text_of(at->addr)) + "/" + text_of(at->netmask) + " brd " +
                    text_of(at->broadaddr) + " peer " + text_of(at->dstaddr) + "\n";
-        free_ifi_info(first);
         return all;
     }
     static std::string list_of_ip(int flags)
@@ -48,13 +53,12 @@ TEST_F(interfaces_test, scores)
         10.0.0.2 255.255.255.0 8.9.9.9 0     8.8.4.1 255.255.255.0 10.9.9.9 0     11.0.0.2 255.255.255.0 9.9.9.9 2
         8.8.4.1 255.255.255.255 8.8.4.2 5     8.1.1.1 255.0.0.0 127.1.1.1 0     192.169.1.1 255.255.0.0 172.1.1.1 2)");
     for (std::string own, mask, dest, score; rows >> own >> mask >> dest >> score;) {
-        const address from(own), of(mask), to(dest);
-        const ifi record = {"", 0, from.any, of.any, nullptr, nullptr, nullptr};
-        EXPECT_EQ(std::to_string(ifi_dest_match(&record, to.any)), score) << own;
+        const ifi record = {"", 0, endpoint(own), endpoint(mask), nullptr, nullptr, nullptr};
+        EXPECT_EQ(std::to_string(ifi_dest_match(&record, address(dest).any)), score) << own;
     }
-    const address own("10.0.0.2"), mask("255.0.0.0"), all("10.0.0.3"), peer("10.0.0.4");
     sockaddr local = {AF_UNIX, {}};
-    ifi record = {"t0", 0, own.any, mask.any, all.any, peer.any, nullptr};
+    ifi record = {"t0", 0, endpoint("10.0.0.2"), endpoint("255.0.0.0"), endpoint("10.0.0.3"),
+                  endpoint("10.0.0.4"), nullptr};
     record.flags = IFF_UP | IFF_BROADCAST | IFF_MULTICAST | IFF_LOOPBACK | IFF_POINTOPOINT;
     EXPECT_EQ(ifi_dest_match(&record, &local), -1);
     EXPECT_TRUE(log.has("matching interface: 10.0.0.2(2) not the same family(1)\n"));
@@ -64,7 +68,7 @@ TEST_F(interfaces_test, scores)
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "t0: < UP BCAST MCAST LOOP P2P >\n\tIP addr: 10.0.0.2\n\tBroadcast addr: 10.0.0.3\n"
               "\tDestination addr: 10.0.0.4\n\tSubnet mask: 255.0.0.0\n");
-    record.addr = &local;
+    record.addr->in.sin_family = AF_UNIX;
     EXPECT_EQ(ifi_dest_match(&record, &local), 0);
 }
 
@@ -130,7 +134,7 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
                 given.len = 99;
                 const int done = getsockifaddr(fd, given.any, &given.len);
                 const bool spoilt = end_failing() && done < 0 && log.has("FAILED: getsockifaddr");
-                EXPECT_EQ(done < 0 ? "-" : text_of(given.any), spoilt ? "-" : result) << dest;
+                EXPECT_EQ(done < 0 ? "-" : sockaddr_ntop(given.any, 0), spoilt ? "-" : result) << dest;
                 EXPECT_EQ(given.len, done < 0 ? 99U : 16U);
                 EXPECT_TRUE(spoilt || said == "-" || log.has(said)) << log.text();
             });

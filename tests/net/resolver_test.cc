@@ -59,7 +59,7 @@ struct resolver_test : test {
 
     resolver_test()
     {
-        asked.clear(), packets = {std::string(12, '?')}, res.sock = -1;
+        asked.clear(), packets = {std::string(12, '?')};
         sender = {AF_INET, htons(53), {inet_addr("127.0.0.2")}, {}};
         EXPECT_EQ(servers("nameserver 127.0.0.1\nnameserver 127.0.0.2\n") + init(RESOLVER_A), 2);
     }
@@ -73,33 +73,34 @@ struct resolver_test : test {
     {
         resolver_release(&res);
         const int made = resolver_init(&res, type, RESOLVER_IN);
-        resolver_set_callback(&res, this, [](void *ctx, resolver *, int status) {
-            auto *self = static_cast<resolver_test *>(ctx);
-            self->outcome += std::to_string(status) + now();
-            if (const auto next = std::exchange(self->then, nullptr))
-                next();
-        });
+        resolver_set_callback<note>(&res, this);
         return made;
+    }
+    static void note(resolver_test *self, resolver *, resolver_status status)
+    {
+        self->outcome += std::to_string(status) + now();
+        if (const auto next = std::exchange(self->then, nullptr))
+            next();
     }
     int query(const std::string &n) { return began = now_us, outcome = "", resolver_query(&res, n.data()); }
     void reply(const std::string &packet) // and one pass
     {
-        const address own(res.sock);
-        sendto(res.sock, packet.data(), packet.size(), 0, own.any, own.len);
+        const address own(res.sock.get());
+        sendto(res.sock.get(), packet.data(), packet.size(), 0, own.any, own.len);
         app_poll_once();
     }
     // What came of the query after so long.
     std::string got(int64_t ms = 40000)
     {
         run_for(ms);
-        return outcome + (res.sock < 0 ? "gone" : std::string(res.result, 0U + std::max(0, res.result_len)));
+        return outcome + (!res.sock ? "gone" : std::string(res.result, 0U + std::max(0, res.result_len)));
     }
 };
 
 TEST_F(resolver_test, five_passes_over_the_servers)
 {
-    query("a.b"),
-        then = [&] { resolver_query(&res, "a.b."); }; // a count and a period of its own, the same name
+    query("a.b");
+    then = [&] { EXPECT_EQ(resolver_query(&res, "a.b."), 0); }; // a count and a period of its own
     EXPECT_EQ(got(), "62@15000 62@30000 ");
     EXPECT_EQ(asked, "1@0 2@0 1@1000 2@1000 1@3000 2@3000 1@6000 2@6000 1@10000 2@10000 1@15000 2@15000 "
                      "1@16000 2@16000 1@18000 2@18000 1@21000 2@21000 1@25000 2@25000 ");
@@ -250,7 +251,11 @@ TEST_F(resolver_test, a_query_ends_the_one_before_and_release_ends_all)
     EXPECT_EQ(got(), "0@0 \1\2\3\4");
     const auto release = [&] { resolver_release(&res); }; // from inside the callback
     for (const char *name : {"1.2.3.4", "a.b"}) {
-        query(name), then = [&] { resolver_query(&res, "5.6.7.8"), then = release; };
+        query(name);
+        then = [&] {
+            EXPECT_EQ(resolver_query(&res, "5.6.7.8"), 0);
+            then = release;
+        };
         reply(reply_of(a));
         EXPECT_EQ(got(), "0@0 0@0 gone");
         init(RESOLVER_A);

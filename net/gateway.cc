@@ -91,7 +91,7 @@ const char *server_setting()
     return default_server;
 }
 
-// Writes the server's address, with its port, as text, too. False when it is no address.
+// Writes the setting into text, with a port, and parses it. False when it is no address.
 bool read_echo_server(std::span<char> text, ipv4_endpoint &server)
 {
     const std::string_view setting = server_setting();
@@ -141,7 +141,7 @@ echo_outcome ask_echo(int fd, const ipv4_endpoint &server, echo_datagram &got)
     return ready == 0 ? echo_outcome::LATE : echo_outcome::FAILED;
 }
 
-// The address in a reply, network byte order throughout.
+// Address and port stay in network byte order.
 sockaddr_in read_echo(const echo_datagram &reply)
 {
     ipv4_endpoint result;

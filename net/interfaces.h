@@ -60,9 +60,8 @@ unique_ifi get_route_ifaddr(int sockfd, const sockaddr *dest);
 // The first address of an interface. *len is the room going in, the length coming out. 0 or -1, logged.
 [[nodiscard]] int getifaddr(const char *name, sockaddr *addr, socklen_t *len);
 
-// The address that a socket sends from: the one it is bound to, else that of the interface in USE_INTERFACE,
-// else that of the interface towards the address in addr (the default route when addr is not IPv4). 0 or -1,
-// logged.
+// The address that a socket sends from: its own if it is bound, else that of the interface in USE_INTERFACE,
+// else that of the interface towards addr (the default route when addr is not IPv4). 0 or -1, logged.
 [[nodiscard]] int getsockifaddr(int sockfd, sockaddr *addr, socklen_t *len);
 
 // How well an interface, given with its netmask, suits dest: 5 on the same network, else 0 to 5 the more the

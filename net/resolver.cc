@@ -30,8 +30,8 @@ constexpr int max_ipv4_walk = 16;
 std::array<in_addr, max_servers> servers;
 size_t server_count;
 
-// The state of the file when it was read. Its time alone may miss a change: some file systems keep whole
-// seconds.
+// The state of the file when it was read. Some file systems keep times in whole seconds only, so the time
+// alone could miss a change.
 struct {
     ino_t inode;
     off_t size;
@@ -63,7 +63,7 @@ void add_server(const char *text)
         server.s_addr = htonl(INADDR_LOOPBACK);
 }
 
-// False, with the list as it was, if the file cannot be read.
+// False, with the list unchanged, when the file cannot be read.
 bool read_servers(unique_fd list)
 {
     struct stat now;
@@ -116,7 +116,7 @@ void resolver_deliver(resolver *res)
     report(res, RESOLVER_ANSWERED);
 }
 
-// -1 if no server of the list could be sent to.
+// Tries every server; -1 when none could be sent to.
 int resolver_send_requests(const resolver *res, std::span<const uint8_t> packet)
 {
     size_t sent = 0;
@@ -160,12 +160,12 @@ void resolver_timeout_callback(resolver *res)
         report(res, RESOLVER_NO_ANSWER);
         return;
     }
-    // A pass that reaches no server does not count, so the next one repeats it. A timer that exists starts.
+    // A pass that reaches no server does not count: the next one repeats it.
     static_cast<void>(resolver_build_and_send_query(res));
-    static_cast<void>(start_timer(res, static_cast<uint32_t>(res->attempts) * 1000));
+    static_cast<void>(start_timer(res, static_cast<uint32_t>(res->attempts) * 1000)); // exists, so it starts
 }
 
-// True when the reply answers the question; the result is stored then.
+// True when the reply answers the question; stores the result.
 bool take_reply(resolver *res, std::span<const uint8_t> reply)
 {
     dns_answer answer;
@@ -180,7 +180,7 @@ bool take_reply(resolver *res, std::span<const uint8_t> reply)
 
 void resolver_callback(resolver *res, int, int fd, app_fd_handler *)
 {
-    std::array<uint8_t, dns_message_max> message;
+    std::array<uint8_t, max_dns_message> message;
     ipv4_endpoint from;
     socklen_t from_length = from.size();
     const ssize_t length =

@@ -8,8 +8,7 @@
 #include <span>
 #include <string_view>
 
-// One line of the table. Addresses are stored as on the wire and compared as the numbers that they are in
-// memory.
+// One line of the table. Addresses are in network byte order but compare as plain numbers.
 struct route {
     std::array<char, 32> interface; // "*" for a route that refuses
     uint32_t destination, gateway, mask;
@@ -24,6 +23,6 @@ struct route_table {
     unique_file file = open_regular_file(path); // null with a reason in errno
     bool is_at_heading = true;
 
-    // The next line except the heading, in pieces that fit; false at the end.
+    // Reads the next line except the heading; an overlong line comes in pieces. False at the end.
     [[nodiscard]] bool next(std::span<char> line);
 };

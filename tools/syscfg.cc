@@ -479,9 +479,9 @@ int main(int argc, char **argv)
         take_option(letter);
     const words given(argv + optind, argv + argc);
     const verb *verb = given.empty() ? nullptr : find_verb(given[0], given.size() - 1);
-    const bool is_odd =
+    const bool has_misplaced_option =
         verb && ((wants_json && verb->run != list) || ((wants_apply || wants_save) && verb->run != set));
-    if (!verb || is_odd)
+    if (!verb || has_misplaced_option)
         leave_with_usage(usage);
     prepare_limit();
     begin_limit();

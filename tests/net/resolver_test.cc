@@ -265,6 +265,7 @@ TEST_F(resolver_test, a_query_ends_the_one_before_and_release_ends_all)
             resolver_release(&res);
             resolver_release(&res);
             EXPECT_EQ(got(), "gone") << before;
+            EXPECT_FALSE(log.has("error: ")) << "the loop still polls the socket";
             init(RESOLVER_A);
         }
     }

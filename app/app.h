@@ -57,6 +57,12 @@ template <auto callback>
 void app_remove_fd(int fd, void *ctx, app_callback callback);
 void app_remove_ctx(void *ctx);
 
+template <auto callback>
+void app_remove_fd(int fd, context_of<callback> *ctx)
+{
+    app_remove_fd(fd, ctx, typed<callback>::call);
+}
+
 // Runs until app_quit and returns the low 16 bits of its code.
 int app_run();
 void app_quit(int code);

@@ -48,13 +48,13 @@ constexpr int quit_tag = 205;
 
 int connect_to_server()
 {
-    sockaddr_in address = {};
-    auto *addr = reinterpret_cast<sockaddr *>(&address);
-    constexpr socklen_t len = sizeof address;
-    if (get_host_addr(LUMD_BUGREPORT_DOMAIN, addr, len) < 0)
-        sockaddr_parse(LUMD_BUGREPORT_SERVER, addr, &len);
-    sockaddr_set_port(addr, smtp_port);
-    return tcp_connect(-1, addr, len);
+    ipv4_endpoint server;
+    constexpr socklen_t len = ipv4_endpoint::size();
+    // The build checks the built-in address.
+    if (get_host_addr(LUMD_BUGREPORT_DOMAIN, server.get(), len) < 0)
+        static_cast<void>(sockaddr_parse(LUMD_BUGREPORT_SERVER, server.get(), &len));
+    server.in.sin_port = htons(smtp_port);
+    return tcp_connect(-1, server.get(), len);
 }
 
 // The report in the line buffer, cut so that its end fits.

@@ -1,6 +1,7 @@
 #include "app/crash.h"
 
 #include "app/frame.h"
+#include "app/keep_errno.h"
 #include "app/log.h"
 #include "app/memory.h"
 #include "app/symbols.h"
@@ -300,7 +301,7 @@ void sig_alrm_handler(int sig, siginfo_t *, void *context)
 {
     if (sig != SIGALRM)
         return;
-    const int interrupted_errno = errno;
+    const keep_errno unchanged;
     log_trace(LOG_HERE, "SIGALRM caught!!!!!!");
     dump_interrupted(context);
     hold_descriptor_0();
@@ -308,5 +309,4 @@ void sig_alrm_handler(int sig, siginfo_t *, void *context)
         dprintf(STDOUT_FILENO, "signal error: %s\n", strerror(errno));
         exit(1);
     }
-    errno = interrupted_errno;
 }

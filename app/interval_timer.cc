@@ -1,6 +1,6 @@
+#include "app/keep_errno.h"
 #include "app/timer.h"
 
-#include <cerrno>
 #include <csignal>
 #include <sys/time.h>
 
@@ -11,12 +11,11 @@ volatile timer_callback alarm_callback;
 
 void on_interval(int)
 {
-    const int saved = errno;
+    const keep_errno unchanged;
     const timer_callback callback = alarm_callback;
     if (callback)
         callback(alarm_ctx);
     signal(SIGALRM, on_interval);
-    errno = saved;
 }
 
 timeval from_milliseconds(uint32_t ms)

@@ -1,5 +1,6 @@
 #include "app/log.h"
 
+#include "app/keep_errno.h"
 #include "app/memory.h"
 
 #include <algorithm>
@@ -43,16 +44,6 @@ output *log_output = &standard_error;
 
 int log_level = 0;
 std::atomic<void (*)(const void *, size_t)> log_copy;
-
-// Callers log a failure and go on to look at its errno.
-class errno_keeper {
-  public:
-    ~errno_keeper() { restore(); }
-    void restore() const { errno = saved_; }
-
-  private:
-    int saved_ = errno;
-};
 
 // One line on its way out, cut at max characters. The daemon logs while others wait for it, so only the
 // message itself is worth a format.
@@ -103,7 +94,7 @@ void log_mark(int level, std::string_view mark, const char *func, const char *fi
 {
     if (level < log_level)
         return;
-    errno_keeper keeper;
+    const keep_errno unchanged;
     log_line text(message_max);
     text << mark << func << "(): " << file << ": " << line;
     if (reason)
@@ -171,7 +162,7 @@ ssize_t write_text(output &to, std::string_view text)
 // The whole of a text, however long.
 __attribute__((format(printf, 2, 0))) void print(output &to, const char *format, va_list args)
 {
-    errno_keeper keeper;
+    const keep_errno unchanged;
     char fixed[512];
     unique_text heap;
     const char *text = fixed;
@@ -180,7 +171,7 @@ __attribute__((format(printf, 2, 0))) void print(output &to, const char *format,
     int length = vsnprintf(fixed, sizeof fixed, format, args);
     if (length >= static_cast<int>(sizeof fixed)) {
         char *whole = nullptr;
-        keeper.restore(); // for %m
+        unchanged.restore(); // for %m
         const int whole_length = vasprintf(&whole, format, again);
         heap.reset(whole_length < 0 ? nullptr : whole);
         text = heap ? heap.get() : fixed;
@@ -197,7 +188,7 @@ void log_trace(int level, const char *func, const char *file, int line, const ch
 {
     if (level < log_level)
         return;
-    errno_keeper keeper;
+    const keep_errno unchanged;
     log_line text(line_max);
     text << "  " << func << "(): " << file << ": " << line << ": ";
     va_list args;
@@ -229,7 +220,7 @@ void log_printf(int level, const char *format, ...)
 {
     if (level < log_level)
         return;
-    errno_keeper keeper;
+    const keep_errno unchanged;
     log_line text(message_max);
     va_list args;
     va_start(args, format);

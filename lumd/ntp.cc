@@ -93,7 +93,7 @@ bool publish()
     return syscfg_set_flags("NTP_SYNC", "1", SYSCFG_NOREPLY) == 0;
 }
 
-void ntp_resolverCallback(ntp_svcent *entry, resolver *, int status);
+void ntp_resolverCallback(ntp_svcent *entry, resolver *, resolver_status status);
 
 // Opening the socket may have failed last time.
 void open_resolver(ntp_svcent *entry)
@@ -101,13 +101,13 @@ void open_resolver(ntp_svcent *entry)
     resolver_release(&entry->resolver);
     if (resolver_init(&entry->resolver, RESOLVER_A, RESOLVER_IN) < 0)
         log_failed(LOG_AS("ntp_start"));
-    resolver_set_callback(&entry->resolver, entry, typed<ntp_resolverCallback>::call);
+    resolver_set_callback<ntp_resolverCallback>(&entry->resolver, entry);
 }
 
 // The timer covers a query that cannot be made, or that ends without a callback.
 void begin_try(ntp_svcent *entry)
 {
-    if (entry->resolver.sock < 0)
+    if (!entry->resolver.sock)
         open_resolver(entry);
     arm_retry(entry, lost_query_ms);
     if (resolver_query(&entry->resolver, entry->hostname) < 0)
@@ -150,7 +150,7 @@ void tryServer(ntp_svcent *entry)
         log_syserror(LOG_HERE);
 }
 
-void ntp_resolverCallback(ntp_svcent *entry, resolver *, int status)
+void ntp_resolverCallback(ntp_svcent *entry, resolver *, resolver_status status)
 {
     if (status != RESOLVER_ANSWERED) {
         log_trace(LOG_HERE, "resolver error\n");
@@ -161,17 +161,10 @@ void ntp_resolverCallback(ntp_svcent *entry, resolver *, int status)
     arm_retry(entry, reply_wait_ms);
 }
 
-uint32_t number_at(const std::array<uint8_t, packet_size> &packet, size_t at)
-{
-    uint32_t number;
-    memcpy(&number, packet.data() + at, sizeof number);
-    return ntohl(number);
-}
-
 timeval ntp_to_timeval(const std::array<uint8_t, packet_size> &reply)
 {
-    const uint32_t seconds = number_at(reply, transmit_seconds_at) - epoch_1970;
-    const uint32_t microseconds = number_at(reply, transmit_fraction_at) / fractions_per_us;
+    const uint32_t seconds = number_at<uint32_t>(reply, transmit_seconds_at) - epoch_1970;
+    const uint32_t microseconds = number_at<uint32_t>(reply, transmit_fraction_at) / fractions_per_us;
     return {static_cast<time_t>(seconds), static_cast<suseconds_t>(microseconds)};
 }
 

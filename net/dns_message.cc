@@ -1,24 +1,20 @@
 #include "net/dns_message.h"
 
 #include "app/text.h"
+#include "net/wire.h"
 
 namespace {
 
-constexpr size_t label_max = 63;
+constexpr size_t max_label = 63;
 constexpr size_t question_tail = 4; // type and class
 constexpr size_t record_head = 10;  // type, class, time to live, length of the data
-constexpr size_t decoded_enough = 766;
+constexpr size_t max_decoded = 766; // a label that begins before is still decoded
 constexpr size_t out_of_reply = SIZE_MAX;
 constexpr uint8_t recursion_desired = 0x01;
 constexpr uint8_t is_reply = 0x80, opcode_mask = 0x78, rcode_mask = 0x0F;
 constexpr uint16_t pointer_mark = 0xC000;
 
 using bytes = std::span<const uint8_t>;
-
-uint16_t number_at(bytes message, size_t at)
-{
-    return static_cast<uint16_t>(message[at] << 8 | message[at + 1]);
-}
 
 class writer {
   public:
@@ -34,7 +30,7 @@ class writer {
         put(static_cast<uint8_t>(number >> 8));
         put(static_cast<uint8_t>(number));
     }
-    // 0 when not all of it has fitted.
+    // 0 when the packet was too small.
     [[nodiscard]] size_t length() const { return length_ <= out_.size() ? length_ : 0; }
 
   private:
@@ -49,7 +45,7 @@ bool put_name(writer &packet, std::string_view name)
     for (bool more = !name.empty(); more;) {
         more = name.find('.') != name.npos;
         const std::string_view label = cut_until(name, '.');
-        if (label.empty() || label.size() > label_max)
+        if (label.empty() || label.size() > max_label)
             return false;
         packet.put(static_cast<uint8_t>(label.size()));
         for (const char c : label)
@@ -59,11 +55,11 @@ bool put_name(writer &packet, std::string_view name)
     return true;
 }
 
-// Where the name that begins at at ends; the end of the message or beyond when it is cut.
+// The end of the name that begins at at; the end of the message or beyond when the name is cut.
 size_t skip_name(bytes message, size_t at)
 {
     while (at < message.size() && message[at] != 0) {
-        if (message[at] > label_max)
+        if (message[at] > max_label)
             return at + 2;
         at += 1U + message[at];
     }
@@ -75,14 +71,14 @@ bool has(bytes message, size_t at, size_t length)
     return at <= message.size() && length <= message.size() - at;
 }
 
-// Labels joined by dots. A pointer leads back, or it could lead round in circles.
+// Joins the labels by dots. A compression pointer must lead back, or a loop of pointers would never end.
 size_t decode_name(bytes message, size_t at, std::span<char> out)
 {
     size_t length = 0;
     size_t lowest = at;
-    while (length <= decoded_enough && at < message.size() && message[at] != 0) {
+    while (length <= max_decoded && at < message.size() && message[at] != 0) {
         const size_t label = message[at];
-        if (label > label_max) {
+        if (label > max_label) {
             const size_t to = at + 1 < message.size() ? number_at(message, at) - pointer_mark : out_of_reply;
             if (to < dns_header_size || to >= lowest)
                 break;

@@ -1,5 +1,7 @@
 #include "net/icmp_message.h"
 
+#include "net/wire.h"
+
 #include <algorithm>
 
 namespace {
@@ -17,18 +19,13 @@ constexpr size_t first_pointer = route_at + 1; // pointers count from 1
 
 using bytes = std::span<const uint8_t>;
 
-uint16_t number_at(bytes message, size_t at)
-{
-    return static_cast<uint16_t>(message[at] << 8 | message[at + 1]);
-}
-
 void put_number(std::span<uint8_t> message, size_t at, uint16_t number)
 {
     message[at] = static_cast<uint8_t>(number >> 8);
     message[at + 1] = static_cast<uint8_t>(number);
 }
 
-// RFC 1071, of an even number of bytes.
+// RFC 1071, for an even number of bytes.
 uint16_t checksum(bytes message)
 {
     uint32_t sum = 0;
@@ -39,7 +36,7 @@ uint16_t checksum(bytes message)
     return static_cast<uint16_t>(~sum);
 }
 
-// The length of the header that the packet begins with; 0 when there is no whole one.
+// The length of the IP header at the front; 0 when it is cut or not IPv4.
 size_t ip_header_length(bytes packet)
 {
     if (packet.size() < ip_header_size || packet[0] >> 4 != ip_version)
@@ -48,7 +45,7 @@ size_t ip_header_length(bytes packet)
     return length >= ip_header_size && length <= packet.size() ? length : 0;
 }
 
-// The Record Route option, which our own no-operation stands before; empty when there is no whole one.
+// The Record Route option, behind the no-operation that we send before it; empty when it is missing or cut.
 bytes route_option(bytes options)
 {
     while (!options.empty() && options[0] == option_none)
@@ -59,12 +56,12 @@ bytes route_option(bytes options)
     return options.first(options[1]);
 }
 
-// The pointer is the routers' word; no more has been recorded than the option has room for.
+// Routers set the pointer, so it is not trusted beyond the room that the option has.
 size_t entries_recorded(bytes route)
 {
     const size_t pointer = route[route_pointer_at];
-    const size_t told = pointer < first_pointer ? 0 : (pointer - first_pointer) / route_entry_size;
-    return std::min(told, (route.size() - route_at) / route_entry_size);
+    const size_t claimed = pointer < first_pointer ? 0 : (pointer - first_pointer) / route_entry_size;
+    return std::min(claimed, (route.size() - route_at) / route_entry_size);
 }
 
 } // namespace

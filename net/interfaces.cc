@@ -1,9 +1,7 @@
 #include "net/interfaces.h"
 
 #include "app/log.h"
-#include "app/memory.h"
 #include "app/text.h"
-#include "net/sockaddr.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -20,14 +18,9 @@ constexpr int same_network = 5;
 constexpr int both_public = 2;
 constexpr size_t leading_octets = 3;
 
-struct list_deleter {
-    void operator()(ifi *list) const { free_ifi_info(list); }
-};
-using unique_ifi = std::unique_ptr<ifi, list_deleter>;
-
 struct interface_table {
     std::unique_ptr<char, free_deleter> bytes;
-    int length = -1; // -1: not to be had
+    int length = -1; // -1: not read
 
     [[nodiscard]] int entries() const { return length / static_cast<int>(sizeof(ifreq)); }
     [[nodiscard]] ifreq entry(int i) const
@@ -38,8 +31,7 @@ struct interface_table {
     }
 };
 
-// The kernel cuts what does not fit and does not say so: the table is whole when more room makes it no
-// longer.
+// The kernel silently cuts a table that does not fit: it is whole when a larger buffer gets no more of it.
 interface_table read_interfaces(int sockfd)
 {
     interface_table table;
@@ -49,10 +41,8 @@ interface_table read_interfaces(int sockfd)
         request.ifc_len = size;
         request.ifc_buf = bytes.get();
         const bool has_read = bytes && ioctl(sockfd, SIOCGIFCONF, &request) == 0;
-        if (!has_read && (!bytes || errno != EINVAL || size != first_buffer_size)) {
-            log_failed(LOG_AS("get_ifi_info"));
+        if (!has_read && (!bytes || errno != EINVAL || size != first_buffer_size))
             return {};
-        }
         const bool is_whole = has_read && request.ifc_len == table.length;
         if (has_read)
             table = {std::move(bytes), request.ifc_len};
@@ -61,27 +51,22 @@ interface_table read_interfaces(int sockfd)
     }
 }
 
-const sockaddr_in &ipv4(const sockaddr *addr)
-{
-    return *reinterpret_cast<const sockaddr_in *>(addr);
-}
-
 uint32_t address(const sockaddr *addr)
 {
-    return ipv4(addr).sin_addr.s_addr;
+    return as_ipv4(addr).sin_addr.s_addr;
 }
 
-sockaddr *heap_copy(const sockaddr *addr)
+unique_endpoint heap_copy(const sockaddr *addr)
 {
-    auto *copy = reinterpret_cast<sockaddr *>(new_record<sockaddr_in>());
+    unique_endpoint copy(new_record<ipv4_endpoint>());
     if (copy)
-        sockaddr_copy(copy, addr);
+        copy->in = as_ipv4(addr);
     return copy;
 }
 
-// An address that an ioctl gives for the entry, which tells it by name and address from the interface's other
-// ones. Zero is the kernel's word for none. False when memory is out.
-bool fetch(int sockfd, unsigned long request, ifreq entry, sockaddr *&out)
+// Asks for one more address of the entry, which name and address identify among the interface's others. The
+// kernel answers zero for none. False when memory is out.
+bool fetch(int sockfd, unsigned long request, ifreq entry, unique_endpoint &out)
 {
     const bool is_there = ioctl(sockfd, request, &entry) == 0 && entry.ifr_addr.sa_family == AF_INET &&
                           (request == SIOCGIFNETMASK || address(&entry.ifr_addr) != INADDR_ANY);
@@ -101,11 +86,11 @@ unique_ifi new_ifi(int sockfd, const ifreq &entry, short entry_flags, in_port_t 
     made->addr = heap_copy(&entry.ifr_addr);
     if (!made->addr)
         return nullptr;
-    reinterpret_cast<sockaddr_in *>(made->addr)->sin_port = port;
+    made->addr->in.sin_port = port;
     const struct {
         int wanted, needs;
         unsigned long request;
-        sockaddr *&out;
+        unique_endpoint &out;
     } more[] = {{IFI_BROADCAST, IFF_BROADCAST, SIOCGIFBRDADDR, made->broadaddr},
                 {IFI_PEER, IFF_POINTOPOINT, SIOCGIFDSTADDR, made->dstaddr},
                 {IFI_NETMASK, 0, SIOCGIFNETMASK, made->netmask}};
@@ -128,41 +113,41 @@ bool is_taken(const ifreq &entry, in_addr_t bound, int flags)
 
 } // namespace
 
-ifi *get_ifi_info(int sockfd, int flags)
+unique_ifi get_ifi_info(int sockfd, int flags)
 {
-    sockaddr_storage storage = {};
-    socklen_t len = sizeof storage;
-    if (getsockname(sockfd, reinterpret_cast<sockaddr *>(&storage), &len) < 0)
+    ipv4_endpoint own;
+    socklen_t len = own.size();
+    if (getsockname(sockfd, own.get(), &len) < 0)
         return nullptr;
-    sockaddr_in own = {};
-    sockaddr_copy(reinterpret_cast<sockaddr *>(&own), reinterpret_cast<sockaddr *>(&storage));
+    if (own.in.sin_family != AF_INET)
+        own = {};
 
     const interface_table table = read_interfaces(sockfd);
+    if (table.length < 0)
+        log_failed(LOG_HERE);
     ifi *list = nullptr;
     ifi **end = &list;
     for (int i = 0; i < table.entries(); ++i) {
         const ifreq entry = table.entry(i);
         ifreq asked = entry;
-        if (!is_taken(entry, own.sin_addr.s_addr, flags) || ioctl(sockfd, SIOCGIFFLAGS, &asked) < 0)
+        if (!is_taken(entry, own.in.sin_addr.s_addr, flags) || ioctl(sockfd, SIOCGIFFLAGS, &asked) < 0)
             continue;
         const bool is_hidden = (asked.ifr_flags & IFF_LOOPBACK) && !(flags & IFI_LOOPBACK);
         if (!(asked.ifr_flags & IFF_UP) || is_hidden)
             continue;
-        *end = new_ifi(sockfd, entry, asked.ifr_flags, own.sin_port, flags).release();
+        *end = new_ifi(sockfd, entry, asked.ifr_flags, own.in.sin_port, flags).release();
         if (!*end)
             break;
         end = &(*end)->next;
     }
-    return list;
+    return unique_ifi(list);
 }
 
 void free_ifi_info(ifi *list)
 {
     while (list) {
         ifi *next = list->next;
-        for (sockaddr *addr : {list->addr, list->netmask, list->broadaddr, list->dstaddr})
-            free(addr);
-        free(list);
+        free_record(list);
         list = next;
     }
 }
@@ -185,14 +170,14 @@ void print_ifi_info(const ifi *record)
     printf(">\n");
     const struct {
         const char *text;
-        const sockaddr *addr;
+        const unique_endpoint &addr;
     } lines[] = {{"IP addr", record->addr},
                  {"Broadcast addr", record->broadaddr},
                  {"Destination addr", record->dstaddr},
                  {"Subnet mask", record->netmask}};
     for (const auto &line : lines) {
         if (line.addr)
-            printf("\t%s: %s\n", line.text, sockaddr_ntop(line.addr, sizeof(sockaddr_in)));
+            printf("\t%s: %s\n", line.text, sockaddr_ntop(line.addr->get(), line.addr->size()));
     }
 }
 
@@ -225,7 +210,7 @@ using octets = std::array<uint8_t, sizeof(in_addr)>;
 octets octets_of(const sockaddr *addr)
 {
     octets result;
-    memcpy(result.data(), &ipv4(addr).sin_addr, result.size());
+    memcpy(result.data(), &as_ipv4(addr).sin_addr, result.size());
     return result;
 }
 
@@ -238,18 +223,19 @@ bool is_private(const octets &addr)
 
 int ifi_dest_match(const ifi *record, const sockaddr *dest)
 {
-    if (record->addr->sa_family != dest->sa_family) {
-        const char *text = sockaddr_ntop(record->addr, sizeof(sockaddr_in));
+    const sockaddr *addr = record->addr->get();
+    if (addr->sa_family != dest->sa_family) {
+        const char *text = sockaddr_ntop(addr, ipv4_endpoint::size());
         log_trace(LOG_HERE, "matching interface: %s(%d) not the same family(%d)\n", text ? text : "",
-                  record->addr->sa_family, dest->sa_family);
+                  addr->sa_family, dest->sa_family);
         return -1;
     }
     if (dest->sa_family != AF_INET)
         return 0;
-    const uint32_t differing = address(record->addr) ^ address(dest);
-    if (record->netmask && (differing & address(record->netmask)) == 0)
+    const uint32_t differing = address(addr) ^ address(dest);
+    if (record->netmask && (differing & address(record->netmask->get())) == 0)
         return same_network;
-    const octets own = octets_of(record->addr), other = octets_of(dest);
+    const octets own = octets_of(addr), other = octets_of(dest);
     size_t equal = 0;
     while (equal < leading_octets && own[equal] == other[equal])
         ++equal;
@@ -263,7 +249,7 @@ ssize_t broadcast(int sockfd, const void *buf, size_t len, int flags, int port)
         log_syserror(LOG_HERE);
         return -1;
     }
-    const unique_ifi list(get_ifi_info(sockfd, IFI_BROADCAST));
+    const unique_ifi list = get_ifi_info(sockfd, IFI_BROADCAST);
     if (!list) {
         log_failed(LOG_HERE);
         return -1;
@@ -272,8 +258,8 @@ ssize_t broadcast(int sockfd, const void *buf, size_t len, int flags, int port)
     for (const ifi *at = list.get(); at; at = at->next) {
         if (!at->broadaddr)
             continue;
-        sockaddr_set_port(at->broadaddr, port);
-        sent = sendto(sockfd, buf, len, flags, at->broadaddr, sizeof(sockaddr_in));
+        at->broadaddr->in.sin_port = htons(static_cast<uint16_t>(port));
+        sent = sendto(sockfd, buf, len, flags, at->broadaddr->get(), at->broadaddr->size());
         if (sent < 0) {
             log_syserror(LOG_HERE);
             break;

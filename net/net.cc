@@ -23,23 +23,23 @@ constexpr char log_module[] = "net";
 constexpr int linger_seconds = 5;
 constexpr int unix_backlog = 1;
 constexpr int tcp_backlog = 8;
-constexpr int lowest_random_port = 5000;
-constexpr int random_port_tries = 100;
+constexpr int min_random_port = 5000;
+constexpr int max_random_port_tries = 100;
 constexpr size_t ctlmsg_buffer_size = 4096;
-constexpr size_t most_passed_fds = 253; // the kernel's own limit for one message
+constexpr size_t max_passed_fds = 253; // the kernel's own limit for one message
 
-// The socket that a constructor works on: the caller's, or one of its own that only success lets go.
-class subject {
+// The socket that a constructor sets up: the caller's, or a new one, closed unless it is released.
+class configured_socket {
   public:
-    subject(int fd, int lowest_given, int domain, int type, int protocol)
-        : own_(fd < lowest_given ? socket(domain, type | SOCK_CLOEXEC, protocol) : -1),
-          fd_(fd < lowest_given ? own_.get() : fd)
+    configured_socket(int fd, int lowest_usable, int domain, int type, int protocol)
+        : own_(fd < lowest_usable ? socket(domain, type | SOCK_CLOEXEC, protocol) : -1),
+          fd_(fd < lowest_usable ? own_.get() : fd)
     {
     }
     [[nodiscard]] int fd() const { return fd_; }
     [[nodiscard]] bool is_own() const { return static_cast<bool>(own_); }
     explicit operator bool() const { return fd_ >= 0; }
-    int hand_over()
+    int release()
     {
         own_.release();
         return fd_;
@@ -50,11 +50,11 @@ class subject {
     int fd_;
 };
 
-subject unix_subject(int fd, int type)
+configured_socket unix_socket(int fd, int type)
 {
     return {fd, 0, AF_UNIX, type, 0};
 }
-subject inet_subject(int fd, int type, int protocol)
+configured_socket inet_socket(int fd, int type, int protocol)
 {
     return {fd, 1, AF_INET, type, protocol};
 }
@@ -64,10 +64,10 @@ struct unix_address {
     socklen_t len;
 };
 
-unix_address unix_path_address(std::string_view path, size_t longest)
+unix_address unix_path_address(std::string_view path, size_t max_length)
 {
     unix_address result = {};
-    path = path.substr(0, longest);
+    path = path.substr(0, max_length);
     result.addr.sun_family = AF_UNIX;
     memcpy(result.addr.sun_path, path.data(), path.size());
     result.len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
@@ -94,28 +94,27 @@ bool set_linger(int fd)
 // Other hosts of the group may hold the port too, so the socket takes the wildcard address.
 bool join_group(int fd, const sockaddr_in &group)
 {
-    sockaddr_in any = {};
-    any.sin_family = AF_INET;
-    any.sin_port = group.sin_port;
+    ipv4_endpoint any;
+    any.in.sin_port = group.sin_port;
     ip_mreq request = {};
     request.imr_multiaddr = group.sin_addr;
-    return bind(fd, generic(any), sizeof any) == 0 &&
+    return bind(fd, any.get(), any.size()) == 0 &&
            setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
 
-// The number goes into the address as it is drawn, so that on most boards it is another one on the wire: none
-// there that belongs to a service, or to root.
-bool bind_random_port(int fd, sockaddr_in *addr, socklen_t addrlen)
+// The port is stored as drawn, so a little-endian board puts its bytes on the wire swapped: skip numbers that
+// become a privileged port there.
+bool bind_random_port(int fd, sockaddr *addr, socklen_t addrlen)
 {
     seed_random();
-    for (int tries = 0; tries < random_port_tries; ++tries) {
+    for (int tries = 0; tries < max_random_port_tries; ++tries) {
         long port = random() & 0xFFFF;
-        if (port < lowest_random_port)
-            port += lowest_random_port;
-        addr->sin_port = static_cast<in_port_t>(port);
-        if (ntohs(addr->sin_port) < IPPORT_RESERVED)
+        if (port < min_random_port)
+            port += min_random_port;
+        as_ipv4(addr).sin_port = static_cast<in_port_t>(port);
+        if (sockaddr_get_port(addr) < IPPORT_RESERVED)
             continue;
-        if (bind(fd, generic(*addr), addrlen) == 0)
+        if (bind(fd, addr, addrlen) == 0)
             return true;
         if (errno != EINVAL)
             return false;
@@ -125,12 +124,11 @@ bool bind_random_port(int fd, sockaddr_in *addr, socklen_t addrlen)
 
 bool udp_bind_address(int fd, sockaddr *addr, socklen_t addrlen)
 {
-    auto *ipv4 = reinterpret_cast<sockaddr_in *>(addr);
     if (sockaddr_is_multicast(addr, addrlen) == 1)
-        return join_group(fd, *ipv4);
-    if (ipv4->sin_port != 0)
+        return join_group(fd, as_ipv4(addr));
+    if (as_ipv4(addr).sin_port != 0)
         return bind(fd, addr, addrlen) == 0;
-    return bind_random_port(fd, ipv4, addrlen);
+    return bind_random_port(fd, addr, addrlen);
 }
 
 } // namespace
@@ -142,28 +140,28 @@ void seed_random()
     if (seeded || getrandom(&seed, sizeof seed, GRND_NONBLOCK) != sizeof seed)
         return;
     srandom(seed);
-    srand(seed); // one generator or two, as the C library has it
+    srand(seed); // a generator of its own in some C libraries
     seeded = true;
 }
 
 int unix_datagram_listen(int fd, const char *path)
 {
-    subject sock = unix_subject(fd, SOCK_DGRAM);
+    configured_socket sock = unix_socket(fd, SOCK_DGRAM);
     const unix_address address = unix_path_address(path, sizeof(sockaddr_un::sun_path));
-    char place[sizeof(sockaddr_un::sun_path) + 1]; // which the path may fill without a terminator
-    copy_text(place, path);
+    char terminated[sizeof(sockaddr_un::sun_path) + 1]; // sun_path may be filled to its last byte
+    copy_text(terminated, path);
     if (sock)
-        unlink(place);
+        unlink(terminated);
     if (!sock || bind(sock.fd(), generic(address.addr), address.len) < 0) {
         log_syserror(LOG_HERE);
         return -1;
     }
-    return sock.hand_over();
+    return sock.release();
 }
 
 int unix_listen(int fd, const char *path)
 {
-    subject sock = unix_subject(fd, SOCK_STREAM);
+    configured_socket sock = unix_socket(fd, SOCK_STREAM);
     const unix_address address = unix_path_address(path, sizeof(sockaddr_un::sun_path) - 1);
     if (sock)
         unlink(address.addr.sun_path);
@@ -172,30 +170,30 @@ int unix_listen(int fd, const char *path)
         log_syserror(LOG_HERE);
         return -1;
     }
-    return sock.hand_over();
+    return sock.release();
 }
 
 int unix_connect(int fd, const char *path)
 {
-    subject sock = unix_subject(fd, SOCK_STREAM);
+    configured_socket sock = unix_socket(fd, SOCK_STREAM);
     const unix_address address = unix_path_address(path, sizeof(sockaddr_un::sun_path) - 1);
     if (!sock || connect(sock.fd(), generic(address.addr), address.len) < 0) {
         log_syserror(LOG_HERE);
         return -1;
     }
-    return sock.hand_over();
+    return sock.release();
 }
 
 int tcp_bind(int fd, const sockaddr *addr, socklen_t addrlen)
 {
     if (!is_valid_addr(addr, addrlen))
         return -1;
-    subject sock = inet_subject(fd, SOCK_STREAM, IPPROTO_TCP);
+    configured_socket sock = inet_socket(fd, SOCK_STREAM, IPPROTO_TCP);
     if (!sock || !reuse_address(sock.fd()) || bind(sock.fd(), addr, addrlen) < 0) {
         log_syserror(LOG_HERE);
         return -1;
     }
-    return sock.hand_over();
+    return sock.release();
 }
 
 int tcp_listen(int fd, const sockaddr *addr, socklen_t addrlen)
@@ -216,14 +214,14 @@ int tcp_connect(int fd, const sockaddr *addr, socklen_t addrlen)
 {
     if (!is_valid_addr(addr, addrlen))
         return -1;
-    subject sock = inet_subject(fd, SOCK_STREAM, IPPROTO_TCP);
+    configured_socket sock = inet_socket(fd, SOCK_STREAM, IPPROTO_TCP);
     if (!sock || !set_linger(sock.fd()) || connect(sock.fd(), addr, addrlen) < 0) {
         log_syserror(LOG_HERE);
         if (sock.is_own())
             log_trace(LOG_HERE, "close %d", sock.fd());
         return -1;
     }
-    return sock.hand_over();
+    return sock.release();
 }
 
 int udp_bind(int fd, sockaddr *addr, socklen_t addrlen)
@@ -232,24 +230,24 @@ int udp_bind(int fd, sockaddr *addr, socklen_t addrlen)
         log_failed(LOG_HERE);
         return -1;
     }
-    subject sock = inet_subject(fd, SOCK_DGRAM, 0);
+    configured_socket sock = inet_socket(fd, SOCK_DGRAM, 0);
     if (!sock || !reuse_address(sock.fd()) || !udp_bind_address(sock.fd(), addr, addrlen)) {
         log_syserror(LOG_HERE);
         return -1;
     }
-    return sock.hand_over();
+    return sock.release();
 }
 
 int udp_connect(int fd, const sockaddr *addr, socklen_t addrlen)
 {
     if (!is_valid_addr(addr, addrlen))
         return -1;
-    subject sock = inet_subject(fd, SOCK_DGRAM, IPPROTO_UDP);
+    configured_socket sock = inet_socket(fd, SOCK_DGRAM, IPPROTO_UDP);
     if (!sock || connect(sock.fd(), addr, sizeof(sockaddr_in)) < 0) {
         log_syserror(LOG_HERE);
         return -1;
     }
-    return sock.hand_over();
+    return sock.release();
 }
 
 ssize_t send_ctlmsg(int fd, const ctlmsg *message)
@@ -261,8 +259,8 @@ ssize_t send_ctlmsg(int fd, const ctlmsg *message)
     header.msg_iov = pieces;
     header.msg_iovlen = std::size(pieces);
 
-    alignas(cmsghdr) char control[CMSG_SPACE(most_passed_fds * sizeof(int))] = {};
-    if (message->nfds > most_passed_fds) {
+    alignas(cmsghdr) char control[CMSG_SPACE(max_passed_fds * sizeof(int))] = {};
+    if (message->nfds > max_passed_fds) {
         errno = EINVAL;
         log_syserror(LOG_HERE);
         return -1;
@@ -285,7 +283,7 @@ ssize_t send_ctlmsg(int fd, const ctlmsg *message)
 
 namespace {
 
-// Descriptors beyond the caller's room would leak: they are closed.
+// Descriptors beyond the caller's room are closed, or they would leak.
 void take_fds(msghdr &header, std::span<int> room)
 {
     size_t taken = 0;
@@ -296,10 +294,9 @@ void take_fds(msghdr &header, std::span<int> room)
         for (size_t i = 0; i < passed; ++i) {
             int fd;
             memcpy(&fd, CMSG_DATA(part) + i * sizeof fd, sizeof fd);
+            unique_fd own(fd);
             if (taken < room.size())
-                room[taken++] = fd;
-            else
-                close(fd);
+                room[taken++] = own.release();
         }
     }
 }
@@ -312,7 +309,7 @@ ssize_t recv_ctlmsg(int fd, ctlmsg *message)
     std::ranges::fill(room, -1);
     char buffer[ctlmsg_buffer_size];
     iovec piece = {buffer, sizeof buffer};
-    alignas(cmsghdr) char control[CMSG_SPACE(most_passed_fds * sizeof(int))];
+    alignas(cmsghdr) char control[CMSG_SPACE(max_passed_fds * sizeof(int))];
     msghdr header = {};
     header.msg_iov = &piece;
     header.msg_iovlen = 1;
@@ -359,8 +356,8 @@ int get_host_addr(const char *name, sockaddr *addr, socklen_t addrlen)
     const hostent *host = gethostbyname(name);
     if (!host || host->h_addrtype != AF_INET || !host->h_addr_list[0])
         return -1;
-    auto *ipv4 = reinterpret_cast<sockaddr_in *>(addr);
-    ipv4->sin_family = AF_INET;
-    memcpy(&ipv4->sin_addr, host->h_addr_list[0], sizeof ipv4->sin_addr);
+    sockaddr_in &ipv4 = as_ipv4(addr);
+    ipv4.sin_family = AF_INET;
+    memcpy(&ipv4.sin_addr, host->h_addr_list[0], sizeof ipv4.sin_addr);
     return 0;
 }

@@ -4,6 +4,7 @@
 #include "app/file.h"
 #include "app/log.h"
 #include "app/text.h"
+#include "net/name_servers.h"
 #include "net/net.h"
 #include "net/sockaddr.h"
 
@@ -12,24 +13,25 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 
 namespace {
 
 constexpr char log_module[] = "resolver";
-constexpr size_t servers_max = 16;
-constexpr size_t line_max = 1024;
+constexpr size_t max_servers = 16;
+constexpr size_t max_line = 1024;
 constexpr uint16_t dns_port = 53;
 constexpr uint32_t first_wait_ms = 1000;
 constexpr int last_pass = 4;
 constexpr int delivery_priority = 128;
-constexpr int ipv4_walk_max = 16;
-constexpr std::string_view nameserver = "nameserver";
+constexpr int max_ipv4_walk = 16;
 
-std::array<sockaddr_in, servers_max> servers;
+std::array<in_addr, max_servers> servers;
 size_t server_count;
 
-// The file that the list was read from, as it was then. Some file systems keep whole seconds only.
+// The state of the file when it was read. Some file systems keep times in whole seconds only, so the time
+// alone could miss a change.
 struct {
     ino_t inode;
     off_t size;
@@ -50,22 +52,18 @@ bool has_changed(int file)
             now.st_mtim.tv_sec != seen.modified.tv_sec || now.st_mtim.tv_nsec != seen.modified.tv_nsec);
 }
 
-void add_server(std::string_view line)
+void add_server(const char *text)
 {
-    if (!line.starts_with(nameserver) || server_count == servers_max)
+    uint8_t octets[sizeof(in_addr)];
+    if (server_count == max_servers || parse_ipv4(text, octets) < 0)
         return;
-    sockaddr_in server = {};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(dns_port);
-    const std::string_view address = skip_space(line.substr(nameserver.size()));
-    if (parse_ipv4(address.data(), reinterpret_cast<uint8_t *>(&server.sin_addr)) < 0)
-        return;
-    if (server.sin_addr.s_addr == INADDR_ANY) // this machine; it answers from its loopback address
-        server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    servers[server_count++] = server;
+    in_addr &server = servers[server_count++];
+    memcpy(&server, octets, sizeof server);
+    if (server.s_addr == INADDR_ANY) // this machine; it answers from its loopback address
+        server.s_addr = htonl(INADDR_LOOPBACK);
 }
 
-// False, with the list as it was, if the file cannot be read.
+// False, with the list unchanged, when the file cannot be read.
 bool read_servers(unique_fd list)
 {
     struct stat now;
@@ -77,16 +75,16 @@ bool read_servers(unique_fd list)
     list.release();
     server_count = 0;
     seen = {now.st_ino, now.st_size, now.st_mtim};
-    char line[line_max + 1];
-    while (fgets(line, sizeof line, file.get()))
-        add_server(skip_space(line));
+    char line[max_line + 1];
+    for (std::string_view address; next_name_server(file.get(), line, address);)
+        add_server(address.data());
     return true;
 }
 
-bool is_asked(const sockaddr_in &from)
+bool is_server(const ipv4_endpoint &from)
 {
     for (size_t i = 0; i < server_count; ++i) {
-        if (sockaddr_cmp(generic(servers[i]), generic(from)) == 0)
+        if (sockaddr_cmp(ipv4_endpoint(servers[i], dns_port).get(), from.get()) == 0)
             return true;
     }
     return false;
@@ -99,32 +97,32 @@ bool is_dotted_quad(const char *name, uint8_t *out)
            parse_ipv4(name, out) == 0;
 }
 
-void resolver_callback(void *ctx, int events, int fd, app_fd_handler *handler);
+void resolver_callback(resolver *res, int events, int fd, app_fd_handler *handler);
 
 void stop_waiting(resolver *res)
 {
-    app_remove_fd(res->sock, res, resolver_callback);
-    if (res->timer)
-        timer_stop(res->timer);
+    app_remove_fd<resolver_callback>(res->sock.get(), res);
+    res->timer.stop();
 }
 
-void report(resolver *res, int status)
+void report(resolver *res, resolver_status status)
 {
     if (res->callback)
         res->callback(res->ctx, res, status);
 }
 
-void resolver_deliver(void *ctx)
+void resolver_deliver(resolver *res)
 {
-    report(static_cast<resolver *>(ctx), RESOLVER_ANSWERED);
+    report(res, RESOLVER_ANSWERED);
 }
 
-// -1 if no server of the list could be sent to.
+// Tries every server; -1 when none could be sent to.
 int resolver_send_requests(const resolver *res, std::span<const uint8_t> packet)
 {
     size_t sent = 0;
     for (size_t i = 0; i < server_count; ++i) {
-        if (sendto(res->sock, packet.data(), packet.size(), 0, generic(servers[i]), sizeof servers[i]) < 0)
+        const ipv4_endpoint to(servers[i], dns_port);
+        if (sendto(res->sock.get(), packet.data(), packet.size(), 0, to.get(), to.size()) < 0)
             log_syserror(LOG_HERE);
         else
             ++sent;
@@ -149,46 +147,48 @@ int resolver_build_and_send_query(resolver *res)
     return 0;
 }
 
-void resolver_timeout_callback(void *ctx)
+void resolver_timeout_callback(resolver *res);
+
+int start_timer(resolver *res, uint32_t period_ms)
 {
-    auto *res = static_cast<resolver *>(ctx);
+    return res->timer.start<resolver_timeout_callback>(period_ms, res, "resolver_timeout_callback");
+}
+
+void resolver_timeout_callback(resolver *res)
+{
     if (res->attempts > last_pass) {
         report(res, RESOLVER_NO_ANSWER);
         return;
     }
-    resolver_build_and_send_query(res);
-    res->timer->period_ms = static_cast<uint32_t>(res->attempts) * 1000;
-    static_cast<void>(timer_start(res->timer, 1));
+    // A pass that reaches no server does not count: the next one repeats it.
+    static_cast<void>(resolver_build_and_send_query(res));
+    static_cast<void>(start_timer(res, static_cast<uint32_t>(res->attempts) * 1000)); // exists, so it starts
 }
 
-// True when the reply answers the question; the result is stored then.
+// True when the reply answers the question; stores the result.
 bool take_reply(resolver *res, std::span<const uint8_t> reply)
 {
     dns_answer answer;
     if (!dns_find_answer(reply, res->id, res->qtype, res->qclass, answer) ||
-        answer.length >= resolver_result_size) {
-        log_failed(LOG_AS("resolver_callback"));
+        answer.length >= resolver_result_size)
         return false;
-    }
     const size_t length = dns_decode(reply, answer, res->qtype, res->result);
     res->result[length] = '\0';
     res->result_len = static_cast<int>(length);
-    log_trace(LOG_AS("resolver_callback"), "result_len: %d", res->result_len);
     return true;
 }
 
-void resolver_callback(void *ctx, int, int fd, app_fd_handler *)
+void resolver_callback(resolver *res, int, int fd, app_fd_handler *)
 {
-    auto *res = static_cast<resolver *>(ctx);
-    std::array<uint8_t, dns_message_max> message;
-    sockaddr_in from = {};
-    socklen_t from_length = sizeof from;
-    const ssize_t length = recvfrom(fd, message.data(), message.size(), MSG_DONTWAIT,
-                                    reinterpret_cast<sockaddr *>(&from), &from_length);
-    if (length < 0 && errno == EAGAIN) // its checksum was wrong
+    std::array<uint8_t, max_dns_message> message;
+    ipv4_endpoint from;
+    socklen_t from_length = from.size();
+    const ssize_t length =
+        recvfrom(fd, message.data(), message.size(), MSG_DONTWAIT, from.get(), &from_length);
+    if (length < 0 && errno == EAGAIN) // the kernel dropped it for a wrong checksum
         return;
     log_trace(LOG_HERE, "received: %d", static_cast<int>(length));
-    if (length >= 0 && !is_asked(from)) {
+    if (length >= 0 && !is_server(from)) {
         log_failed(LOG_HERE);
         return;
     }
@@ -197,21 +197,19 @@ void resolver_callback(void *ctx, int, int fd, app_fd_handler *)
         stop_waiting(res);
         return;
     }
-    if (!take_reply(res, {message.data(), static_cast<size_t>(length)}))
+    if (!take_reply(res, {message.data(), static_cast<size_t>(length)})) {
+        log_failed(LOG_HERE);
         return;
+    }
+    log_trace(LOG_HERE, "result_len: %d", res->result_len);
     stop_waiting(res);
     report(res, RESOLVER_ANSWERED);
 }
 
 bool wait_for_answer(resolver *res)
 {
-    if (!res->timer)
-        res->timer = timer_new(first_wait_ms, res, resolver_timeout_callback, "resolver_timeout_callback");
-    if (!res->timer)
-        return false;
-    res->timer->period_ms = first_wait_ms;
-    static_cast<void>(timer_start(res->timer, 1));
-    return app_add_fd(res->sock, POLLIN, res, resolver_callback) >= 0;
+    return start_timer(res, first_wait_ms) == 0 &&
+           app_add_fd<resolver_callback>(res->sock.get(), POLLIN, res) >= 0;
 }
 
 } // namespace
@@ -229,22 +227,20 @@ int _resolver_init()
 
 int resolver_init(resolver *res, uint16_t qtype, uint16_t qclass)
 {
-    *res = {};
+    resolver_release(res);
     res->qtype = qtype;
     res->qclass = qclass;
-    res->sock = -1;
     unique_fd sock(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!sock) {
         log_syserror(LOG_HERE);
         return -1;
     }
-    sockaddr_in any = {};
-    any.sin_family = AF_INET;
-    if (bind(sock.get(), generic(any), sizeof any) < 0 || fcntl(sock.get(), F_SETFL, O_NONBLOCK) < 0) {
+    const ipv4_endpoint any;
+    if (bind(sock.get(), any.get(), any.size()) < 0 || fcntl(sock.get(), F_SETFL, O_NONBLOCK) < 0) {
         log_syserror(LOG_HERE);
         return -1;
     }
-    res->sock = sock.release();
+    res->sock = std::move(sock);
     return 0;
 }
 
@@ -261,7 +257,7 @@ int resolver_query(resolver *res, const char *name)
         return -1;
     }
     stop_waiting(res);
-    app_scheduler_remove(res, resolver_deliver);
+    app_scheduler_remove<resolver_deliver>(res);
     res->attempts = 0;
     copy_text(res->name, name);
     uint8_t address[4];
@@ -269,7 +265,7 @@ int resolver_query(resolver *res, const char *name)
         memcpy(res->result, address, sizeof address);
         res->result[sizeof address] = '\0';
         res->result_len = sizeof address;
-        if (app_scheduler_add(res, resolver_deliver, delivery_priority) == 0)
+        if (app_scheduler_add<resolver_deliver>(res, delivery_priority) == 0)
             return 0;
         log_failed(LOG_HERE);
         return -1;
@@ -302,20 +298,22 @@ int resolver_result(const resolver *res, void *buf, int cap)
     return res->result_len;
 }
 
+resolver::~resolver()
+{
+    app_remove_ctx(this);
+}
+
 void resolver_release(resolver *res)
 {
-    app_remove_ctx(res);
-    timer_free(res->timer);
-    const unique_fd closed(res->sock);
-    *res = {};
-    res->sock = -1;
+    std::destroy_at(res);
+    std::construct_at(res);
 }
 
 int parse_ipv4(const char *text, uint8_t *out)
 {
     memset(out, 0, 4);
     int dots = 0;
-    for (int i = 0; i < ipv4_walk_max && (is_digit(text[i]) || text[i] == '.'); ++i) {
+    for (int i = 0; i < max_ipv4_walk && (is_digit(text[i]) || text[i] == '.'); ++i) {
         if (text[i] == '.') {
             if (++dots > 3)
                 return 0;

@@ -14,19 +14,14 @@
 namespace {
 
 constexpr char log_module[] = "sockaddr";
-constexpr socklen_t ipv4_len = sizeof(sockaddr_in);
-
-const sockaddr_in *as_ipv4(const sockaddr *addr)
-{
-    return reinterpret_cast<const sockaddr_in *>(addr);
-}
+constexpr socklen_t ipv4_len = ipv4_endpoint::size();
 
 bool is_ipv4(const sockaddr *addr)
 {
     return addr->sa_family == AF_INET;
 }
 
-// A decimal number of 0 to max at the front of text, which then stands behind it; -1 when there is none.
+// Takes a decimal number of 0 to max off the front of text; -1 when there is none.
 int take_number(const char *&text, long max)
 {
     char *end;
@@ -47,14 +42,14 @@ socklen_t sockaddr_len(const sockaddr *addr)
 
 int sockaddr_get_port(const sockaddr *addr)
 {
-    return is_ipv4(addr) ? ntohs(as_ipv4(addr)->sin_port) : -1;
+    return is_ipv4(addr) ? ntohs(as_ipv4(addr).sin_port) : -1;
 }
 
 int sockaddr_set_port(sockaddr *addr, int port)
 {
     if (!is_ipv4(addr))
         return -1;
-    reinterpret_cast<sockaddr_in *>(addr)->sin_port = htons(static_cast<uint16_t>(port));
+    as_ipv4(addr).sin_port = htons(static_cast<uint16_t>(port));
     return port;
 }
 
@@ -72,7 +67,7 @@ int sockaddr_is_multicast(const sockaddr *addr, socklen_t len)
 {
     if (!is_valid_addr(addr, len))
         return -1;
-    return IN_MULTICAST(ntohl(as_ipv4(addr)->sin_addr.s_addr)) ? 1 : 0;
+    return IN_MULTICAST(ntohl(as_ipv4(addr).sin_addr.s_addr)) ? 1 : 0;
 }
 
 int sockaddr_parse(const char *text, sockaddr *addr, const socklen_t *len)
@@ -96,18 +91,16 @@ int sockaddr_parse(const char *text, sockaddr *addr, const socklen_t *len)
     }
     if (*len < ipv4_len)
         return -1;
-    sockaddr_in parsed = {};
-    parsed.sin_family = AF_INET;
-    parsed.sin_port = htons(static_cast<uint16_t>(port));
-    memcpy(&parsed.sin_addr, octets.data(), octets.size());
-    memcpy(addr, &parsed, sizeof parsed);
+    in_addr address;
+    memcpy(&address, octets.data(), octets.size());
+    as_ipv4(addr) = ipv4_endpoint(address, static_cast<uint16_t>(port)).in;
     return 0;
 }
 
 const char *sockaddr_ntop(const sockaddr *addr, socklen_t)
 {
     static char text[128];
-    if (!is_ipv4(addr) || !inet_ntop(AF_INET, &as_ipv4(addr)->sin_addr, text, sizeof text))
+    if (!is_ipv4(addr) || !inet_ntop(AF_INET, &as_ipv4(addr).sin_addr, text, sizeof text))
         return nullptr;
     const size_t length = strlen(text);
     const int port = sockaddr_get_port(addr);

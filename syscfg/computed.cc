@@ -5,6 +5,8 @@
 #include "app/log.h"
 #include "app/memory.h"
 #include "app/text.h"
+#include "net/name_servers.h"
+#include "net/route_table.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
@@ -18,7 +20,6 @@
 
 namespace {
 
-constexpr char route_file[] = "/proc/net/route";
 constexpr char resolver_file[] = "/etc/resolv.conf";
 constexpr char no_version[] = "00";
 
@@ -40,28 +41,16 @@ int default_route(std::string_view, std::span<char> output)
 {
     if (output.size() < INET_ADDRSTRLEN)
         return -1;
-    const unique_file file = open_regular_file(route_file);
-    if (!file) {
-        print_error("open %s: %m\n", route_file);
+    route_table table;
+    if (!table.file) {
+        print_error("open %s: %m\n", table.path);
         return put(output, "0.0.0.0");
     }
     char line[128];
-    for (bool first = true; fgets(line, sizeof line, file.get()); first = false) {
-        if (first && std::string_view(line).starts_with("Iface"))
-            continue;
-        char interface[sizeof line];
-        unsigned destination;
-        unsigned gateway;
-        unsigned mask;
-        int flags;
-        int references;
-        int use;
-        int metric;
-        const int fields =
-            sscanf(line, "%127s %x %x %d %d %d %d %x", // NOLINT(cert-err34-c): the kernel's text
-                   interface, &destination, &gateway, &flags, &references, &use, &metric, &mask);
-        if (fields == 8 && destination == 0)
-            return print_gateway(output, gateway);
+    while (table.next(line)) {
+        route entry;
+        if (parse_route(line, entry) && entry.is_complete && entry.destination == 0)
+            return print_gateway(output, entry.gateway);
     }
     return -1;
 }
@@ -111,19 +100,15 @@ long name_server_number(std::string_view name)
 
 int name_server(std::string_view name, std::span<char> output)
 {
-    constexpr std::string_view keyword = "nameserver";
     const long wanted = name_server_number(name);
     const unique_file file = open_regular_file(resolver_file);
     if (!file)
         return -1;
     char line[255];
-    long seen = 0;
-    while (fgets(line, sizeof line, file.get())) {
-        const std::string_view text = skip_space(line);
-        if (!text.starts_with(keyword) || ++seen != wanted)
-            continue;
-        return put(output,
-                   span_of(skip_space(text.substr(keyword.size())), [](char c) { return !is_space(c); }));
+    std::string_view address;
+    for (long number = 0; next_name_server(file.get(), line, address);) {
+        if (++number == wanted)
+            return put(output, span_of(address, [](char c) { return !is_space(c); }));
     }
     return -1;
 }

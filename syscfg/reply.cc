@@ -1,5 +1,6 @@
 #include "syscfg/reply.h"
 
+#include "app/clock.h"
 #include "app/log.h"
 #include "app/memory.h"
 #include "app/text.h"
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
@@ -27,13 +27,6 @@ int64_t patience_left_us = patience_us;
 int64_t last_wait_us;
 bool names_users;      // the kernel says who sent a request
 int64_t full_since_us; // since our own buffer was full and has not been half empty; or 0
-
-int64_t monotonic_us()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
 
 const char *kind_of(mode_t mode)
 {

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
-#include <memory>
 #include <span>
 
 namespace {
@@ -30,11 +29,6 @@ constexpr char usage[] =
     "Exit status: 0 done, 1 no such route or not to be had, 2 usage, 5 no answer in time.\n";
 
 constexpr int same_network = 5; // of ifi_dest_match
-
-struct free_list {
-    void operator()(ifi *list) const { free_ifi_info(list); }
-};
-using ifi_list = std::unique_ptr<ifi, free_list>;
 
 using words = std::span<char *const>;
 
@@ -79,9 +73,9 @@ void print_member(const char *before, const char *name, const char *text)
         printf("null");
 }
 
-void print_member(const char *before, const char *name, const sockaddr *addr)
+void print_member(const char *before, const char *name, const unique_endpoint &addr)
 {
-    print_member(before, name, addr ? sockaddr_ntop(addr, address_length) : nullptr);
+    print_member(before, name, addr ? sockaddr_ntop(addr->get(), addr->size()) : nullptr);
 }
 
 void print_json(const ifi *record)
@@ -112,8 +106,8 @@ void interfaces(words)
 {
     const int fd = udp_socket();
     errno = 0;
-    const ifi_list list(
-        get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_BROADCAST | IFI_PEER | IFI_NETMASK));
+    const unique_ifi list =
+        get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_BROADCAST | IFI_PEER | IFI_NETMASK);
     if (!list && errno != 0)
         leave(code_no, "the interfaces cannot be read: %m");
     const char *before = "[\n  ";
@@ -134,11 +128,9 @@ void interfaces(words)
 const ifi *find_own(const ifi *list, const sockaddr *dest)
 {
     for (const ifi *at = list; at; at = at->next) {
-        sockaddr_in own = {};
-        sockaddr_copy(reinterpret_cast<sockaddr *>(&own), at->addr);
-        own.sin_port = 0;
+        const ipv4_endpoint own(at->addr->in.sin_addr, 0);
         const bool is_inside = (at->flags & IFF_LOOPBACK) && ifi_dest_match(at, dest) == same_network;
-        if (is_inside || sockaddr_cmp(reinterpret_cast<const sockaddr *>(&own), dest) == 0)
+        if (is_inside || sockaddr_cmp(own.get(), dest) == 0)
             return at;
     }
     return nullptr;
@@ -146,7 +138,7 @@ const ifi *find_own(const ifi *list, const sockaddr *dest)
 
 void print_route(const char *name, const ifi *from)
 {
-    const char *own = from ? sockaddr_ntop(from->addr, address_length) : nullptr;
+    const char *own = from ? sockaddr_ntop(from->addr->get(), address_length) : nullptr;
     if (!wants_json) {
         printf("%s %s\n", name, own ? own : "-");
         return;
@@ -160,14 +152,14 @@ void route_to(words operands)
 {
     const address dest = read_address(operands[0], false);
     const int fd = udp_socket();
-    const ifi_list list(get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_NETMASK));
+    const unique_ifi list = get_ifi_info(fd, IFI_ALIASES | IFI_LOOPBACK | IFI_NETMASK);
     if (const ifi *own = find_own(list.get(), dest.any()))
         return print_route(own->name, own);
     const char *name = findsaddr(dest.any());
     // A route may also say that there is no way.
     if (!name || strcmp(name, "*") == 0)
         leave(code_no, "no route to %s", operands[0]);
-    print_route(name, ifi_list(get_route_ifaddr(fd, dest.any())).get());
+    print_route(name, get_route_ifaddr(fd, dest.any()).get());
 }
 
 void print_outside(const sockaddr_in *found)
@@ -179,9 +171,8 @@ void print_outside(const sockaddr_in *found)
         printf("%s\n", sockaddr_ntop(addr, address_length));
         return;
     }
-    sockaddr_in without_port = *found;
-    without_port.sin_port = 0;
-    print_member("{", "address", reinterpret_cast<const sockaddr *>(&without_port));
+    const ipv4_endpoint without_port(found->sin_addr, 0);
+    print_member("{", "address", sockaddr_ntop(without_port.get(), address_length));
     if (found->sin_port != 0)
         printf(", \"port\": %d", sockaddr_get_port(addr));
     printf("}\n");

@@ -7,31 +7,32 @@
 
 namespace {
 
-// "status: answer", or nothing when there is none within two seconds.
+void note(std::string *answer, resolver *of, resolver_status status)
+{
+    *answer = std::to_string(status) + ": " + std::string(of->result, static_cast<size_t>(of->result_len));
+}
+
+// "status: answer", or nothing without an answer within two seconds.
 std::string resolve(const char *name, uint16_t type)
 {
-    std::string told;
+    std::string answer;
     resolver res = {};
     EXPECT_EQ(resolver_init(&res, type, RESOLVER_IN), 0);
-    resolver_set_callback(&res, &told, [](void *ctx, resolver *of, int status) {
-        *static_cast<std::string *>(ctx) =
-            std::to_string(status) + ": " + std::string(of->result, static_cast<size_t>(of->result_len));
-    });
+    resolver_set_callback<note>(&res, &answer);
     EXPECT_EQ(resolver_query(&res, name), 0);
     const double end = now() + 2;
     do {
         const int wait = timer_run_expired();
-        pollfd reply = {res.sock, POLLIN, 0};
+        pollfd reply = {res.sock.get(), POLLIN, 0};
         if (poll(&reply, 1, wait) > 0)
             app_poll_once();
-    } while (told.empty() && now() < end);
-    resolver_release(&res);
-    return told;
+    } while (answer.empty() && now() < end);
+    return answer;
 }
 
 TEST(names, of_every_type)
 {
-    _resolver_init();
+    EXPECT_GT(_resolver_init(), 0);
     const std::string address = "0: \xC0" + std::string("\0\2\1", 3);
     EXPECT_EQ(resolve("time.example.net", RESOLVER_A), address);
     EXPECT_EQ(resolve("ntp.example.net.", RESOLVER_A), address) << "behind an alias";

@@ -6,7 +6,7 @@ void take(std::string_view input)
 {
     constexpr uint8_t id[2] = {0x12, 0x34};
     constexpr size_t room = 1024;
-    if (input.empty() || input.size() > dns_message_max + 1)
+    if (input.empty() || input.size() > max_dns_message + 1)
         return;
     const std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t *>(input.data()), input.size());
     const uint8_t type = bytes[0];

@@ -1,6 +1,6 @@
 // Lines of a routing table: a route has the name of an interface, that ends.
 #include "app/text.h"
-#include "net/interfaces.h"
+#include "net/route_table.h"
 #include "tests/fuzz/target.h"
 
 void take(std::string_view input)

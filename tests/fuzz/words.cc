@@ -43,5 +43,6 @@ void take(std::string_view input)
     require(number == -1 || (number > 0 && number < SIGRTMAX));
     kind == 't' ? schedule(&text[1]) : void();
     kind == 'z' ? init_tz(word) : 0;
-    kind == 'a' ? parse_ipv4(word, address) : 0;
+    if (kind == 'a')
+        static_cast<void>(parse_ipv4(word, address));
 }

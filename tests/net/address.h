@@ -9,8 +9,9 @@ struct address {
     sockaddr_in in = {};
     sockaddr *any = reinterpret_cast<sockaddr *>(&in);
     socklen_t len = sizeof in;
+    int parsed = 0; // -1 when the text is no address, which leaves zero
 
     address() = default;
-    explicit address(const std::string &text) { sockaddr_parse(text.c_str(), any, &len); }
+    explicit address(const std::string &text) { parsed = sockaddr_parse(text.c_str(), any, &len); }
     explicit address(int fd) { getsockname(fd, any, &len); }
 };

@@ -13,7 +13,16 @@ using namespace support;
 
 struct interfaces_test : support::test {
     captured_log log;
-    static std::string text_of(const sockaddr *addr) { return addr ? sockaddr_ntop(addr, 0) : ""; }
+    static std::string text_of(const unique_endpoint &addr)
+    {
+        return addr ? sockaddr_ntop(addr->get(), 0) : "";
+    }
+    static unique_endpoint endpoint(const std::string &text)
+    {
+        unique_endpoint made(new_record<ipv4_endpoint>());
+        made->in = address(text).in;
+        return made;
+    }
     static std::string sh(const std::string &script)
     {
         write_file("/script", "cd " + device_root + "; exec >said 2>&1; PATH=$PATH:/sbin\n" + script);
@@ -23,18 +32,19 @@ struct interfaces_test : support::test {
     static std::string list(int fd, int flags)
     {
         std::string all;
-        ifi *const first = get_ifi_info(fd, flags);
-        for (const ifi *at = first; at; at = at->next)
+        const unique_ifi first = get_ifi_info(fd, flags);
+        for (const ifi *at = first.get(); at; at = at->next)
             all += at->name + (" " + text_of(at->addr)) + "/" + text_of(at->netmask) + " brd " +
                    text_of(at->broadaddr) + " peer " + text_of(at->dstaddr) + "\n";
-        free_ifi_info(first);
         return all;
     }
     static std::string list_of_ip(int flags)
     {
         std::string script = R"_(ip -json -4 addr show up | grep -oE '"local":[^}]*"label":"[^"]*"' | sed -E '
-            s#"local":"([^"]+)",("address":"([^"]+)",)?"prefixlen":([0-9]+),("broadcast":"([^"]+)",)?.*"label":"(.*)"#\7 \1/\4 brd \6 peer \3#
-            s#/8 #/255.0.0.0 #; s#/16 #/255.255.0.0 #; s#/24 #/255.255.255.0 #; s#/25 #/255.255.255.128 #; s#/32 #/255.255.255.255 #)_";
+            s#"local":"([^"]+)",("address":"([^"]+)",)?"prefixlen":([0-9]+)(.*)#\1/\4 peer \3 \5#
+            s#(.*) (peer [^ ]*) ,("broadcast":"([^"]+)",)?.*"label":"(.*)"#\5 \1 brd \4 \2#
+            s#/8 #/255.0.0.0 #; s#/16 #/255.255.0.0 #; s#/24 #/255.255.255.0 #
+            s#/25 #/255.255.255.128 #; s#/32 #/255.255.255.255 #)_";
         for (const char *cut : {"/:/d", "/^lo /d", "s/brd [^ ]+/brd /", "s/peer .+/peer /", "s|/[^ ]+|/|"})
             script += std::exchange(flags, flags >> 1) & 1 ? "" : "\n" + std::string(cut);
         return sh(script + "'");
@@ -44,17 +54,19 @@ struct interfaces_test : support::test {
 TEST_F(interfaces_test, scores)
 {
     std::istringstream rows(R"(
-        10.0.0.2 255.0.0.0 10.9.9.9 5     192.168.1.2 255.255.255.0 192.168.2.3 2     8.8.4.1 255.255.255.0 8.8.9.1 4
-        10.0.0.2 255.255.255.0 8.9.9.9 0     8.8.4.1 255.255.255.0 10.9.9.9 0     11.0.0.2 255.255.255.0 9.9.9.9 2
-        8.8.4.1 255.255.255.255 8.8.4.2 5     8.1.1.1 255.0.0.0 127.1.1.1 0     192.169.1.1 255.255.0.0 172.1.1.1 2)");
+        10.0.0.2 255.0.0.0 10.9.9.9 5   192.168.1.2 255.255.255.0 192.168.2.3 2
+        8.8.4.1 255.255.255.0 8.8.9.1 4   10.0.0.2 255.255.255.0 8.9.9.9 0
+        8.8.4.1 255.255.255.0 10.9.9.9 0   11.0.0.2 255.255.255.0 9.9.9.9 2
+        8.8.4.1 255.255.255.255 8.8.4.2 5   8.1.1.1 255.0.0.0 127.1.1.1 0
+        192.169.1.1 255.255.0.0 172.1.1.1 2)");
     for (std::string own, mask, dest, score; rows >> own >> mask >> dest >> score;) {
-        const address from(own), of(mask), to(dest);
-        const ifi record = {"", 0, from.any, of.any, nullptr, nullptr, nullptr};
-        EXPECT_EQ(std::to_string(ifi_dest_match(&record, to.any)), score) << own;
+        const ifi record = {"", 0, endpoint(own), endpoint(mask), nullptr, nullptr, nullptr};
+        EXPECT_EQ(std::to_string(ifi_dest_match(&record, address(dest).any)), score) << own;
     }
-    const address own("10.0.0.2"), mask("255.0.0.0"), all("10.0.0.3"), peer("10.0.0.4");
     sockaddr local = {AF_UNIX, {}};
-    ifi record = {"t0", 0, own.any, mask.any, all.any, peer.any, nullptr};
+    ifi record = {
+        "t0",   0, endpoint("10.0.0.2"), endpoint("255.0.0.0"), endpoint("10.0.0.3"), endpoint("10.0.0.4"),
+        nullptr};
     record.flags = IFF_UP | IFF_BROADCAST | IFF_MULTICAST | IFF_LOOPBACK | IFF_POINTOPOINT;
     EXPECT_EQ(ifi_dest_match(&record, &local), -1);
     EXPECT_TRUE(log.has("matching interface: 10.0.0.2(2) not the same family(1)\n"));
@@ -64,7 +76,7 @@ TEST_F(interfaces_test, scores)
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "t0: < UP BCAST MCAST LOOP P2P >\n\tIP addr: 10.0.0.2\n\tBroadcast addr: 10.0.0.3\n"
               "\tDestination addr: 10.0.0.4\n\tSubnet mask: 255.0.0.0\n");
-    record.addr = &local;
+    record.addr->in.sin_family = AF_UNIX;
     EXPECT_EQ(ifi_dest_match(&record, &local), 0);
 }
 
@@ -73,10 +85,12 @@ TEST_F(interfaces_test, route_tables_that_are_fed)
     // Of wide and lan, or far and more, the kernel would take the longer mask. Numbers are stored as on the
     // wire.
     std::string cases = R"(
-        lan Iface|far_0_5_0_0_0_0_0|lan_201_0_0_0_0_0_FFFF|    lan lan_201_0_0_0_0_0_FFFF|far_0_5_0_0_0_0_0     matching Iface
-        wide wide_1_0_0_0_0_0_FF|lan_201_0_0_0_0_0_FFFF        far far_0_5_0_0_0_0_0|more_201_6_0_0_0_0_FFFF    matching x_301_0_0_0_0_0_FFFF
-        less far_0_5_0_0_0_0_0|less_201_4_0_0_0_0_FFFF         more more_201_6_0_0_0_0_FFFF|wide_1_0_0_0_0_0_FF junk Iface|x_0_0g_0_0_0_0_0
-        less less_201_4_0_0_0_0_FFFF|lan_201_0_0_0_0_0_FFFF    junk far_0_5_0_0_0_0_0||    junk x_0_1FFFFFFFF_0_0_0_0_0    junk )";
+        lan Iface|far_0_5_0_0_0_0_0|lan_201_0_0_0_0_0_FFFF|     lan lan_201_0_0_0_0_0_FFFF|far_0_5_0_0_0_0_0
+        wide wide_1_0_0_0_0_0_FF|lan_201_0_0_0_0_0_FFFF         far far_0_5_0_0_0_0_0|more_201_6_0_0_0_0_FFFF
+        less far_0_5_0_0_0_0_0|less_201_4_0_0_0_0_FFFF     more more_201_6_0_0_0_0_FFFF|wide_1_0_0_0_0_0_FF
+        less less_201_4_0_0_0_0_FFFF|lan_201_0_0_0_0_0_FFFF    junk far_0_5_0_0_0_0_0||
+        matching Iface  matching x_301_0_0_0_0_0_FFFF  junk Iface|x_0_0g_0_0_0_0_0
+        junk x_0_1FFFFFFFF_0_0_0_0_0    junk )";
     cases += std::string(300, 'x') + "_0_0_0_0_0_0_0";
     for (const size_t cut : {2, 4, 5, 8, 9, 10, 19})
         cases += " junk far_0_5_0_0_0_0_0" + std::string("|lan_201_0_0_0_0_0_", cut);
@@ -98,17 +112,21 @@ const char network[] =
     R"(set -e; ip link set lo up; for i in 0 1 2; do ip link add v$i type veth peer name w$i
     ip link set v$i up; ip link set w$i up; ip addr add 10.7.$i.1/24 brd + dev v$i; done
     ip addr add 10.2.0.1/16 brd + dev v0 label v0:1; ip addr add 10.3.0.1/25 dev v0
-    ip addr add 10.7.0.2/24 brd + dev v0; ip r add default via 10.7.1.9; ip r add 10.6.0.0/24 dev w2; ip r add blackhole 10.5/16
-    [ ! -w /dev/net/tun ] || { ip tuntap add t1 mode tun; ip addr add 10.8.0.1/24 dev t1; ip tuntap add t0 mode tun
+    ip addr add 10.7.0.2/24 brd + dev v0; ip r add default via 10.7.1.9
+    ip r add 10.6.0.0/24 dev w2; ip r add blackhole 10.5/16
+    [ ! -w /dev/net/tun ] || { ip tuntap add t1 mode tun; ip addr add 10.8.0.1/24 dev t1
+    ip tuntap add t0 mode tun
     ip addr add 10.9.0.1 peer 10.9.0.2 dev t0; ip link set t0 up; } # not everybody may make them)";
 
 TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
 {
     // The address a socket is bound to, USE_INTERFACE, the destination, the address, what is logged.
     std::istringstream rows(R"(
-        10.7.0.1:77 v1 1.2.3.4 10.7.0.1:77 -   0.0.0.0:77 v0 1.2.3.4 10.7.0.1:77 port=77   - v0 1.2.3.4 10.7.0.1 sockport:
-        - w2 - - requested  0.0.0.0:7 - 10.7.2.5:9 10.7.2.1:7 -  0.0.0.0:78 - - 10.7.1.1:78 -   - - 10.6.0.1 - FAILED
-        - - 10.5.0.1 - FAILED   - nosuch - - name:   0.0.0.0:1 v0 1.2.3.4 10.7.0.1:1 port=1)");
+        10.7.0.1:77 v1 1.2.3.4 10.7.0.1:77 -    0.0.0.0:77 v0 1.2.3.4 10.7.0.1:77 port=77
+        - v0 1.2.3.4 10.7.0.1 sockport:         - w2 - - requested
+        0.0.0.0:7 - 10.7.2.5:9 10.7.2.1:7 -     0.0.0.0:78 - - 10.7.1.1:78 -
+        - - 10.6.0.1 - FAILED                   - - 10.5.0.1 - FAILED
+        - nosuch - - name:                      0.0.0.0:1 v0 1.2.3.4 10.7.0.1:1 port=1)");
     if (access("/dev/net/tun", W_OK) < 0)
         puts("[   NOTE   ] without /dev/net/tun no interface has a peer");
     if (system("unshare -n true 2>/dev/null || unshare -rn true") != 0)
@@ -132,15 +150,16 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
                     given.len = 99;
                     const int done = getsockifaddr(fd, given.any, &given.len);
                     const bool spoilt = end_failing() && done < 0 && log.has("FAILED: getsockifaddr");
-                    EXPECT_EQ(done < 0 ? "-" : text_of(given.any), spoilt ? "-" : result) << dest;
+                    EXPECT_EQ(done < 0 ? "-" : sockaddr_ntop(given.any, 0), spoilt ? "-" : result) << dest;
                     EXPECT_EQ(given.len, done < 0 ? 99U : 16U);
                     EXPECT_TRUE(spoilt || said == "-" || log.has(said)) << log.text();
-                    return !spoilt && (done < 0 ? "-" : text_of(given.any)) == result;
+                    return !spoilt && (done < 0 ? "-" : sockaddr_ntop(given.any, 0)) == result;
                 },
                 ALLOC); // of a list, one that comes behind the right one
             EXPECT_EQ(list(fd, 0).size() < 40, own[0] == '1') << "of a bound one, only its own";
             address narrow(dest);
-            narrow.len = 15, log.clear();
+            narrow.len = 15;
+            log.clear();
             EXPECT_EQ(getsockifaddr(fd, narrow.any, &narrow.len), -1);
             EXPECT_TRUE(narrow.len == 15 && sockaddr_cmp(narrow.any, address(dest).any) == 0) << dest;
             EXPECT_TRUE(log.has("FAILED: getsockifaddr"));
@@ -167,13 +186,15 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
                 << "back from each";
         for (const auto &[call, nth, said] :
              {std::tuple(SETSOCKOPT, 1, "SYSERROR"), {ALLOC, 1, "FAILED"}, {SENDTO, 2, "SYSERROR"}}) {
-            log.clear(), fail_call(call, nth);
+            log.clear();
+            fail_call(call, nth);
             EXPECT_TRUE(broadcast(all, "", 0, 0, 7000) == -1 && end_failing() &&
                         log.has(std::string(said) + ": broadcast"))
                 << said;
         }
         const char many[] = R"(for i in $(seq 150); do echo "link add x$i type veth peer name y$i
-            link set x$i up\nlink set y$i up\naddr add 10.40.$i.1/24 dev x$i\naddr add 10.41.$i.1/25 dev y$i"; done | ip -batch -)";
+            link set x$i up\nlink set y$i up\naddr add 10.40.$i.1/24 dev x$i
+            addr add 10.41.$i.1/25 dev y$i"; done | ip -batch -)";
         EXPECT_EQ(sh(many), "");
         EXPECT_EQ(list(any, 31), list_of_ip(31));
     });

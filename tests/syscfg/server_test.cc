@@ -368,7 +368,7 @@ TEST_F(syscfg_test, computed_variables)
         /x | | nosuch_ip | none | _ip | none | abcdefghijklmnopq_ip | none | lo_ipx | none | | none | eth0 | none
         /proc/net/route | Iface D G\n eth0 0001A8C0 0 1 0 0 0 FFFFFF\n | default_route | none
         /proc/net/route | Iface D G\n e 1 0 1 0 0 0 0\n x\n w 0 FE01A8C0 3 0 0 0 0\n p 0 1 3 0 0 0 0\n | default_route | 192.168.1.254
-        /proc/net/route | w 00000000 FE01A8C0 3 0 0 0 0 0 0\n | default_route | 192.168.1.254
+        /proc/net/route | y 0 7 3 0 z 0 0\n w 00000000 FE01A8C0 3 0 0 0 0 0 0\n | default_route | 192.168.1.254
         /usr/etc/VERSION | VERSION=1.2.3 \nx=9\n | version | 1.2.3.00
         /usr/etc/PATCH   | PATCH=05 | version | 1.2.3.05
         /usr/etc/VERSION | PRODUCT=77777777777777777777777777777777 | version | 77777777777777777777.05

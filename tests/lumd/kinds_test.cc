@@ -240,9 +240,10 @@ TEST_F(kinds, reboot)
         _exit(HasFailure());
     };
     const std::string begin =
-        "=> service watchdog;exec watchdog;service r;exec reboot;syscfg A => start watchdog > 0 open / ";
+        "=> service watchdog;exec watchdog;service r;exec reboot;syscfg A;service d;depends r => "
+        "start watchdog > 0 open / ";
     support::isolated([&] {
-        play_all("script " + begin + R"(wait 100 / start r > reboot / start r > reboot / wait 1990
+        play_all("script " + begin + R"(wait 100 / start d > reboot, start d / start r > reboot / wait 1990
   > Rebooting, 500 feed, 1000 feed, 1100 stop, 1100 close, 1000 0xa010 1, 1100 close / halt r / set A=1 / stop r / wait 990 > Rebooting
   / put go / log FAILED: sig_handler() / wait 1000 > came back)");
     });

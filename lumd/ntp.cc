@@ -5,6 +5,7 @@
 #include "lumd/kinds.h"
 #include "net/net.h"
 #include "net/resolver.h"
+#include "net/wire.h"
 #include "syscfg/client.h"
 
 #include <algorithm>
@@ -319,7 +320,7 @@ int ntp_start(ntp_svcent *entry, int argc, char *const *argv, const svcfg *)
     }
     entry->sock = std::move(sock);
     entry->tries = 0;
-    _resolver_init();
+    static_cast<void>(_resolver_init()); // logged; a query tries again
     begin_try(entry);
     return 0;
 }
@@ -346,7 +347,6 @@ svcent *create_ntp_svcent(service_info *slot, const char *name)
     if (!entry)
         return nullptr;
     entry->interval = usual_interval_s;
-    entry->resolver.sock = -1;
-    _resolver_init();
+    static_cast<void>(_resolver_init()); // logged; each start tries again
     return entry;
 }

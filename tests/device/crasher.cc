@@ -33,7 +33,8 @@ struct nested {
     static void on_writable(void *, int, int, app_fd_handler *) { ++runs > 2 ? app_quit(7) : middle(); }
     static void on_timer(void *)
     {
-        app_add_fd(STDOUT_FILENO, POLLOUT, nullptr, on_writable);
+        if (app_add_fd(STDOUT_FILENO, POLLOUT, nullptr, on_writable) < 0)
+            return 1;
         app_poll_once();
         app_remove_fd(STDOUT_FILENO, nullptr, on_writable);
         timer_call_later(1, nullptr, on_timer);

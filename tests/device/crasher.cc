@@ -34,7 +34,7 @@ struct nested {
     static void on_timer(void *)
     {
         if (app_add_fd(STDOUT_FILENO, POLLOUT, nullptr, on_writable) < 0)
-            return 1;
+            abort();
         app_poll_once();
         app_remove_fd(STDOUT_FILENO, nullptr, on_writable);
         timer_call_later(1, nullptr, on_timer);

@@ -36,7 +36,7 @@ int read_seconds(std::string_view text)
     return value;
 }
 
-void complain(const char *format, va_list args)
+__attribute__((format(printf, 1, 0))) void complain(const char *format, va_list args)
 {
     char text[512];
     vsnprintf(text, sizeof text, format, args);

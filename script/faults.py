@@ -115,8 +115,9 @@ class Source:
     def is_declared(self, i):
         """Whether i is the name that a declaration makes: its type stands before it."""
         before = self.tokens[i - 1]
-        is_type = before["name"] and before[0] not in KEYWORDS or before[0] in ">*&" and not self.is_spaced(i - 1)
-        return self.tokens[i]["name"] and is_type
+        if before["name"]:
+            return self.tokens[i]["name"] and before[0] not in KEYWORDS
+        return self.tokens[i]["name"] and before[0] in ">*&" and not self.is_spaced(i - 1)
 
     def number(self, i):
         digits, suffix = re.fullmatch(r"(0[xX][\da-fA-F']+|[\d']+)(.*)", self.words[i]).groups()

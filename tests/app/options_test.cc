@@ -140,7 +140,9 @@ TEST_F(options_test, the_command_line_wins_over_home_home_over_etc_and_etc_over_
                {{"-v"}, "v=[] ", "", "", "T_VERBOSE=x"}, {{"-m"}, "m=:2 ", "", "", "T_MANY="}, {{}, "T=[a]^ ", "", "texts=a", "T_TEXTS=b"},
                {{"-c", other}, "n=[8]:8! t=[4]! c=[" + other + "] ", "text=2", "text=3", "T_TEXT=4"},
                {{"-c", piped}, "n=[9]:9! c=[" + piped + "] ", "text=2", "text=3"}, {{"-c", "/etc"}, "c=[/etc] ", "text=2", "text=3"},
-               {{}, "t=[2]! c=[/] ", "text=2", "", "T_CONFIG=/"}, {{}, "t=[3]! ", "text=2", "text=3", "HOME"}, {{}, "t=[2]! ", "text=2", "", home(120)},
+               {{}, "t=[2]! c=[/] ", "text=2", "", "T_CONFIG=/"},
+               {{}, "t=[3]! ", "text=2", "text=3", "HOME"},
+               {{}, "t=[2]! ", "text=2", "", home(120)},
                {{}, "t=[3]! ", "text=2", "text=3", home(121)}});
 }
 

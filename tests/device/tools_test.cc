@@ -118,7 +118,10 @@ TEST_F(tools, verbs_and_exit_statuses)
     expect(": >/tmp/w; syscfg watch N* >/tmp/w 2>&1 & until grep -q watching /tmp/w; do usleep 9000; done; "
            "syscfg set NOTE=w; until grep w$ /tmp/w; do usleep 9000; done; kill $! | 0 | NOTE=w");
     EXPECT_NE(read_file(running_lumd::log_path).find("HOSTNAME=x\n"), std::string::npos) << "applied";
-    // Silent, and then gone.
+}
+
+TEST_F(tools, a_daemon_that_is_silent_and_then_gone)
+{
     kill(lumd.pid, SIGSTOP);
     expect(R"_(
         syscfg -t 1 get MODEL | 5 | - | no answer in time

@@ -173,7 +173,8 @@ again => service n;exec ntp -h time.lan -h @(NONE -c 1 => start n > 0 1 time.lan
   / start n > 6000 1 time.lan 600 0 / wait 4900 > 6000 ask time.lan / wait 200 > 11000 ask time.lan
 late => service n;exec ntp -h 127.0.0.1 => start n > 0 0 127.0.0.1 600 0 / halt n / wait 9999 / start n > 9999 0 127.0.0.1 600 0
   / wait 10 > 9999 ask 127.0.0.1 / halt n / answer 48 1 / halt n / wait 9999 / start n > 20008 0 127.0.0.1 600 0 / stop n / wait 9999
-a start reads the servers => service n;exec ntp -h time.lan => mode unknown / servers 127.0.0.2 / start n > 0 0 time.lan 600 0, 0 query time.lan 127.0.0.2
+a start reads the servers => service n;exec ntp -h time.lan => mode unknown / servers 127.0.0.2
+  / start n > 0 0 time.lan 600 0, 0 query time.lan 127.0.0.2
   / halt n / servers 127.0.0.3 / start n > 0 0 time.lan 600 0, 0 query time.lan 127.0.0.3
 )");
 }

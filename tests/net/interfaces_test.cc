@@ -49,6 +49,35 @@ struct interfaces_test : support::test {
             script += std::exchange(flags, flags >> 1) & 1 ? "" : "\n" + std::string(cut);
         return sh(script + "'");
     }
+
+    void check_other_sockets()
+    {
+        for (const auto &[fd, told] : {std::pair(socket(AF_UNIX, SOCK_DGRAM, 0), false),
+                                       {socket(AF_INET6, SOCK_DGRAM, 0), false},
+                                       {-1, true}}) {
+            address given("1.2.3.4");
+            log.clear();
+            EXPECT_EQ(getsockifaddr(fd, given.any, &given.len), -1);
+            EXPECT_EQ(log.has("FAILED: getsockifaddr"), told);
+        }
+    }
+
+    void check_broadcasts()
+    {
+        const int all = udp_bind(-1, address("0.0.0.0:7000").any, 16);
+        EXPECT_EQ(broadcast(all, "hi", 2, 0, 7000), 2);
+        for (const int result : {POLLIN + 2, POLLIN + 2, POLLIN + 2, POLLIN + 2, -1})
+            EXPECT_EQ(poll_fd(all, POLLIN, 100) + recv(all, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC), result)
+                << "back from each";
+        for (const auto &[call, nth, said] :
+             {std::tuple(SETSOCKOPT, 1, "SYSERROR"), {ALLOC, 1, "FAILED"}, {SENDTO, 2, "SYSERROR"}}) {
+            log.clear();
+            fail_call(call, nth);
+            EXPECT_TRUE(broadcast(all, "", 0, 0, 7000) == -1 && end_failing() &&
+                        log.has(std::string(said) + ": broadcast"))
+                << said;
+        }
+    }
 };
 
 TEST_F(interfaces_test, scores)
@@ -164,14 +193,7 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
             EXPECT_TRUE(narrow.len == 15 && sockaddr_cmp(narrow.any, address(dest).any) == 0) << dest;
             EXPECT_TRUE(log.has("FAILED: getsockifaddr"));
         }
-        for (const auto &[fd, told] : {std::pair(socket(AF_UNIX, SOCK_DGRAM, 0), false),
-                                       {socket(AF_INET6, SOCK_DGRAM, 0), false},
-                                       {-1, true}}) {
-            address given("1.2.3.4");
-            log.clear();
-            EXPECT_EQ(getsockifaddr(fd, given.any, &given.len), -1);
-            EXPECT_EQ(log.has("FAILED: getsockifaddr"), told);
-        }
+        check_other_sockets();
         for (int flags = 0; flags < 32; ++flags)
             EXPECT_EQ(list(any, flags), list_of_ip(flags)) << flags;
         for_each_failure(ALLOC, [&, whole = list(any, 31)] {
@@ -179,19 +201,7 @@ TEST_F(interfaces_test, addresses_of_interfaces_and_sockets)
             EXPECT_TRUE(whole.starts_with(some));
             return some == whole;
         });
-        const int all = udp_bind(-1, address("0.0.0.0:7000").any, 16);
-        EXPECT_EQ(broadcast(all, "hi", 2, 0, 7000), 2);
-        for (const int result : {POLLIN + 2, POLLIN + 2, POLLIN + 2, POLLIN + 2, -1})
-            EXPECT_EQ(poll_fd(all, POLLIN, 100) + recv(all, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC), result)
-                << "back from each";
-        for (const auto &[call, nth, said] :
-             {std::tuple(SETSOCKOPT, 1, "SYSERROR"), {ALLOC, 1, "FAILED"}, {SENDTO, 2, "SYSERROR"}}) {
-            log.clear();
-            fail_call(call, nth);
-            EXPECT_TRUE(broadcast(all, "", 0, 0, 7000) == -1 && end_failing() &&
-                        log.has(std::string(said) + ": broadcast"))
-                << said;
-        }
+        check_broadcasts();
         const char many[] = R"(for i in $(seq 150); do echo "link add x$i type veth peer name y$i
             link set x$i up\nlink set y$i up\naddr add 10.40.$i.1/24 dev x$i
             addr add 10.41.$i.1/25 dev y$i"; done | ip -batch -)";

@@ -5,6 +5,7 @@
 #include "app/memory.h"
 #include "app/text.h"
 #include "lumd/child.h"
+#include "lumd/exit_record.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -86,17 +87,6 @@ void sig_handler(int)
     const int saved = errno;
     reap_children(__func__);
     errno = saved;
-}
-
-void write_exit_record(const char *name, const char *format, int value)
-{
-    char path[64];
-    snprintf(path, sizeof path, "/tmp/log/%s.svc.log", name);
-    const unique_fd fd(open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK));
-    char line[64];
-    const int length = snprintf(line, sizeof line, "%s %d\n", format, value);
-    if (fd && write(fd.get(), line, static_cast<size_t>(length)) != length)
-        log_syserror(LOG_HERE);
 }
 
 // Logs and records how the child ended. Its exit code, or -1 for a signal.

@@ -1,7 +1,10 @@
 #include "tests/lumd/fixture.h"
 
 #include <filesystem>
+#include <functional>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -44,6 +47,34 @@ TEST_F(process_kind, ends_are_recorded_where_a_record_exists)
     support::write_file("/tmp/log/unkept.svc.log", "");
     play("start unkept / ends unkept");
     EXPECT_EQ(support::read_file("/tmp/log/unkept.svc.log"), "kill by signal 9\n");
+}
+
+// What a stranger can prepare in /tmp leads to no other file.
+TEST_F(process_kind, an_end_is_recorded_in_no_file_behind_a_link)
+{
+    namespace fs = std::filesystem;
+    load("service kept;exec -seven");
+    const fs::path dir = support::device_path("/tmp/log"), record = dir / "kept.svc.log";
+    const fs::path elsewhere = support::device_path("/tmp/elsewhere"), passwd = elsewhere / "kept.svc.log";
+    const std::function<void()> traps[] = {
+        [&] { fs::create_directory_symlink(elsewhere, dir); },
+        [&] { fs::create_directory(dir), fs::create_symlink(passwd, record); },
+        [&] { fs::create_directory(dir), fs::create_hard_link(passwd, record); },
+        [&] { fs::create_directory(dir), mkfifo(record.c_str(), 0666); },
+    };
+    for (const auto &set_trap : traps) {
+        support::write_file("/tmp/elsewhere/kept.svc.log", "");
+        set_trap();
+        play("start kept / ends kept");
+        EXPECT_EQ(support::read_file("/tmp/elsewhere/kept.svc.log"), "");
+        fs::remove_all(dir);
+    }
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can give a directory away";
+    support::write_file("/tmp/log/kept.svc.log", "");
+    ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
+    play("start kept / ends kept");
+    EXPECT_EQ(support::read_file("/tmp/log/kept.svc.log"), "") << "its directory is a stranger's";
 }
 
 TEST_F(process_kind, signal_specs)

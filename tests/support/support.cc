@@ -328,7 +328,7 @@ test::test()
     poll_timeouts.clear();
     device_io.clear();
     device_prefixes = {"/etc/",      "/usr/etc/",           "/dev/mtdblock/", "/dev/watchdog", "/dev/gpio",
-                       "/proc/net/", "/tmp/.syscfg-server", "/tmp/svcctl",    "/tmp/log/"};
+                       "/proc/net/", "/tmp/.syscfg-server", "/tmp/svcctl",    "/tmp/log"};
     char name[] = "/tmp/device.XXXXXX";
     device_root = mkdtemp(name);
     setenv("BOARD_DIR", device_path("/board").c_str(), 1);

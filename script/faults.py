@@ -1,7 +1,7 @@
-"""Small faults in C++ as this repository formats it: what script/mutate tries, one at a time.
+"""Small faults for script/mutate, in C++ as this repository formats it.
 
-Only what runs has any: bodies of functions, and the initial values in source files. Comments, literals,
-declarations, enumerations and assertions of the compiler have none.
+They are made in function bodies and in the initial values of source files, never in comments, string
+literals, declarations, enumerations or static assertions.
 """
 
 import dataclasses
@@ -15,7 +15,7 @@ TOKEN = re.compile(
     r"|(?P<number>\d[\w.']*)"
     r"|->|::|<=>|<<=|>>=|[-+*/%&|^=!<>]=|&&|\|\||\+\+|--|<<|>>|\S", re.M | re.S)
 
-# Only where they stand between spaces: a template's brackets and a pointer's star do not.
+# Only between spaces: so brackets of templates and stars of pointers are left alone.
 OPERATORS = {
     "<": "<= >=", "<=": "< >", ">": ">= <=", ">=": "> <", "==": "!=", "!=": "==", "&&": "||", "||": "&&",
     "+": "-", "-": "+", "*": "/", "/": "*", "%": "*", "&": "|", "|": "&", "^": "|", "<<": ">>", ">>": "<<",
@@ -38,7 +38,7 @@ class Fault:
         return not where or re.match(re.escape(where) + "[/:]", f"{self.file}:{self.line}:")
 
     def place_in(self, order):
-        """Of all faults there could be, so that it does not depend on the others there are."""
+        """Sort key; it depends on this fault alone, so other code may change without changing the order."""
         return hashlib.sha256(f"{order} {self.file} {self.old} {self.new} {self.line}".encode()).digest()
 
 
@@ -57,7 +57,7 @@ class Source:
         self.declarations(0, len(self.tokens))
 
     def add(self, first, last, new):
-        """The tokens from first to last become new. Every line keeps its number."""
+        """Replaces the tokens first to last; lines keep their numbers."""
         start, end = self.tokens[first].start(), self.tokens[last].end()
         new += "\n" * (self.text.count("\n", start, end) - new.count("\n"))
         begin, rest = self.text.rfind("\n", 0, start) + 1, self.text.find("\n", end)
@@ -66,7 +66,7 @@ class Source:
                                  " ".join(new_lines.split()), self.text[:start] + new + self.text[end:]))
 
     def declarations(self, i, end):
-        """Of a file, a namespace or a record, from token i to end."""
+        """Walks tokens i to end of a file, a namespace or a record."""
         first = i
         while i < end:
             word = self.words[i]
@@ -113,7 +113,7 @@ class Source:
         return self.text[start - 1] in " \n" and self.text[end] in " \n"
 
     def is_declared(self, i):
-        """Whether i is the name that a declaration makes: its type stands before it."""
+        """Whether i is a name being declared: its type stands before it."""
         before = self.tokens[i - 1]
         if before["name"]:
             return self.tokens[i]["name"] and before[0] not in KEYWORDS
@@ -123,7 +123,7 @@ class Source:
         digits, suffix = re.fullmatch(r"(0[xX][\da-fA-F']+|[\d']+)(.*)", self.words[i]).groups()
         before, after = self.words[i - 1], self.words[i + 1]
         is_result = after == ";" and (before == "return" or before == "-" and self.words[i - 2] == "return")
-        if "." in suffix or after == ">" or is_result and digits in "01":  # results are faults of statements
+        if "." in suffix or after == ">" or is_result and digits in "01":  # statements() swaps 0 and -1
             return
         base, form = 10, "{}"
         if digits[0] == "0" and len(digits) > 1:
@@ -133,12 +133,12 @@ class Source:
             self.add(i, i, form.format(other) + suffix)
 
     def condition(self, first, last):
-        """The other way round, when none of its parts can be."""
+        """Negates a condition that has no part that can be changed."""
         if not {"=", ";", "!", "&&", "||", "==", "!=", "<", "<=", ">", ">="} & set(self.words[first:last]):
             self.add(first, last, f"(!{self.text[self.tokens[first].start():self.tokens[last].end()]})")
 
     def statements(self, i, end):
-        """Those that are left out, and results that are another."""
+        """Leaves statements out, and swaps the results 0 and -1."""
         while i < end:
             stop = self.end_of_statement(i, end) if self.begins_statement(i) else None
             if stop and self.words[i] == "return":
@@ -164,7 +164,7 @@ class Source:
         return i if i < end and self.words[i] == ";" else None
 
     def is_action(self, i):
-        """A call, an assignment or a step, and no declaration."""
+        """Whether a call, an assignment or an increment begins here, rather than a declaration."""
         while self.words[i] in ("++", "--", "*"):
             i += 1
         while self.tokens[i]["name"] and self.words[i + 1] == "::":

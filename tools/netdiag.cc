@@ -18,15 +18,13 @@ namespace {
 
 constexpr char usage[] =
     "usage: netdiag interfaces                 the IPv4 addresses of the interfaces that are up\n"
-    "       netdiag route ADDRESS              the interface towards it, and the address it is reached from\n"
-    "       netdiag outside [ADDRESS]          our address as others see it: by echo, else by trace to "
-    "ADDRESS\n"
+    "       netdiag route ADDRESS              the interface towards it, and that interface's address\n"
+    "       netdiag outside [ADDRESS]          our address as seen from outside: by echo, else by trace\n"
     "       netdiag outside echo [SERVER]      by asking an echo server, ADDRESS or ADDRESS:PORT\n"
-    "       netdiag outside trace ADDRESS      by asking the routers on the way there; takes the rights of "
-    "root\n"
-    "options: --json      one object or array instead of lines\n"
-    "         -q          say nothing on standard error\n"
-    "Exit status: 0 done, 1 no such route or not to be had, 2 usage, 5 no answer in time.\n";
+    "       netdiag outside trace ADDRESS      by asking the routers on the way to it; needs root\n"
+    "options: --json      print a JSON object or array instead of lines\n"
+    "         -q          write nothing to standard error\n"
+    "Exit status: 0 done, 1 no route or not found, 2 usage, 5 timed out.\n";
 
 constexpr int same_network = 5; // of ifi_dest_match
 

@@ -23,11 +23,11 @@ constexpr long retry_ms = 5;
 // What was stopped gets its signal at once and is not waited for: the time that its successor leaves it.
 constexpr long restart_pause_ms = 1000;
 
-constexpr char usage[] =
-    "usage: svcctl start NAME... | stop NAME... | restart NAME...  [-q] [-t SECONDS]\n"
-    "Asks the daemon for it; whether it happens is in the daemon's log. -q: say nothing. -t: give up after\n"
-    "SECONDS (30) when the daemon does not take the request.\n"
-    "Exit status: 0 asked, 1 failed, 2 usage, 5 not taken in time, 6 no daemon.\n";
+constexpr char usage[] = "usage: svcctl start NAME... | stop NAME... | restart NAME...  [-q] [-t SECONDS]\n"
+                         "Writes the request to the daemon, which logs the outcome.\n"
+                         "options: -q          write nothing to standard error\n"
+                         "         -t SECONDS  how long to wait for the daemon to read (30)\n"
+                         "Exit status: 0 written, 1 failed, 2 usage, 5 timed out, 6 no daemon.\n";
 
 struct names {
     char **first;

@@ -20,18 +20,17 @@
 namespace {
 
 constexpr char usage[] =
-    "usage: syscfg get NAME[%OPTION]...             values, one a line\n"
+    "usage: syscfg get NAME[%OPTION]...             print values, one a line\n"
     "       syscfg set NAME=VALUE... [--apply | --save]\n"
-    "       syscfg list [PATTERN] [--json]          lines that set understands\n"
-    "       syscfg wait NAME=VALUE                  until it has that value\n"
-    "       syscfg watch PATTERN                    changes as they happen\n"
-    "       syscfg apply [NAME...]                  tell the services what has changed\n"
-    "       syscfg save | reload | reset            write flash and apply; load again; back to the defaults\n"
-    "options: -q          say nothing on standard error\n"
-    "         -t SECONDS  wait so long for the daemon in all, watch for each round (30)\n"
-    "Exit status: 0 done, 1 failed, 2 usage, 3 no such variable, 4 refused, 5 no answer in time, 6 no "
-    "daemon,\n"
-    "7 the flash could not be read or written.\n";
+    "       syscfg list [PATTERN] [--json]          print lines that set accepts\n"
+    "       syscfg wait NAME=VALUE                  wait until it has that value\n"
+    "       syscfg watch PATTERN                    print changes as they happen\n"
+    "       syscfg apply [NAME...]                  notify the services of changes\n"
+    "       syscfg save | reload | reset            write flash and apply; load again; restore defaults\n"
+    "options: -q          write nothing to standard error\n"
+    "         -t SECONDS  how long to wait for the daemon in all; for watch, in each round (30)\n"
+    "Exit status: 0 done, 1 failed, 2 usage, 3 no such variable, 4 refused, 5 timed out, 6 no daemon,\n"
+    "7 flash or the daemon's files failed.\n";
 
 constexpr size_t longest_request = 1024;
 constexpr size_t longest_name = 32;

@@ -1,4 +1,4 @@
-// The commands, the library and the completion as people, programs and shells of the device use them.
+// The commands, the library and the completion, used as people, programs and shells on the device do.
 #include "net/net.h"
 #include "tests/device/under_test.h"
 
@@ -24,7 +24,7 @@ outcome run(const std::string &command)
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out, read_file("/tmp/stderr")};
 }
 
-// Rows of "command | status | standard output, blanks for line ends, - for none | part of standard error".
+// Rows: command | status | standard output, with blanks for line ends, - for none | part of standard error
 void expect(const std::string &table)
 {
     std::istringstream rows(table);
@@ -118,7 +118,7 @@ TEST_F(tools, verbs_and_exit_statuses)
     expect(": >/tmp/w; syscfg watch N* >/tmp/w 2>&1 & until grep -q watching /tmp/w; do usleep 9000; done; "
            "syscfg set NOTE=w; until grep w$ /tmp/w; do usleep 9000; done; kill $! | 0 | NOTE=w");
     EXPECT_NE(read_file(running_lumd::log_path).find("HOSTNAME=x\n"), std::string::npos) << "applied";
-    // Silent, and then gone.
+    // First the daemon is silent, then gone.
     kill(lumd.pid, SIGSTOP);
     expect(R"_(
         syscfg -t 1 get MODEL | 5 | - | no answer in time
@@ -160,7 +160,7 @@ TEST_F(tools, services)
     EXPECT_TRUE(eventually([&] { return syslog() > 0 && syslog() != old; }));
     expect("svcctl stop syslog | 0");
     EXPECT_TRUE(eventually([&] { return syslog() == 0; }));
-    // However many ask at once, and for however many, the daemon sees whole names.
+    // The daemon sees whole names, however many tools and names there are.
     EXPECT_EQ(run("for i in 1 2 3 4; do svcctl start $(seq ${i}001 ${i}090) & done; wait").status, 0);
     const std::string count = "grep -c '^start service: [1-4]0[0-9][0-9]$' /tmp/lumd.log";
     EXPECT_TRUE(eventually([&] { return run(count).out == "360\n"; })) << run(count).out;
@@ -168,7 +168,7 @@ TEST_F(tools, services)
 
 TEST_F(tools, completion)
 {
-    std::filesystem::remove("/dev/fd"); // not every device has one
+    std::filesystem::remove("/dev/fd"); // not every device has it
     write_file("/tmp/complete",
                "bash -c '. completion.bash; COMP_WORDS=(\"$@\") COMP_CWORD=$(($# - 1)); _$1; "
                "echo ${COMPREPLY[*]}' bash \"$@\"");

@@ -1,7 +1,7 @@
 """Small faults in C++ as this repository formats it: what script/mutate tries, one at a time.
 
-Only what runs has any: bodies of functions, and the initial values in source files. Comments, literals,
-declarations, enumerations and assertions of the compiler have none.
+Only code that runs gets faults: bodies of functions, and initial values in source files. Comments, literals,
+declarations, enumerations and static assertions get none.
 """
 
 import dataclasses
@@ -15,7 +15,7 @@ TOKEN = re.compile(
     r"|(?P<number>\d[\w.']*)"
     r"|->|::|<=>|<<=|>>=|[-+*/%&|^=!<>]=|&&|\|\||\+\+|--|<<|>>|\S", re.M | re.S)
 
-# Only where they stand between spaces: a template's brackets and a pointer's star do not.
+# Only between spaces, which excludes a template's brackets and a pointer's star.
 OPERATORS = {
     "<": "<= >=", "<=": "< >", ">": ">= <=", ">=": "> <", "==": "!=", "!=": "==", "&&": "||", "||": "&&",
     "+": "-", "-": "+", "*": "/", "/": "*", "%": "*", "&": "|", "|": "&", "^": "|", "<<": ">>", ">>": "<<",
@@ -30,15 +30,15 @@ LEFT_OUT = "(void)0;"
 class Fault:
     file: str
     line: int
-    old: str  # the lines that it changes, as one
+    old: str  # the changed lines, joined
     new: str
-    text: str  # the whole file with it
+    text: str  # the whole file with the fault
 
-    def is_in(self, where):  # nothing, FOLDER, FILE or FILE:LINE
+    def is_in(self, where):  # empty, FOLDER, FILE or FILE:LINE
         return not where or re.match(re.escape(where) + "[/:]", f"{self.file}:{self.line}:")
 
     def place_in(self, order):
-        """Of all faults there could be, so that it does not depend on the others there are."""
+        """The sort key; independent of the other faults."""
         return hashlib.sha256(f"{order} {self.file} {self.old} {self.new} {self.line}".encode()).digest()
 
 
@@ -57,7 +57,7 @@ class Source:
         self.declarations(0, len(self.tokens))
 
     def add(self, first, last, new):
-        """The tokens from first to last become new. Every line keeps its number."""
+        """Replaces the tokens from first to last by new. Line numbers do not change."""
         start, end = self.tokens[first].start(), self.tokens[last].end()
         new += "\n" * (self.text.count("\n", start, end) - new.count("\n"))
         begin, rest = self.text.rfind("\n", 0, start) + 1, self.text.find("\n", end)
@@ -66,7 +66,7 @@ class Source:
                                  " ".join(new_lines.split()), self.text[:start] + new + self.text[end:]))
 
     def declarations(self, i, end):
-        """Of a file, a namespace or a record, from token i to end."""
+        """Faults in a file, a namespace or a record, from token i to end."""
         first = i
         while i < end:
             word = self.words[i]
@@ -113,7 +113,7 @@ class Source:
         return self.text[start - 1] in " \n" and self.text[end] in " \n"
 
     def is_declared(self, i):
-        """Whether i is the name that a declaration makes: its type stands before it."""
+        """True if i is the name being declared: its type stands before it."""
         before = self.tokens[i - 1]
         if before["name"]:
             return self.tokens[i]["name"] and before[0] not in KEYWORDS
@@ -123,7 +123,7 @@ class Source:
         digits, suffix = re.fullmatch(r"(0[xX][\da-fA-F']+|[\d']+)(.*)", self.words[i]).groups()
         before, after = self.words[i - 1], self.words[i + 1]
         is_result = after == ";" and (before == "return" or before == "-" and self.words[i - 2] == "return")
-        if "." in suffix or after == ">" or is_result and digits in "01":  # results are faults of statements
+        if "." in suffix or after == ">" or is_result and digits in "01":  # statements() handles results
             return
         base, form = 10, "{}"
         if digits[0] == "0" and len(digits) > 1:
@@ -133,12 +133,12 @@ class Source:
             self.add(i, i, form.format(other) + suffix)
 
     def condition(self, first, last):
-        """The other way round, when none of its parts can be."""
+        """Negates a condition that has no other faults."""
         if not {"=", ";", "!", "&&", "||", "==", "!=", "<", "<=", ">", ">="} & set(self.words[first:last]):
             self.add(first, last, f"(!{self.text[self.tokens[first].start():self.tokens[last].end()]})")
 
     def statements(self, i, end):
-        """Those that are left out, and results that are another."""
+        """Leaves statements out and changes results."""
         while i < end:
             stop = self.end_of_statement(i, end) if self.begins_statement(i) else None
             if stop and self.words[i] == "return":
@@ -164,7 +164,7 @@ class Source:
         return i if i < end and self.words[i] == ";" else None
 
     def is_action(self, i):
-        """A call, an assignment or a step, and no declaration."""
+        """True for a call, an assignment or an increment; not for a declaration."""
         while self.words[i] in ("++", "--", "*"):
             i += 1
         while self.tokens[i]["name"] and self.words[i + 1] == "::":

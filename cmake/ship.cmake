@@ -1,7 +1,7 @@
 # Installs no more bytes than the device needs, and beside each program a file with all its names and lines,
 # to read a crash report on another machine.
 
-set(LUMD_STRIP all CACHE STRING "What the device goes without: all symbols, all but the names of functions, none")
+set(LUMD_STRIP all CACHE STRING "Symbols stripped for the device: all, all but function names, none")
 set_property(CACHE LUMD_STRIP PROPERTY STRINGS all names none)
 if(NOT LUMD_STRIP MATCHES "^(all|names|none)$")
     message(FATAL_ERROR "LUMD_STRIP is all, names or none, not ${LUMD_STRIP}")

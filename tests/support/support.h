@@ -41,8 +41,7 @@ inline std::string device_path(std::string_view path)
 void write_file(std::string_view path, std::string_view text); // path on the device
 std::string read_file(std::string_view path);
 inline int sync_count; // sync does nothing but count
-// While record_io is set: "seek 0", "read 212", "write 4096" on descriptors opened in the device's /dev.
-// /dev.
+// While record_io is set: "seek 0", "read 212", "write 4096" on descriptors of the device's /dev.
 inline bool record_io;
 inline std::vector<std::string> device_io;
 

@@ -1,14 +1,14 @@
-// The runtime: one thread, one loop, and everything a callback of it.
+// The runtime: one thread, one loop; everything else is a callback of the loop.
 //
-// The loop owns a table of slots (descriptor, context, callback) that it hands to poll, and the timer list of
-// app/timer.h. One pass is: a poll that does not wait and the callbacks of what is ready; all due timers; a
-// poll that waits until the next timer and the callbacks of what became ready. Slots keep the order of their
-// registration, which is the order of the calls.
+// The loop owns a table of slots (descriptor, context, callback), which it hands to poll, and the timer list
+// of app/timer.h. One pass: a poll without waiting and the callbacks of ready descriptors; all due timers; a
+// poll that waits until the next timer and the callbacks of what became ready. Slots are called in the order
+// of their registration.
 //
-// A callback may add and remove slots, its own included. What it removes is not called any more, even if it
-// was ready in the same poll; its place is reclaimed before the next poll. What it adds is first called after
-// a poll of its own. A descriptor in error or hung up is reported on every pass until its owner removes it;
-// the loop removes and closes nothing by itself.
+// A callback may add and remove slots, including its own. A removed slot is not called again, even if it was
+// ready in the same poll; its place is reclaimed before the next poll. An added slot is first called after
+// the next poll. A descriptor in error or hung up is reported on every pass until its owner removes it; the
+// loop itself removes and closes nothing.
 #pragma once
 
 #include "app/callback.h"
@@ -16,7 +16,7 @@
 
 #include <poll.h>
 
-// What happened to a descriptor; APP_EV_ERROR may come with either of the others or alone.
+// Events of a descriptor; APP_EV_ERROR may come alone or with the others.
 enum app_event { APP_EV_READ = 1, APP_EV_WRITE = 4, APP_EV_ERROR = 8 };
 
 struct app_fd_handler;
@@ -27,33 +27,33 @@ using app_callback = void (*)(void *ctx, int events, int fd, app_fd_handler *han
 struct app_fd_handler {
     void *ctx;
     app_callback callback;
-    const char *name;     // of the callback's function, null when it is not known
-    const void *function; // what a call stack names: the callback, or what it stands for
+    const char *name;     // the callback's function; null if unknown
+    const void *function; // shown in a call stack: the callback, or the function it stands for
 };
 
 // Calls deferred to a later pass of the loop (see app/scheduler.h).
 extern scheduler app_scheduler;
 
-// Starts the runtime; first call of a program. options is its table of options (app/app_options.h), which
-// lives as long as the process, or null when it has none; appname names its configuration files. Returns 0;
-// ends the process when the command line is wrong.
+// Starts the runtime; the first call of a program. options is its option table (app/app_options.h), which
+// must live as long as the process, or null; appname names its configuration files. Returns 0. The process
+// ends if an option lacks its value or the value of a long option is bad; see app_opt_parse.
 struct app_option;
 int app_init(int argc, char **argv, const app_option *options, const char *appname);
 
-// Calls back on events (a poll mask) of fd. The same (fd, ctx, callback) again only changes the mask. Returns
-// the slot's index when it existed, else the new number of slots; -1 when memory is out.
-// function is what a call stack names, the callback itself when null.
+// Calls back on events (a poll mask) of fd. Adding the same (fd, ctx, callback) again only changes the mask.
+// Returns the index of an existing slot, else the new number of slots; -1 if out of memory. A call stack
+// shows function, or the callback if null.
 [[nodiscard]] int app_add_fd(int fd, int events, void *ctx, app_callback callback,
                              const void *function = nullptr);
 
-// The same with a typed context: callback is a void (Context *, int events, int fd, app_fd_handler *).
+// The same with a typed context; callback is a void (Context *, int events, int fd, app_fd_handler *).
 template <auto callback>
 [[nodiscard]] int app_add_fd(int fd, int events, context_of<callback> *ctx)
 {
     return app_add_fd(fd, events, ctx, typed<callback>::call, typed<callback>::address());
 }
 
-// Withdraws one slot, or all slots and all deferred calls of ctx. Closes nothing; what is gone is no error.
+// Removes one slot, or all slots and deferred calls of ctx. Closes nothing; a slot that is gone is no error.
 void app_remove_fd(int fd, void *ctx, app_callback callback);
 void app_remove_ctx(void *ctx);
 
@@ -67,8 +67,8 @@ void app_remove_fd(int fd, context_of<callback> *ctx)
 int app_run();
 void app_quit(int code);
 
-// One pass that does not wait, for code that must make progress inside a callback. Returns as
-// timer_run_expired.
+// One pass without waiting, for code that must make progress inside a callback. Returns
+// like timer_run_expired.
 int app_poll_once();
 
 // Deferred calls on app_scheduler.

@@ -15,8 +15,9 @@ namespace {
 
 constexpr char log_module[] = "app";
 
-// A write to a peer that has gone then fails with EPIPE where it was made. When it was the log's reader that
-// has gone, our own line raises the signal anew: ignoring it for a moment discards that one.
+// Once SIGPIPE is handled, a write to a peer that has gone fails with EPIPE at its caller. If it was the
+// log's reader that has gone, our own line raises the signal again: ignoring it for a moment discards
+// that one.
 void sigio_handler(int)
 {
     log_trace(LOG_HERE, "SIGPIPE!");

@@ -15,7 +15,7 @@ constexpr int growth = 16;
 constexpr int quit_mark = 0x00FF0000;
 constexpr int last_timer_runs = 1000;
 
-// Two parallel arrays: poll wants its own contiguous.
+// Two parallel arrays, since poll wants its own contiguous.
 pollfd *polled;
 app_fd_handler *handlers;
 int capacity;
@@ -78,7 +78,7 @@ int translate(int revents)
 
 void dispatch_sock_events(int nready)
 {
-    // A callback may add slots, and so move both arrays, or remove any: nothing is held across the call.
+    // A callback may add slots, which moves both arrays, or remove any: hold no reference across the call.
     for (int i = 0; nready != 0 && i < count; ++i) {
         if (polled[i].revents == 0 || polled[i].fd < 0)
             continue;
@@ -154,7 +154,7 @@ int app_run()
         if (woken > 0)
             dispatch_sock_events(woken);
     }
-    // What is due already still gets its run.
+    // Timers already due still run.
     for (int i = 0; i < last_timer_runs; ++i)
         timer_run_expired();
     return quit & 0xFFFF;

@@ -96,7 +96,7 @@ int set_text(app_optrec &record, std::string_view value)
     return 0;
 }
 
-// Room for one item behind count others and one more word, of an array that grows a few items at a time.
+// Makes room for one item behind count others, and one word more, growing the array a few items at a time.
 template <typename Item>
 bool make_room(Item *&items, size_t count)
 {
@@ -218,7 +218,7 @@ const app_option *find_short(const app_option *options, char name)
     return options->name ? options : nullptr;
 }
 
-// Arguments are taken one by one; an option may take the next one, too.
+// The arguments still to parse; an option may take the next one as its value.
 struct arguments {
     const app_option *options;
     std::span<char *> rest;
@@ -253,7 +253,7 @@ bool is_option(const char *argument)
     return argument[0] == '-' && argument[1] != '\0';
 }
 
-// False when there is no such option.
+// False if there is no such option.
 bool arguments::long_option(const char *argument)
 {
     const std::string_view text = argument + 2;
@@ -287,7 +287,7 @@ void arguments::short_value(const app_option &entry, bool is_last)
     app_opt_set(&entry, value);
 }
 
-// False when one of the letters is unknown.
+// False if a letter is unknown.
 bool arguments::short_options(const char *letters)
 {
     for (; *letters; ++letters) {
@@ -304,7 +304,7 @@ bool arguments::short_options(const char *letters)
 
 // ---- configuration files ------------------------------------------------------------------------------
 
-// The length of the next line without its end, of which as much as fits is stored; -1 after the last one.
+// Stores what fits of the next line, without its end; returns its full length, or -1 at the end of the file.
 ssize_t read_line(FILE *file, std::span<char> line)
 {
     size_t length = 0;
@@ -322,7 +322,7 @@ bool is_comment(std::string_view line)
     return skip_space(line).starts_with('#');
 }
 
-// False when the line names no option.
+// False if the line names no option.
 bool take_line(const app_option *options, char *line)
 {
     const std::string_view text = trim_end(skip_space(line));
@@ -431,7 +431,7 @@ void app_conf_load(const app_option *options, FILE *file)
         const ssize_t length = read_line(file, line);
         if (length < 0)
             return;
-        // Of a line that is too long nothing is believed, its end least of all.
+        // An overlong line is rejected whole, never truncated; an overlong comment is fine.
         const bool fits = static_cast<size_t>(length) <= line_max;
         if (!(fits ? take_line(options, line) : is_comment(line)))
             print_error("invalid line %d\n", number);
@@ -443,7 +443,7 @@ void app_conf_load_all(const app_option *options, const char *appname)
     for (const app_option *entry = options; entry->name; ++entry) {
         const char *path = entry->type == APP_OPT_CONFIG ? app_opt_get(entry->name, 0, 0) : nullptr;
         if (path) {
-            // A user who names the file may name a pipe.
+            // Not only a regular file: a file named by the user may be a pipe.
             if (const unique_file file{fopen(path, "re")})
                 app_conf_load(options, file.get());
             return;

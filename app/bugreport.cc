@@ -26,13 +26,13 @@ struct {
 } bugreport_history = {};
 static_assert(decltype(bugreport_history.count)::is_always_lock_free, "used in signal handlers");
 
-// A reply, or the report on its way out.
+// Holds a reply, or the report being sent.
 char line_buffer[8192];
 constexpr size_t reply_max = sizeof line_buffer - 1;
 
 struct step {
     const char *sent;     // null: the report itself
-    const char *expected; // what the reply begins with
+    const char *expected; // start of the reply
     int tag;
     int write_error, read_error, reply_error;
 };
@@ -50,14 +50,14 @@ int connect_to_server()
 {
     ipv4_endpoint server;
     constexpr socklen_t len = ipv4_endpoint::size();
-    // The build checks the built-in address.
+    // The built-in address was checked at build time.
     if (get_host_addr(LUMD_BUGREPORT_DOMAIN, server.get(), len) < 0)
         static_cast<void>(sockaddr_parse(LUMD_BUGREPORT_SERVER, server.get(), &len));
     server.in.sin_port = htons(smtp_port);
     return tcp_connect(-1, server.get(), len);
 }
 
-// The report in the line buffer, cut so that its end fits.
+// The report in the line buffer, cut to leave room for its end mark.
 std::string_view assemble_body()
 {
     size_t used = 0;
@@ -81,7 +81,7 @@ std::string_view assemble_body()
     return {line_buffer, used};
 }
 
-// A server that has gone is an error of this call, not a SIGPIPE.
+// A server that has gone fails this call instead of raising SIGPIPE.
 bool send_text(int fd, std::string_view text)
 {
     return send(fd, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
@@ -118,7 +118,7 @@ int run_step(unique_fd &connection, const step &step)
 
 } // namespace
 
-// The bytes are claimed before they are copied, so a handler that comes in between takes the next ones.
+// Bytes are claimed before they are copied, so a signal handler in between takes the following ones.
 void bugreport_append(const void *text, size_t length)
 {
     uint64_t at = bugreport_history.count.fetch_add(length);

@@ -1,24 +1,24 @@
-// A bug report: the end of the history and the environment, mailed to a mailbox that the build fixes, in a
-// plain SMTP dialogue over TCP port 25. A program on this runtime sends one when it sees fit; the daemon
+// Bug reports: the end of the history and the environment, mailed to a mailbox fixed at build time, in a
+// plain SMTP dialogue over TCP port 25. Programs on this runtime send one when they see fit; the daemon
 // never does.
 #pragma once
 
 #include <cstddef>
 #include <sys/types.h>
 
-// Adds to the history; its last 4096 bytes are kept. Keeps errno and may be called from a signal handler,
-// also in the middle of another call.
+// Adds to the history, which keeps its last 4096 bytes. Preserves errno; safe in a signal handler, even one
+// that interrupts another call.
 void bugreport_append(const void *text, size_t length);
 
-// From now on all that is written to the log is added to the history.
+// Adds everything logged from now on to the history.
 void bugreport_enable();
 
-// Blocks for as long as the mail server takes, which has no end if it says nothing; not for signal handlers.
-// 0 when the server has accepted the report. Otherwise -1, after a line on standard error with the number of
-// the step that failed.
+// Mails the report. Blocks as long as the mail server takes, forever if it says nothing; not for signal
+// handlers. Returns 0 once the server has accepted the report; else -1, with the number of the failed step on
+// standard error.
 int bugreport_send();
 
-// Reads a line of at most max bytes and returns its length, its line feed replaced by a zero; max when so
-// many came without one, and then there is no zero; -1 when the connection failed or ended before. The tag is
-// for the trace on standard error only.
+// Reads a line of at most max bytes, replaces its line feed by a zero and returns its length. Returns max,
+// without a zero, if max bytes held no line feed; -1 if the connection failed or ended first. tag only marks
+// the trace on standard error.
 ssize_t tcp_gets(int fd, char *buffer, size_t max, int tag);

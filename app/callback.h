@@ -1,6 +1,5 @@
-// Callbacks with a typed context. The runtime calls every callback with the opaque pointer that was
-// registered with it; typed<function>::call turns that pointer back into what it was, so that nobody casts by
-// hand.
+// Callbacks with a typed context. The runtime calls every callback with the opaque pointer it was registered
+// with; typed<function>::call restores the pointer's type, so that no caller casts by hand.
 #pragma once
 
 template <auto function>
@@ -11,10 +10,10 @@ struct typed<function> {
     using context = Context;
     static void call(void *ctx, Rest... rest) { function(static_cast<Context *>(ctx), rest...); }
 
-    // Names the function itself in a call stack.
+    // A call stack shows the function itself, not this template.
     static const void *address() { return reinterpret_cast<const void *>(function); }
 };
 
-// A context is registered as a pointer to exactly this type: a pointer to a derived record converts first.
+// The context must be a pointer to exactly this type; convert a pointer to a derived record first.
 template <auto function>
 using context_of = typename typed<function>::context;

@@ -11,7 +11,8 @@ namespace {
 std::array<const void *, 256> entries;
 int depth;
 
-// Calls nest this deep only through app_poll_once. What is beyond is counted, so that pops stay paired.
+// Calls nest this deep only through app_poll_once. Entries beyond the limit are counted, so that pops
+// stay paired.
 int beyond;
 
 } // namespace

@@ -1,4 +1,4 @@
-// The monotonic clock, which setting the time of day does not move.
+// The monotonic clock; setting the time of day does not move it.
 #pragma once
 
 #include <cstdint>

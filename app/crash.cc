@@ -19,7 +19,7 @@
 #include <span>
 #include <unistd.h>
 
-// Where the linker has laid our own code.
+// Bounds of our own code, from the linker.
 extern "C" const char __executable_start, etext;
 
 namespace {
@@ -31,10 +31,10 @@ constexpr size_t frames_max = 256;
 constexpr size_t text_max = 4096;
 constexpr uintptr_t library_frames_size = 16384;
 constexpr int last_closed_fd = 255;
-constexpr size_t chunk_size = 1024; // what a terminal that has any room takes without waiting
+constexpr size_t chunk_size = 1024; // a terminal with any room takes this much without blocking
 constexpr int console_patience_ms = 1000;
 
-// The frame of the function that started the runtime; main's.
+// Frame of the function that started the runtime: main's.
 uintptr_t outermost_fp;
 
 void *frames[frames_max];
@@ -44,8 +44,8 @@ sockaddr *debug_server;
 socklen_t debug_server_length;
 int debug_server_fd = -1;
 
-// The record at p, where one may be read. stack_top alone would let through what lies between the stack and
-// the kernel's own pages above it. Sanitizers think that nobody may read other functions' frames.
+// The record at p, if it can be read. stack_top alone would admit the gap between the stack and the kernel's
+// own pages above it. A sanitizer takes reading other functions' frames for an error.
 __attribute__((no_sanitize("address"))) std::optional<frame_record> frame_at(uintptr_t p, uintptr_t low)
 {
     const bool on_stack = p >= stack_begin && p >= low && p <= stack_top && p < stack_end &&
@@ -68,7 +68,7 @@ bool is_own_code(uintptr_t addr)
            addr < reinterpret_cast<uintptr_t>(&etext);
 }
 
-// Whether the frames from fp on are those of our own code up to the program's outermost function.
+// True if the frames from fp on are our own code all the way to the program's outermost function.
 bool leads_home(uintptr_t fp, uintptr_t low)
 {
     while (fp != outermost_fp) {
@@ -82,7 +82,7 @@ bool leads_home(uintptr_t fp, uintptr_t low)
     return true;
 }
 
-// The C library has no frames, and keeps in the frame pointer what it likes: then ours end below its own.
+// The C library has no frames and uses the frame pointer freely; our frames then lie above its own.
 uintptr_t nearest_frame(const code_position &at)
 {
     if (leads_home(at.fp, at.sp))
@@ -95,13 +95,13 @@ uintptr_t nearest_frame(const code_position &at)
     return at.fp;
 }
 
-// A call that never returns may be the last of its function: the address behind it belongs to the next one.
+// A call that never returns may end its function; the address after it belongs to the next one.
 const char *name_of_caller(const void *return_address)
 {
     return name_of(static_cast<const char *>(return_address) - 1);
 }
 
-// A line that does not fit is left out.
+// Lines that do not fit are left out.
 std::span<const char> format_frames(int count)
 {
     size_t length = 0;
@@ -115,7 +115,7 @@ std::span<const char> format_frames(int count)
     return {text, length};
 }
 
-// A console that is stopped, or a pipe that nobody reads, must not keep a crashed program from its end.
+// A stopped console, or a pipe without a reader, must not keep a crashed program from ending.
 void write_patiently(int fd, std::span<const char> rest)
 {
     while (!rest.empty()) {
@@ -129,7 +129,7 @@ void write_patiently(int fd, std::span<const char> rest)
     }
 }
 
-// What is opened next would take its place, flash perhaps, and get the next dump.
+// Otherwise the next file opened, perhaps flash, would become descriptor 0 and get the next dump.
 void hold_descriptor_0()
 {
     unique_fd lowest(open("/dev/null", O_RDWR));
@@ -172,8 +172,8 @@ void unblock(int sig)
     sigprocmask(SIG_UNBLOCK, &one, nullptr);
 }
 
-// A background job of a shell has SIGQUIT ignored, and to go on would crash again without end. The first
-// process of a PID namespace has no default action at all.
+// A shell's background job ignores SIGQUIT; returning would crash again and again. The first process of a PID
+// namespace has no default action at all.
 [[noreturn]] void end_by_quit()
 {
     signal(SIGQUIT, SIG_DFL);
@@ -193,7 +193,7 @@ int backtrace_walk(uintptr_t fp, uintptr_t low, void **out, int max)
         if (!frame)
             break;
         out[count++] = reinterpret_cast<void *>(frame->return_address);
-        low = p + sizeof(frame_record); // a caller's frame lies above: no way round in circles
+        low = p + sizeof(frame_record); // callers' frames lie above: no cycles
         p = frame->caller_fp - frame_record_below_fp;
     }
     return count;
@@ -270,7 +270,7 @@ void debug_server_init()
     debug_server = copy;
     debug_server_length = length;
     const unique_fd sock(socket(copy->sa_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    debug_server_fd = fcntl(sock.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // not in the way of a dump
+    debug_server_fd = fcntl(sock.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1); // a dump uses 0 to 2
     const int on = 1;
     setsockopt(debug_server_fd, SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
 }
@@ -283,7 +283,7 @@ int install_handler(int sig, signal_handler handler)
     sigfillset(&action.sa_mask);
     if (sigaction(sig, &action, nullptr) < 0)
         return -1;
-    unblock(sig); // whoever started us may have left it blocked
+    unblock(sig); // the parent may have left it blocked
     return 0;
 }
 

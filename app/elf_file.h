@@ -1,4 +1,4 @@
-// An ELF executable as bytes in memory. Nothing in it is believed: each offset, count and link is checked
+// An ELF executable as bytes in memory. Nothing in it is trusted: each offset, count and link is checked
 // against the file's size where it is used.
 #pragma once
 
@@ -35,7 +35,7 @@ class elf_file {
 
     explicit elf_file(std::span<const std::byte> bytes) : bytes_(bytes) {}
 
-    // What makes the file useless here, in one line; null when nothing does, and symbols can be had.
+    // Returns why the file is useless here, in one line, or null if its symbols can be read.
     const char *open()
     {
         if (const char *wrong = check_header())
@@ -53,7 +53,7 @@ class elf_file {
         return nullptr;
     }
 
-    // Calls use(symbol) for every function, in the order of the table. The first symbol stands for none.
+    // Calls use(symbol) for every function in table order. Symbol 0 is a placeholder.
     template <typename Use>
     void each_function(Use use) const
     {
@@ -67,7 +67,7 @@ class elf_file {
         }
     }
 
-    // None when the name does not begin and end inside the table of names.
+    // Nothing if the name does not lie wholly inside the name table.
     [[nodiscard]] std::optional<std::string_view> name_of(const symbol &of) const
     {
         if (of.st_name >= names_.size())

@@ -7,8 +7,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-// Opens a regular file for reading; none with errno set otherwise. A FIFO or a device in the place of a
-// configuration file could block the only thread or never end.
+// Opens a regular file for reading; empty, with errno set, for anything else. A FIFO or a device in place of
+// a configuration file could block the only thread or never end.
 inline unique_fd open_regular(const char *path)
 {
     unique_fd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -22,7 +22,7 @@ inline unique_fd open_regular(const char *path)
     return fd;
 }
 
-// The same for reading by lines.
+// The same, as a stream.
 inline unique_file open_regular_file(const char *path)
 {
     unique_fd fd = open_regular(path);

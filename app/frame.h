@@ -1,11 +1,11 @@
-// The one place that knows processors: what a function leaves on the stack, and where the kernel keeps the
+// The only code that knows processors: what a function leaves on the stack, and where the kernel keeps the
 // registers of interrupted code.
 #pragma once
 
 #include <cstdint>
 #include <ucontext.h>
 
-// Where some code stands.
+// Where code was interrupted.
 struct code_position {
     uintptr_t fp, sp, pc;
 };
@@ -18,8 +18,8 @@ struct frame_record {
 };
 constexpr uintptr_t frame_record_below_fp = sizeof(frame_record);
 
-// Whether such a record can stand at p: above it are the saved pc, arguments that a variadic function has
-// pushed, and the caller's stack.
+// True if such a record can stand at p: above it come the saved pc, the arguments pushed by a variadic
+// function, and the caller's stack.
 inline bool can_be_frame(const frame_record &record, uintptr_t p)
 {
     const uintptr_t above = record.caller_sp - p;
@@ -40,7 +40,7 @@ struct frame_record {
 };
 constexpr uintptr_t frame_record_below_fp = 0;
 
-// Whether such a record can stand at p.
+// True if such a record can stand at p.
 inline bool can_be_frame(const frame_record &, uintptr_t p)
 {
     return p % 16 == 0;

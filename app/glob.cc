@@ -1,7 +1,6 @@
 #include "app/glob.h"
 
-// Only the last '*' ever has to take one character more: what stands before it has matched as early as it
-// can.
+// Only the last '*' ever has to grow: everything before it has matched as early as possible.
 bool glob_match(std::string_view pattern, std::string_view name)
 {
     constexpr size_t none = std::string_view::npos;

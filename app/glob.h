@@ -3,5 +3,5 @@
 
 #include <string_view>
 
-// True when pattern matches all of name: '*' is any run of characters, '?' exactly one, the rest themselves.
+// True if pattern matches all of name: '*' is any run of characters, '?' exactly one, others themselves.
 bool glob_match(std::string_view pattern, std::string_view name);

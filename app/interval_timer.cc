@@ -40,7 +40,7 @@ int itimer_stop()
 
 int itimer_set_callback(void *ctx, timer_callback fn)
 {
-    // A tick between the two stores would call the old function with the new context.
+    // Otherwise a tick between the two stores would call the old function with the new context.
     alarm_callback = nullptr;
     alarm_ctx = ctx;
     alarm_callback = fn;

@@ -2,8 +2,7 @@
 
 #include <cerrno>
 
-// Restores errno at the end of its scope, for signal handlers and for calls whose callers go on to look at
-// it.
+// Restores errno at the end of its scope, for signal handlers and for calls whose callers inspect it later.
 class keep_errno {
   public:
     keep_errno() = default;

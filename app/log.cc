@@ -24,16 +24,16 @@ constexpr char log_module[] = "log";
 constexpr size_t message_max = 254;
 constexpr size_t line_max = 298;
 
-// How long a text waits for its reader, in all.
+// A text waits max_naps naps for its reader in all.
 constexpr timespec nap = {0, 10'000'000};
 constexpr int max_naps = 20;
 
-// Where texts go, and how their reader keeps up.
+// An output and how well its reader keeps up.
 struct output {
     int fd;
-    int own = -1;                     // the same, opened anew so that no write waits; or -1
-    std::atomic<unsigned> lost{};     // texts, since the last one that got through
-    std::atomic<bool> is_cut = false; // of the last one, a part did get through
+    int own = -1;                     // the same, reopened so that no write blocks; or -1
+    std::atomic<unsigned> lost{};     // texts lost since the last one that got through
+    std::atomic<bool> is_cut = false; // a part of the last lost text was written
 };
 static_assert(std::atomic<unsigned>::is_always_lock_free, "used in signal handlers");
 
@@ -45,8 +45,8 @@ output *log_output = &standard_error;
 int log_level = 0;
 std::atomic<void (*)(const void *, size_t)> log_copy;
 
-// One line on its way out, cut at max characters. The daemon logs while others wait for it, so only the
-// message itself is worth a format.
+// A line being built, cut at max characters. Clients wait while the daemon logs, so only the message itself
+// goes through a format.
 class log_line {
   public:
     explicit log_line(size_t max) : end_(text_ + max) {}
@@ -66,7 +66,7 @@ class log_line {
         return *this << std::string_view(digits, static_cast<size_t>(printed.ptr - digits));
     }
 
-    // False when the format is wrong.
+    // False if the format is wrong.
     __attribute__((format(printf, 2, 0))) bool print(const char *format, va_list args)
     {
         const size_t room = std::min(message_max, static_cast<size_t>(end_ - at_));
@@ -112,13 +112,13 @@ ssize_t write_both(int fd, std::string_view first, std::string_view second)
     return writev(fd, parts, 2);
 }
 
-// -1 with EAGAIN when there is no room now. Without a description of our own, the room that is found may be
-// taken by another writer of the same pipe, or not do for a terminal: the write then waits for it.
+// Returns -1 with EAGAIN if there is no room now. Without a descriptor of our own, another writer of the same
+// pipe may take the room that poll saw, or a terminal may need more: the write then blocks.
 ssize_t write_now(const output &to, std::string_view first, std::string_view second)
 {
     if (to.own >= 0) {
         const ssize_t written = write_both(to.own, first, second);
-        if (written >= 0 || errno != EBADF) // it is closed in a child that has no program yet
+        if (written >= 0 || errno != EBADF) // closed in a child before its exec
             return written;
     }
     pollfd reader = {to.fd, POLLOUT, 0};
@@ -130,8 +130,8 @@ ssize_t write_now(const output &to, std::string_view first, std::string_view sec
     return -1;
 }
 
-// The length of text, or -1 when its end is lost. The number of those lost before is taken on by the text
-// that tells it: a signal handler may log in between.
+// Returns the length of text, or -1 if its end was lost. The text takes over the count of lost texts that it
+// reports: a signal handler may log in between.
 ssize_t write_text(output &to, std::string_view text)
 {
     const auto length = static_cast<ssize_t>(text.size());
@@ -159,7 +159,7 @@ ssize_t write_text(output &to, std::string_view text)
     return length;
 }
 
-// The whole of a text, however long.
+// The whole text, however long.
 __attribute__((format(printf, 2, 0))) void print(output &to, const char *format, va_list args)
 {
     const keep_errno unchanged;

@@ -1,4 +1,4 @@
-// Owners of what must be given back: heap records and text, descriptors, open files.
+// Owners: heap records and text, descriptors, open files.
 #pragma once
 
 #include <cstdio>
@@ -22,7 +22,7 @@ struct close_file {
 using unique_text = std::unique_ptr<char, free_deleter>;
 using unique_file = std::unique_ptr<FILE, close_file>;
 
-// A descriptor that is closed with its scope; -1 is none.
+// A descriptor, closed at the end of its scope; -1 is none.
 class unique_fd {
   public:
     unique_fd() = default;
@@ -50,8 +50,8 @@ class unique_fd {
     int fd_ = -1;
 };
 
-// A zero-filled record for free_record, or null when memory is out. One that needs no destructor may be given
-// to free() as well.
+// A zero-filled record for free_record, or null if out of memory. A record without a destructor may also be
+// given to free().
 template <typename Record>
 Record *new_record()
 {
@@ -62,7 +62,7 @@ Record *new_record()
         return memory ? new (memory) Record() : nullptr;
 }
 
-// Destroys and frees; null is allowed.
+// Destroys and frees; null is fine.
 template <typename Record>
 void free_record(Record *record)
 {
@@ -82,7 +82,7 @@ struct record_deleter {
 template <typename Record>
 using unique_record = std::unique_ptr<Record, record_deleter>;
 
-// A heap copy of text for free(), or null when memory is out.
+// A heap copy of text for free(), or null if out of memory.
 inline char *new_text(std::string_view text)
 {
     char *copy = static_cast<char *>(malloc(text.size() + 1));

@@ -1,5 +1,5 @@
-// The one thing the daemon needs of a C++ runtime library: what std::string_view calls when a caller breaks
-// its contract. Ours keeps a megabyte of library off the device.
+// The only part of a C++ runtime library that the daemon needs: what std::string_view calls if a caller
+// breaks its contract. Defining it here keeps a megabyte of library off the device.
 
 #include <cstdlib>
 

@@ -26,7 +26,7 @@ void insert_call(scheduler *s, scheduler_call *call)
     *at = call;
 }
 
-// Without memory for it there is no timer; the next addition tries again.
+// If the timer cannot be allocated, the next addition tries again.
 void start(scheduler *s)
 {
     if (!s->timer)

@@ -1,12 +1,12 @@
-// Deferred calls: fn(ctx) on a later pass of the event loop, one call a pass, smallest priority first and in
-// order of addition within one priority. A pair (ctx, fn) is queued at most once.
+// Deferred calls: fn(ctx) on a later pass of the loop, one call a pass, smallest priority first, in order of
+// addition within a priority. A pair (ctx, fn) is queued at most once.
 #pragma once
 
 #include "app/timer.h"
 
 #include <cstdint>
 
-// Called by the loop's timer run. It may add and remove calls, its own pair included.
+// Called from the loop's timers. May add and remove calls, including its own pair.
 using scheduler_fn = void (*)(void *ctx);
 
 struct scheduler_call {
@@ -14,7 +14,7 @@ struct scheduler_call {
     void *ctx;
     scheduler_fn fn;
     scheduler_call *next;
-    const void *function; // what a call stack names
+    const void *function; // shown in a call stack
 };
 
 struct scheduler {
@@ -24,18 +24,18 @@ struct scheduler {
 
 void scheduler_init(scheduler *s);
 
-// 0, or -1 when memory is out and nothing is queued. Queued before, the pair moves to its new place. function
-// is what a call stack names, fn itself when null.
+// Queues a call; a pair already queued moves to its new place. A call stack shows function, or fn if null.
+// Returns 0, or -1 if out of memory, and nothing is queued.
 [[nodiscard]] int scheduler_add(scheduler *s, void *ctx, scheduler_fn fn, int32_t priority,
                                 const void *function = nullptr);
 
-// -1 when no such call is queued.
+// -1 if the call is not queued.
 int scheduler_remove(scheduler *s, void *ctx, scheduler_fn fn);
 
-// Drops every call of ctx, as its owner must before it is freed.
+// Drops every call of ctx; required before ctx is freed.
 void scheduler_remove_ctx(scheduler *s, void *ctx);
 
-// Stops running calls, which stay queued; or drops them all.
+// Stops running calls but keeps them queued; or drops them all.
 int scheduler_stop(scheduler *s);
 void scheduler_clear(scheduler *s);
 

@@ -42,8 +42,8 @@ Copied *wanted(Copied *memory, const char *call)
     return memory;
 }
 
-// The kernel maps nothing else into the room that the stack may grow into. Without a limit this is more than
-// the upper quarter of the addresses below the stack's end.
+// The kernel maps nothing else into the room reserved for the stack's growth. Without a stack limit, that
+// room exceeds the upper quarter of the addresses below the stack's end.
 void note_stack(uintptr_t end)
 {
     rlimit limit;

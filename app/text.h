@@ -1,4 +1,4 @@
-// The few things that every line-oriented format here does to text. White space is that of the C locale.
+// Text helpers shared by all line-oriented formats here. White space is that of the C locale.
 #pragma once
 
 #include <algorithm>
@@ -37,7 +37,7 @@ constexpr std::string_view trim_end(std::string_view text)
     return text;
 }
 
-// Cuts what stands before the first end (all of text without one) off the front; end itself goes too.
+// Cuts off and returns the text before the first end, or all of it; end itself is removed, too.
 constexpr std::string_view cut_until(std::string_view &text, char end)
 {
     const size_t at = text.find(end);
@@ -46,7 +46,7 @@ constexpr std::string_view cut_until(std::string_view &text, char end)
     return head;
 }
 
-// The longest prefix of text whose characters all pass the test.
+// The longest prefix of text whose characters all pass test.
 template <typename Test>
 constexpr std::string_view span_of(std::string_view text, Test test)
 {
@@ -56,7 +56,7 @@ constexpr std::string_view span_of(std::string_view text, Test test)
     return text.substr(0, length);
 }
 
-// Copies text, cut to what fits, and terminates it. True when all of it fitted.
+// Copies as much of text as fits and terminates it. True if all of it fitted.
 inline bool copy_text(std::span<char> out, std::string_view text)
 {
     if (out.empty())

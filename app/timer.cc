@@ -8,7 +8,7 @@
 
 namespace {
 
-// 64-bit seconds also where the platform's are 32: this device is meant to see 2038.
+// 64-bit seconds even where time_t has 32: the device must outlive 2038.
 struct instant {
     int64_t sec;
     int32_t usec;
@@ -16,12 +16,12 @@ struct instant {
     auto operator<=>(const instant &) const = default;
 };
 
-// A timer's place in the list is part of the timer: to start one again takes no memory and no search.
+// The list links are part of the timer, so restarting one takes no memory and no search.
 struct timer_entry : timer {
     instant expires;
     int32_t runs_left; // 0: until stopped
     timer_entry *next;
-    timer_entry **link; // what leads to it; null while it is not scheduled
+    timer_entry **link; // the pointer that leads here; null if not scheduled
 };
 
 struct later_call {
@@ -34,8 +34,8 @@ constexpr int32_t usec_per_sec = 1000000;
 
 timer_entry *head;
 
-// How often the clock was seen to have been set back. A pass ends then: by the time it began with, a periodic
-// timer would stay due for as many hours as somebody turned the clock back.
+// How often the clock was seen stepping back. Such a step ends the pass: measured by the time at its start, a
+// periodic timer would stay due for as long as the clock was set back.
 unsigned steps_back;
 
 instant wall_clock()
@@ -68,7 +68,7 @@ int milliseconds_until(instant then, instant now)
         usec += usec_per_sec;
         --sec;
     }
-    // A clock that was set back can put the next timer years away; poll takes an int.
+    // A clock set back can put the next timer years away; poll takes an int.
     return static_cast<int>(std::min<int64_t>(sec, INT_MAX / 1000 - 1) * 1000 + usec / 1000);
 }
 
@@ -90,7 +90,7 @@ void schedule(timer_entry *entry)
         entry->next->link = &entry->next;
 }
 
-// False when it was not scheduled.
+// False if it was not scheduled.
 bool unschedule(timer_entry *entry)
 {
     if (!entry->link)

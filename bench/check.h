@@ -1,4 +1,4 @@
-// What cannot be measured ends the benchmark.
+// A failed check ends the benchmark.
 #pragma once
 
 #include <cstdio>

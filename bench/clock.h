@@ -1,4 +1,4 @@
-// The clock by which the benchmark and the programs it has started understand each other.
+// The clock shared by the benchmark and the programs it starts.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// What a started program tells of itself, in one write.
+// What a started program reports, in one write.
 struct start_report {
     int64_t at_ns;
     int64_t pid;

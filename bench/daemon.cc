@@ -92,7 +92,7 @@ std::string service_request(const char *verb, int services)
     return line + "\n";
 }
 
-// The daemon handles one thing after the other: once it has answered twice, all else is done.
+// The daemon handles one event after another: once it has answered twice, everything earlier is done.
 void await_ends(const running_daemon &daemon, const std::vector<start_report> &started)
 {
     for (const start_report &report : started) {

@@ -1,4 +1,4 @@
-// The daemon on its virtual device, as a benchmark runs and asks it.
+// Runs the daemon on its virtual device and talks to it, for benchmarks.
 #pragma once
 
 #include "bench/clock.h"
@@ -18,25 +18,25 @@ struct running_daemon {
     int requests; // the control FIFO
 };
 
-// The end of a pipe from which take_report reads what is written to standard output from now on: by the
-// daemon, by what it starts, and by what we start. Called once, before all others.
+// Returns the end of a pipe from which take_report reads everything written to standard output from now on:
+// by the daemon, by its programs and by us. Called once, before all others.
 int collect_reports();
 start_report take_report(int reports);
 
-// Starts a daemon with 32 services, all of them that program and none up, and waits until it answers. One
-// that was started before keeps its sockets, under no name; all die with us.
+// Starts a daemon with 32 services, all running that program and none up, and waits until it answers. A
+// daemon started before keeps its sockets but loses their names; all daemons die with us.
 running_daemon run_daemon(int reports, const char *program = started_program);
 
-// "start" or "stop", and the names of the first services.
+// "start" or "stop" and the names of the first services.
 std::string service_request(const char *verb, int services);
 
-// Ends when the processes are gone and the daemon has done all that there was to do.
+// Returns once the processes are gone and the daemon has nothing left to do.
 void await_ends(const running_daemon &daemon, const std::vector<start_report> &started);
 
-// Datagram sockets with a path of their own; a client's is connected to a server's.
+// Datagram sockets with a path each; a client's is connected to a server's.
 int bound_socket(const std::string &path);
 int client_of(const char *server);
 
-// What comes back.
+// The answer.
 std::string receive(int client);
 std::string ask(int client, std::string_view request);

@@ -31,7 +31,7 @@ void run_round(benchmark::State &state, const figure &measured)
         state.counters[counter(i, measured.sides[i].name)] = median(values[i]);
 }
 
-// One line a figure.
+// Prints one line per figure.
 struct reporter : benchmark::BenchmarkReporter {
     FILE *output;
 

@@ -1,8 +1,8 @@
-// Figures: what is measured, beside what, and how it is told.
+// Figures: what is measured, against what, and how the result is printed.
 //
-// The sides of a figure take turns, measurement by measurement. A round's value of a side is the median of
-// its measurements, a round's ratio that of the medians, and what is told the median of the rounds, with the
-// smallest and the largest ratio of a round behind it.
+// The sides of a figure take turns, one measurement each. In a round, each side's value is the median of its
+// measurements and the ratio is that of the medians. Printed are the medians over the rounds, followed by the
+// smallest and the largest ratio of a round.
 #pragma once
 
 #include <cstdio>
@@ -15,8 +15,8 @@ struct side {
     std::function<double()> measure; // one measurement, in the figure's unit
 };
 
-// The first side is the one in question. at_most is what its ratio to the second is wanted to be, or, of a
-// range, its ratio to the slowest of the others; 0: nothing is wanted.
+// The first side is the one in question. at_most limits its ratio to the second side or, in a range, to the
+// slowest of the others; 0 means no limit.
 struct figure {
     const char *name;
     const char *unit;
@@ -28,7 +28,7 @@ struct figure {
 
 double median(std::vector<double> values);
 
-// To be called before run_figures, which takes the options of Google's library and --smoke: every figure
-// once, and without a verdict.
+// Call before run_figures, which takes the options of Google's library, and --smoke: every figure once,
+// without a verdict.
 void add_figure(figure added);
 void run_figures(int argc, char **argv, FILE *output);

@@ -1,5 +1,5 @@
-// The program that is started: tells on standard output when its first instruction ran, and waits for its
-// end. No start-up code of the C library runs before it.
+// The started program: reports on standard output when its first instruction ran, then waits to be ended. No
+// start-up code of the C library runs before it.
 #include "bench/clock.h"
 
 extern "C" [[noreturn]] void _start()

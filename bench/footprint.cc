@@ -1,7 +1,7 @@
-// What the daemon takes while 32 services run and nothing happens: memory, wake-ups, processor time. Linked
-// statically, so that the daemon shares its C library with its services or with nobody: all of it is counted
-// as the daemon's then. Runs inside the virtual device; its argument is how many seconds to watch, and
-// without one it judges nothing.
+// What the daemon takes while 32 services run and nothing happens: memory, wake-ups, processor time. This
+// program is linked statically, so the daemon shares its C library at most with its services; otherwise all
+// of it counts as the daemon's. Runs inside the virtual device; the argument is the number of seconds to
+// watch. Without it, nothing is judged.
 #include "bench/check.h"
 #include "bench/daemon.h"
 
@@ -49,10 +49,10 @@ struct activity {
     long wakeups;
     long preempted;
     long ticks;
-    long run_ns; // as the scheduler counts it, finer than ticks
+    long run_ns; // the scheduler's count, finer than ticks
 };
 
-// Of /proc/PID/stat the fields 14 and 15 are the ticks in user and in kernel mode.
+// Fields 14 and 15 of /proc/PID/stat are the ticks in user and kernel mode.
 long ticks_of(const std::string &stat)
 {
     long user = 0;
@@ -73,7 +73,7 @@ activity activity_of(pid_t pid)
             std::strtol(read_proc(pid, "schedstat").c_str(), nullptr, 10)};
 }
 
-// The dirty pages, by what they belong to.
+// Prints the dirty pages by owner.
 void tell_dirty(FILE *output, pid_t pid)
 {
     std::map<std::string, long> dirty;
@@ -129,7 +129,7 @@ running_daemon run_busy_daemon(int reports, const char *program)
     put(daemon.requests, service_request("start", service_count));
     for (int i = 0; i < service_count; ++i)
         take_report(reports);
-    sleep(1); // what it had to do about the starts is done then
+    sleep(1); // lets it finish its work on the starts
     return daemon;
 }
 

@@ -2,7 +2,7 @@
 
 #include <array>
 #include <deque>
-// Its callbacks take the loop, and its macros cast as they please.
+// libev's callbacks take the loop, which ours ignore, and its macros cast freely.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wstrict-aliasing"
 #include <ev.h>

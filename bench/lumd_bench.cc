@@ -1,8 +1,8 @@
-// What the daemon costs beside the bare system calls: requests beside a server that only polls, receives and
-// sends, starts beside vfork and execv of the same program (also in a process that is asked to), a save
-// beside writing the same blocks, a value read by the command beside a process that does nothing. Everything
-// runs on one processor (see bench/figures.h). Runs inside the virtual device, where the daemon's paths are
-// its own.
+// What the daemon costs beside the bare system calls. Requests are compared with a server that only polls,
+// receives and sends; starts with vfork and execv of the same program (also in a process that starts on
+// request); a save with writing the same blocks; a value read by the command with a process that does
+// nothing. Everything runs on one processor (see bench/figures.h), inside the virtual device, where the
+// daemon's paths are its own.
 #include "bench/check.h"
 #include "bench/daemon.h"
 #include "bench/figures.h"
@@ -30,7 +30,7 @@ double microseconds(int64_t ns)
 
 // ---- requests ----
 
-// In turn the two requests, with the answers that they must get.
+// Two requests sent in turn, with the answers they must get.
 struct dialogue {
     std::string request[2];
     std::string answer[2];
@@ -45,7 +45,7 @@ double time_dialogue(int client, const dialogue &said)
     return microseconds(monotonic_ns() - begin) / trips;
 }
 
-// Somebody waits for a value, somebody else sets it, and both are answered.
+// One client waits for a value, another sets it; both get their answer.
 double time_wait(int waiter, int setter)
 {
     constexpr int trips = 50;
@@ -63,8 +63,8 @@ struct correspondent {
     socklen_t length;
 };
 
-// The least that answers. It polls as many descriptors as the daemon does once a program has been started:
-// the socket, the control FIFO and the pipe that tells of ended children.
+// The smallest server that answers. It polls as many descriptors as the daemon after a first start: the
+// socket, the control FIFO and the pipe that reports ended children.
 [[noreturn]] void serve_bare(int fd, std::string_view value)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -136,7 +136,7 @@ void add_requests(const running_daemon &daemon)
 
 // ---- starts ----
 
-// A child shares its parent's memory until execv, so it does not matter how large the parent is.
+// A child shares its parent's memory until execv, so the parent's size does not matter.
 void bare_start()
 {
     char path[] = "/opt/bin/first_instruction";
@@ -147,7 +147,7 @@ void bare_start()
     }
 }
 
-// Until the last of them has run its first instruction. Both sides begin out of the same calm.
+// Measures until the last program has run its first instruction. Both sides start from the same quiet state.
 template <typename Start, typename Stop>
 double time_starts(int reports, int services, const running_daemon &daemon, Start start, Stop stop)
 {
@@ -190,7 +190,7 @@ double time_bare_starts(int reports, int services, const running_daemon &daemon)
     return time_starts(reports, services, daemon, start, end_programs);
 }
 
-// The least that starts on request: as many starts as the byte says that comes through the pipe.
+// The smallest server that starts programs: each byte from the pipe is a number of starts.
 int serve_bare_starts()
 {
     int ends[2];
@@ -237,7 +237,7 @@ void add_starts(const running_daemon &daemon, int reports)
 
 // ---- the command ----
 
-// From its vfork to its end.
+// From vfork to the end of the process.
 double time_process(const char *const *argv)
 {
     static const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -276,8 +276,8 @@ void write_file(const char *path, const std::string &text)
     close(fd);
 }
 
-// The client of a daemon whose variables have their numbers as values. The device's own files are as before
-// then.
+// The client of a daemon whose variables have their numbers as values. Leaves the device's own files as
+// they were.
 int client_among(int variables, int reports)
 {
     constexpr const char *declarations = "/etc/syscfg.def";
@@ -298,7 +298,7 @@ int client_among(int variables, int reports)
     return client;
 }
 
-// Steps through the variables, so that no two queries in a row are the same.
+// Steps through the variables, so that consecutive queries differ.
 double time_queries(int client, int variables)
 {
     constexpr int trips = 50;
@@ -335,7 +335,7 @@ void add_look_ups(int few, int many, int very_many)
 
 constexpr size_t block_size = 4096;
 
-// How many blocks the registry's header says that the second blob, the saved values, reaches into.
+// The number of blocks that the second blob, the saved values, reaches into by the registry's header.
 int saved_blocks()
 {
     constexpr off_t second_length = 20 + 24 + 20;
@@ -358,7 +358,7 @@ double time_save(int client)
     return microseconds(end - begin);
 }
 
-// Every block is read before it is written, as flash is.
+// Reads every block before writing it, as flash demands.
 double time_bare_save(int blocks, int syncs)
 {
     uint8_t block[block_size];
@@ -398,8 +398,8 @@ int main(int argc, char **argv)
     const int few = client_among(100, reports);
     const int many = client_among(1000, reports);
     const int very_many = client_among(5000, reports);
-    const running_daemon daemon = run_daemon(reports); // the last: programs that are run find this one
-    time_daemon_starts(reports, 1, daemon);            // from here on it has all of its descriptors
+    const running_daemon daemon = run_daemon(reports); // the last: programs run from here on find this one
+    time_daemon_starts(reports, 1, daemon);            // now all its descriptors are open
 
     add_requests(daemon);
     add_look_ups(few, many, very_many);

@@ -1,4 +1,4 @@
-// The least that a program linked with the C library does.
+// The least that a program linked with the C library can do.
 int main()
 {
     return 0;

@@ -1,4 +1,4 @@
-// A service as most are: linked with the C library, which the daemon then has in common with it.
+// A typical service: linked with the C library, which it shares with the daemon.
 #include "bench/clock.h"
 
 int main()

@@ -1,7 +1,7 @@
-// What single parts of the daemon cost: its loop and its timers beside those of Debian's libuv, libevent and
-// libev, the look-up of a variable among few and among many. Every measurement of a loop is a process of its
-// own, so that none finds what another has left on the heap. Nothing here waits for anybody, so what is
-// measured is processor time: what else the machine does counts less.
+// What parts of the daemon cost: its loop and timers beside those of Debian's libuv, libevent and libev; the
+// look-up of a variable among few and among many. Every measurement of a loop is a process of its own, so
+// that none inherits another's heap. Nothing here waits, so processor time is measured, which other load on
+// the machine affects less.
 #include "bench/check.h"
 #include "bench/figures.h"
 #include "bench/loops.h"
@@ -29,12 +29,12 @@ int64_t processor_ns()
 
 // ---- one loop, in a process of its own ----
 
-// What the process under measurement is about.
+// The input of a process under measurement.
 struct trial {
     const loop *under_test;
     int timers;
     bool of_restarts;
-    int token[2]; // a byte that goes round
+    int token[2]; // passes one byte round
     int result;
     int calls;
     int64_t begin_ns;
@@ -51,7 +51,7 @@ trial current;
 
 [[noreturn]] void measure_restarts()
 {
-    constexpr int step = 17; // prime to the numbers of timers
+    constexpr int step = 17; // coprime to the numbers of timers
     int index = 0;
     const int64_t begin = processor_ns();
     for (int i = 0; i < restarts; ++i) {
@@ -83,7 +83,7 @@ void run_bare_loop(const int *idle_fds)
     std::abort();
 }
 
-// Nanoseconds an operation. Without a loop it is a bare poll.
+// Nanoseconds per operation. A null loop measures a bare poll.
 double measure_loop(const loop *under_test, int timers, bool of_restarts)
 {
     int ends[2];
@@ -128,7 +128,7 @@ struct variables {
     std::vector<std::string> names;
 };
 
-// Declares them in a file, as the daemon's are.
+// Declares the variables in a file, as the daemon does.
 void declare(variables &declared, int count)
 {
     std::string text;

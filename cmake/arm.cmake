@@ -1,5 +1,5 @@
-# The device: 32-bit ARM, hard float, Debian's cross-compiler. What it is linked with besides the C library comes
-# from the sysroot that script/bootstrap makes; what is built runs here by way of qemu's user emulation.
+# The device: 32-bit ARM, hard float, Debian's cross-compiler. Libraries other than the C library come from
+# the sysroot that script/bootstrap makes; programs run here under qemu's user emulation.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
@@ -15,14 +15,14 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/qemu-arm-static;-L;${device_sysroot})
 
-# A call stack is walked along the frames of the APCS: every function keeps its caller's frame pointer, stack
-# pointer and return address in the three words below fp, and no call takes the place of its caller. The device
-# is to live past 2038.
+# A call stack is walked along APCS frames: every function stores its caller's frame pointer, stack pointer
+# and return address in the three words below fp, and there are no tail calls. 64-bit times keep the device
+# working beyond 2038.
 set(CMAKE_CXX_FLAGS_INIT "-marm -mapcs-frame -fno-omit-frame-pointer -fno-optimize-sibling-calls \
 -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64 -isystem ${device_sysroot}/usr/include")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-L${device_sysroot}/usr/lib/arm-linux-gnueabihf")
 
-# The names that the C library's headers give to calls for the sake of 64-bit times and offsets.
+# With 64-bit times and offsets, the C library's headers rename these calls.
 foreach(call creat fallocate fopen ftruncate getrlimit lockf lseek mkstemp mmap open openat pread pwrite setrlimit
              statfs truncate)
     set(linked_as_${call} ${call}64)

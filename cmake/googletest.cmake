@@ -1,4 +1,4 @@
-# GoogleTest for another machine than this one, from Debian's sources of it.
+# GoogleTest for another machine, from Debian's source package.
 set(googletest /usr/src/googletest/googletest)
 add_library(gtest STATIC ${googletest}/src/gtest-all.cc)
 add_library(gtest_main STATIC ${googletest}/src/gtest_main.cc)

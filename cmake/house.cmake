@@ -1,4 +1,4 @@
-# What every target of the project shares. The daemon has no exceptions, no RTTI and no C++ runtime library;
+# Shared by all targets of the project. The daemon has no exceptions, no RTTI and no C++ runtime library;
 # tools and tests may have all three.
 
 set(CMAKE_CXX_STANDARD 20)
@@ -11,29 +11,29 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 
-# Frames stay walkable for the call stack of a crash report, and a program runs where its symbols say.
+# A crash report walks the frames, and its addresses must match the symbols file.
 add_compile_options(-fno-omit-frame-pointer -fno-optimize-sibling-calls -ffunction-sections -fdata-sections)
-# Nothing of a function comes before its frame, or a crash there hides the caller.
+# A function sets up its frame before anything else, or a crash there would hide its caller.
 add_compile_options($<$<CXX_COMPILER_ID:GNU>:-fno-schedule-insns2> $<$<CXX_COMPILER_ID:GNU>:-fno-shrink-wrap>)
 add_compile_options($<$<NOT:$<BOOL:$<TARGET_PROPERTY:POSITION_INDEPENDENT_CODE>>>:-fno-pie>)
 add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-no-pie>)
 add_compile_options(-Wall -Wextra -Werror -Wshadow -Wformat=2 -Wvla -Wundef -Wcast-qual -Wpointer-arith)
 add_link_options(-Wl,--gc-sections -Wl,--as-needed)
 
-# What ships is built for its symbols file too, which is to be the same wherever the sources lie. Nothing unwinds it:
-# a dump walks the frames, a debugger reads the symbols file.
+# Shipped objects are also built for their symbols file, which must not depend on where the sources lie.
+# Nothing needs unwind tables: a dump walks the frames, a debugger reads the symbols file.
 set(house_shipped_options -fno-exceptions -fno-rtti -fno-unwind-tables -fno-asynchronous-unwind-tables
     -g -ffile-prefix-map=${PROJECT_SOURCE_DIR}/= -ffile-prefix-map=${CMAKE_BINARY_DIR}=.)
 
-# One folder is one static library; its include path is the root of the repository.
+# A static library; its include path is the root of the repository.
 function(house_library name)
     add_library(${name} STATIC ${ARGN})
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
     target_compile_options(${name} PRIVATE ${house_shipped_options} -fno-threadsafe-statics)
 endfunction()
 
-# Every call out of the target's programs goes to __wrap_CALL, which finds what it replaces as __real_CALL. Where
-# the C library's headers rename the call, these two follow.
+# Redirects every call from the target's programs to __wrap_CALL, which reaches the original as __real_CALL.
+# If the C library's headers rename the call, so are these two.
 function(house_wrap target scope)
     foreach(call ${ARGN})
         set(linked_as ${call})
@@ -54,7 +54,7 @@ function(house_test name)
     house_wrap(${name} PRIVATE ${arg_WRAP})
 endfunction()
 
-# Ends the configuration unless the setting is an IPv4 address, or with PORT perhaps ADDRESS:PORT.
+# Fails the configuration unless the setting is an IPv4 address; with PORT, ADDRESS:PORT is also allowed.
 function(house_check_address setting)
     cmake_parse_arguments(arg "PORT" "" "" ${ARGN})
     set(address "${${setting}}")

@@ -1,14 +1,14 @@
-# What an installation takes of what was built: no more bytes than the device has use for, and beside them a file
-# with every name and line, for whoever reads a crash report on another machine.
+# Installs no more bytes than the device needs, and beside each program a file with all its names and lines,
+# to read a crash report on another machine.
 
-set(LUMD_STRIP all CACHE STRING "What the device goes without: all symbols, all but the names of functions, none")
+set(LUMD_STRIP all CACHE STRING "Symbols stripped for the device: all, all but function names, none")
 set_property(CACHE LUMD_STRIP PROPERTY STRINGS all names none)
 if(NOT LUMD_STRIP MATCHES "^(all|names|none)$")
     message(FATAL_ERROR "LUMD_STRIP is all, names or none, not ${LUMD_STRIP}")
 endif()
 
-# Component "device" is what belongs on the device, below the prefix; component "symbols" stands where a debugger
-# looks for it.
+# Component "device" goes onto the device, below the prefix; component "symbols" lies where a debugger looks
+# for it.
 function(house_ship target destination)
     set(shipped ${CMAKE_BINARY_DIR}/shipped/${target})
     set(strip_all --strip-all)

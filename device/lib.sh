@@ -1,7 +1,7 @@
 # Shared by the scripts that run the virtual device.
 # shellcheck shell=bash
 
-# Servers and mounting are the administrator's: not on the PATH of a Debian user.
+# Servers and mount tools are for administrators: not on the PATH of ordinary Debian users.
 PATH=$PATH:/usr/sbin:/sbin
 
 die() {
@@ -9,7 +9,7 @@ die() {
     exit 1
 }
 
-# Repeats a command until it succeeds, five times a second for at most SECONDS; its last status is the result.
+# Retries a command until it succeeds, five times a second for at most SECONDS. Fails if it never does.
 poll() { # SECONDS COMMAND...
     local tries=$(($1 * 5))
     shift
@@ -19,14 +19,14 @@ poll() { # SECONDS COMMAND...
     done
 }
 
-# A process for good: its id and its start time, out of its line in /proc/PID/stat.
+# Identifies a process beyond reuse of its id: id and start time, from its line in /proc/PID/stat.
 identity() { # STAT
     local -a fields
     read -r -a fields <<<"${1##*) }"
     echo "${1%% *} ${fields[19]}"
 }
 
-# The id, as the outside knows it, of the first process of the device that runs in DIR; fails when none does.
+# The id, as seen from outside, of the first process of the device that runs in DIR; fails if there is none.
 running() { # DIR
     local pid stat now
     { read -r pid _ <"$1/init"; } 2>/dev/null || return 1

@@ -1,6 +1,5 @@
-// mkflash IMAGE [NAME FILE]: makes the image of an erased flash partition and, when asked to, stores the
-// bytes of FILE in it as the blob NAME. Exit status: 0 done, 2 usage, 7 the image or the blob could not be
-// written.
+// mkflash IMAGE [NAME FILE]: makes the image of an erased flash partition and, if given, stores the bytes of
+// FILE in it as the blob NAME. Exit status: 0 done, 2 usage, 7 the image or the blob could not be written.
 #include "syscfg/registry.h"
 
 #include <cerrno>

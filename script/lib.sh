@@ -1,8 +1,8 @@
-# Shared by the scripts: they all work from the root of the repository, and none reads standard input.
+# Shared by the scripts: all work from the root of the repository, and none reads standard input.
 # shellcheck shell=bash
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 exec </dev/null
-# Programs of the administrator, too: they are not on the PATH of a Debian user.
+# Some programs are for administrators: not on the PATH of ordinary Debian users.
 PATH=$PATH:/usr/sbin:/sbin
 
 die() {

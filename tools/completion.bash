@@ -1,12 +1,12 @@
-# Completion for syscfg, svcctl and netdiag. Names and current values come from the running daemon. Which
-# values a choice has, and which services there are, no request tells: that comes from the daemon's files.
+# Completion for syscfg, svcctl and netdiag. Names and current values come from the running daemon. No request
+# returns the values of a choice or the list of services; those come from the daemon's files.
 # shellcheck shell=bash
 
 _syscfg_names() {
     syscfg -q -t 1 list | sed 's/=.*//'
 }
 
-# The values that the definitions allow: of a choice all, of a bool both.
+# The values that the definitions allow: those of a choice, or of a bool.
 _syscfg_choices() { # NAME
     awk -v wanted="$1" '
         function parse(path, depth,    line, words, count, at) {
@@ -37,7 +37,7 @@ _syscfg_services() {
     awk '$1 == "service" { print $2 }' /etc/svc.conf /usr/etc/svc.conf 2>/dev/null
 }
 
-# The first operand before the word that is being completed.
+# The first operand before the word being completed.
 _syscfg_verb() {
     local at
     for ((at = 1; at < COMP_CWORD; at++)); do
@@ -52,7 +52,7 @@ _syscfg_verb() {
     done
 }
 
-# What begins like the word that is being completed, quoted: a value may hold anything, also commands.
+# Candidates that begin with the word being completed, quoted: a value may hold anything, even commands.
 _syscfg_reply() { # WORD...
     local word
     COMPREPLY=()
@@ -64,7 +64,7 @@ _syscfg_reply() { # WORD...
 _syscfg_reply_lines() { # COMMAND...
     local words
     words=$("$@" | sort -u)
-    mapfile -t words <<<"$words" # a pipe by its name would take /dev/fd
+    mapfile -t words <<<"$words" # process substitution needs /dev/fd
     _syscfg_reply "${words[@]}"
 }
 

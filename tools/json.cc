@@ -4,13 +4,13 @@
 
 namespace {
 
-// The first byte's fixed bits, and the smallest character that needs so many bytes.
+// The fixed bits of the first byte, and the smallest character that needs this many bytes.
 constexpr struct {
     uint8_t mask, lead;
     uint32_t least;
 } forms[] = {{0x80, 0x00, 0}, {0xe0, 0xc0, 0x80}, {0xf0, 0xe0, 0x800}, {0xf8, 0xf0, 0x10000}};
 
-// The length of the character that text begins with; 0 when it begins with none.
+// The length of the character at the start of text; 0 if it is malformed.
 size_t character_length(std::string_view text)
 {
     const auto first = static_cast<uint8_t>(text.front());

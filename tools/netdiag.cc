@@ -1,6 +1,6 @@
-// netdiag: the device's network as it is now: interfaces, the route to an address, the address that the
-// outside sees. It asks the kernel and the network, not the daemon; what the library logs goes to standard
-// error.
+// netdiag: the state of the device's network: interfaces, the route to an address, the device's address as
+// seen from outside. It asks the kernel and the network, not the daemon; the library's log lines go to
+// standard error.
 #include "net/gateway.h"
 #include "net/interfaces.h"
 #include "net/sockaddr.h"
@@ -41,7 +41,7 @@ struct address {
 
 constexpr socklen_t address_length = sizeof(sockaddr_in);
 
-// Written as we would write it: what follows an address would be passed over, an octal number misread.
+// Only our own spelling is accepted: the parser would ignore text after an address and misread octal numbers.
 address read_address(const char *text, bool may_have_port)
 {
     address result = {};
@@ -122,7 +122,7 @@ void interfaces(words)
         printf(list ? "\n]\n" : "[]\n");
 }
 
-// The routing table says nothing of the device's own addresses, nor of the loopback network.
+// The routing table lists neither the device's own addresses nor the loopback network.
 const ifi *find_own(const ifi *list, const sockaddr *dest)
 {
     for (const ifi *at = list; at; at = at->next) {
@@ -154,7 +154,7 @@ void route_to(words operands)
     if (const ifi *own = find_own(list.get(), dest.any()))
         return print_route(own->name, own);
     const char *name = findsaddr(dest.any());
-    // A route may also say that there is no way.
+    // A route may also reject its destinations.
     if (!name || strcmp(name, "*") == 0)
         leave(code_no, "no route to %s", operands[0]);
     print_route(name, get_route_ifaddr(fd, dest.any()).get());

@@ -1,4 +1,4 @@
-// svcctl: asks the daemon to start and stop services, by lines in its control FIFO. The FIFO does not answer.
+// svcctl: starts and stops services through lines in the daemon's control FIFO, which never answers.
 #include "tools/tool.h"
 
 #include <algorithm>
@@ -17,10 +17,10 @@
 namespace {
 
 constexpr char fifo_path[] = "/tmp/svcctl";
-// The daemon reads that much at once, and takes a line that goes on behind it for two.
+// The daemon reads at most this much at once; a line that continues in the next read becomes two.
 constexpr size_t longest_line = 255;
 constexpr long retry_ms = 5;
-// What was stopped gets its signal at once and is not waited for: the time that its successor leaves it.
+// A stopped service gets its signal at once and is not waited for; this is how long it has until the start.
 constexpr long restart_pause_ms = 1000;
 
 constexpr char usage[] = "usage: svcctl start NAME... | stop NAME... | restart NAME...  [-q] [-t SECONDS]\n"
@@ -80,7 +80,7 @@ bool write_whole(int fd, std::string_view line)
     return false;
 }
 
-// One at a time among the tools, and only while what the daemon has not read yet and this line are one read.
+// One tool at a time, and only if the line fits into one read with what the daemon has not read yet.
 void send_line(int fd, std::string_view line)
 {
     wait_until([fd] { return flock(fd, LOCK_EX | LOCK_NB) == 0; });
@@ -93,7 +93,7 @@ void send_line(int fd, std::string_view line)
     flock(fd, LOCK_UN);
 }
 
-// As many lines as it takes.
+// Sends as many lines as the names need.
 void send_names(int fd, std::string_view keyword, names wanted)
 {
     for (char **at = wanted.first; at != wanted.end;) {

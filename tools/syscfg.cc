@@ -1,6 +1,5 @@
 // syscfg: reads, sets, waits for, lists and saves the device's configuration. The daemon's refusals become
-// exit statuses, so the requests are written here and not by the library, whose calls know success and
-// failure only.
+// exit statuses; the library's calls only tell success from failure, so the requests are built here.
 #include "syscfg/client.h"
 #include "tools/json.h"
 #include "tools/tool.h"
@@ -57,8 +56,8 @@ struct request {
     }
 };
 
-// The library's calls have no time limit of their own. Nothing is lost here: whatever was to be printed
-// before the call has been written.
+// The library's calls have no time limit of their own. No output is lost here: it was flushed before
+// the call.
 void end_late(int)
 {
     constexpr char text[] = "syscfg: no answer in time\n";
@@ -66,7 +65,7 @@ void end_late(int)
     _exit(code_late);
 }
 
-// Whoever started us may have left the signal blocked or ignored.
+// The parent may have left the signal blocked or ignored.
 void prepare_limit()
 {
     struct sigaction ending = {};
@@ -87,7 +86,7 @@ time_t monotonic_seconds()
     return now.tv_sec;
 }
 
-// From now on, all that is asked together takes so long, and at most the second more that the clock hides.
+// Starts the time limit of all following requests together. Whole seconds may stretch it by one.
 void begin_limit()
 {
     deadline = monotonic_seconds() + seconds() + 1;
@@ -157,7 +156,7 @@ constexpr struct {
     leave(code_no, "%.*s: not an answer of the daemon", shown, what.data());
 }
 
-// What takes flash, or the daemon's files, fails for their sake.
+// If one of these fails, the flash or the daemon's files are to blame.
 void command(const char *name)
 {
     const std::string_view answer = ask("%", name);
@@ -195,14 +194,14 @@ assignment split(std::string_view word)
         leave(code_usage, "\"%s\" is not NAME=VALUE", word.data());
     const std::string_view name(word.data(), equals);
     word.remove_prefix(equals + 1);
-    // Anything else could be another request than an assignment.
+    // Any other name could turn the assignment into a different request.
     if (name.size() > longest_name ||
         !is_name(name.starts_with('@') ? std::string_view(name.data() + 1, name.size() - 1) : name))
         leave_refused(name, "!ERR NOENT");
     return {name, word};
 }
 
-// The daemon drops the white space around a value that is not quoted.
+// The daemon drops white space around an unquoted value.
 std::string_view send_assignment(std::string_view verb, const assignment &wanted)
 {
     const std::string_view value = wanted.value;
@@ -256,8 +255,7 @@ int collect_name(void *context, const char *name, const char *)
     return 0;
 }
 
-// Their values are asked for one by one: a line of the list ends at its 161st byte, or at a quote in the
-// value.
+// Values are queried one by one: a line of the list ends at its 161st byte, or at a quote in the value.
 std::span<variable> find_variables(const char *pattern)
 {
     static variables found;
@@ -265,7 +263,7 @@ std::span<variable> find_variables(const char *pattern)
     if (limited([] { return syscfg_list(collect_name, &found); }) < 0)
         leave_unanswered();
     const std::span<variable> all(found.all, found.count);
-    std::reverse(all.begin(), all.end()); // the order of their declaration
+    std::reverse(all.begin(), all.end()); // into declaration order
     for (variable &var : all)
         var.value = copy(value_of(var.name));
     return all;
@@ -296,7 +294,7 @@ void get(words names)
     }
 }
 
-// The lines in flash end a value at a quote or a line end.
+// A value saved in flash ends at a quote or a line end.
 void check_savable(std::string_view value)
 {
     if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"'))
@@ -317,7 +315,7 @@ void set(words assignments)
         const std::string_view answer = send_assignment("", wanted);
         if (answer == "!OK")
             continue;
-        // All lines of a list can be given back, though not every variable can be set, nor to nothing.
+        // Every line of a list may be given back, but some variables cannot be set, or not to an empty value.
         const bool is_read_only = answer == "!ERR ACCESS";
         if (!is_read_only && answer != "!ERR INVAL")
             leave_refused(wanted.name, answer);
@@ -330,7 +328,7 @@ void set(words assignments)
         command("apply");
 }
 
-// False when the value has a line end in it: what follows would be taken for another variable's line.
+// False if the value has a line end: the rest would be read as another variable's line.
 bool print_line(const variable &var)
 {
     if (strchr(var.value, '\n'))
@@ -378,7 +376,7 @@ void apply(words names)
     for (const char *name : names) {
         if (!is_name(name))
             leave_refused(name, "!ERR NOENT");
-        value_of(name); // the daemon passes over names that it does not know
+        value_of(name); // the daemon ignores unknown names in a wait
         asked.add(name);
         asked.add(" ");
     }
@@ -402,7 +400,7 @@ void reset(words)
     command("reset");
 }
 
-// There is no request that tells of changes, and a list would leave a line in the daemon's log each time.
+// No request reports changes, and polling with lists would log a line each time.
 [[noreturn]] void watch(words patterns)
 {
     const auto all = find_variables(patterns[0]);

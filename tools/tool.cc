@@ -13,17 +13,17 @@ namespace {
 
 constexpr int longest_seconds = 86400;
 
-// A save syncs the flash, which may take its time.
+// A save syncs the flash, which can be slow.
 int given_seconds = 30;
 
-// The library's lines go the same way.
+// Also silences the library's lines.
 void be_quiet()
 {
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (nowhere < 0 || nowhere == STDERR_FILENO)
         return;
     dup2(nowhere, STDERR_FILENO);
-    close(nowhere); // perhaps the place of a closed standard output
+    close(nowhere); // may close a reused standard output
 }
 
 int read_seconds(std::string_view text)
@@ -86,7 +86,7 @@ void take_common_option(int letter, const char *value, const char *usage)
     case 'V':
         printf("%s %s\n", program_invocation_short_name, LUMD_VERSION);
         leave_done();
-    default: // getopt has said what is wrong
+    default: // getopt has printed the error
         dprintf(STDERR_FILENO, "%s", usage);
         exit(code_usage);
     }

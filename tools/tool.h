@@ -1,14 +1,14 @@
-// What the command-line tools have in common: exit statuses, complaints, options.
+// Shared by the command-line tools: exit statuses, errors, options.
 #pragma once
 
 #include <cstddef>
 #include <span>
 #include <string_view>
 
-// One table for all of them, which never changes.
+// One table for all tools; it never changes.
 enum exit_code {
     code_done = 0,
-    code_no = 1, // or not so
+    code_no = 1, // also: the answer is no
     code_usage = 2,
     code_no_name = 3,
     code_refused = 4,
@@ -17,25 +17,25 @@ enum exit_code {
     code_storage = 7,
 };
 
-// Ends the tool after a line on standard error: its name, ": ", the message.
+// Ends the tool with a line on standard error: its name, ": ", the message.
 [[noreturn]] void leave(exit_code code, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
-// Ends the tool; not with success when its output could not be written.
+// Ends the tool: success if all output was written, else an error.
 [[noreturn]] void leave_done();
 
-// Ends the tool with what is wrong, as leave says it, and the usage on standard error.
+// Ends the tool with the message, as leave does, and the usage on standard error.
 [[noreturn]] void leave_with_usage(const char *usage, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
-// Takes the options that every tool has: -q, -t, -h and -V, whose letter it is; value is getopt's. Leaves
-// with the usage on any other.
+// Handles the options common to all tools: -q, -t, -h and -V. letter and value come from getopt. Any other
+// option ends the tool with the usage.
 void take_common_option(int letter, const char *value, const char *usage);
 
-// The value of -t, or else the default.
+// The value of -t, or the default.
 int seconds();
 
-// The row of the table whose verb is the first word and takes so many operands; leaves with the usage when
-// there is none.
+// Finds the row whose verb is the first word and takes this number of operands. Ends the tool with the usage
+// if there is none.
 template <typename Verb, size_t count>
 const Verb &take_verb(const Verb (&verbs)[count], std::span<char *const> given, const char *usage)
 {

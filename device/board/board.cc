@@ -14,7 +14,7 @@
 
 namespace {
 
-// Numbers of the board's drivers.
+// Request numbers of the board's drivers.
 constexpr unsigned long gpio_set_led = 1;
 constexpr unsigned long watchdog_set_options = 0xC0045706;
 constexpr uint32_t option_stop = 0;
@@ -35,7 +35,7 @@ constexpr struct {
     const char *file;
 } devices[] = {{"/dev/watchdog", watchdog_file}, {"/dev/gpio", led_file}};
 
-// A record never becomes shorter, but by a new start, so that it can be written over itself.
+// A record is overwritten in place, so its length never shrinks until the next power-on.
 void write_record(int fd, unsigned long long feeds, bool armed)
 {
     char text[96];
@@ -164,7 +164,7 @@ int board_power_on()
     }
     char timeout[16];
     snprintf(timeout, sizeof timeout, "%ld", default_timeout_s);
-    // The log goes on: whoever reads it wants to know what led to the reset.
+    // The log is kept: it shows what led to the reset.
     return board_write_file(watchdog_file, "0 0.000000 off  ", O_TRUNC) < 0 ||
                    board_write_file(led_file, "0 0x00000000", O_TRUNC) < 0 ||
                    board_write_file(timeout_file, timeout, O_EXCL) < 0

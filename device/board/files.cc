@@ -15,10 +15,10 @@ namespace {
 
 constexpr off_t most_log_bytes = 1 << 18;
 constexpr mode_t file_mode = 0644, directory_mode = 0755;
-// Neither a FIFO nor a terminal holds up whoever opens it.
+// Opening a FIFO or a terminal must not block.
 constexpr int harmless = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
-// Whoever is told that a call is not the board's goes on as though it had not been asked.
+// A call that turns out not to be the board's must leave errno as it was.
 class errno_scope {
   public:
     errno_scope() = default;
@@ -36,7 +36,7 @@ class path {
     {
         const int length = snprintf(text_, sizeof text_, "%s/%s%s", board_dir(), name, ending);
         if (length < 0 || static_cast<size_t>(length) >= sizeof text_)
-            text_[0] = '\0'; // which no file has
+            text_[0] = '\0'; // matches no file
     }
     [[nodiscard]] const char *get() const { return text_; }
 

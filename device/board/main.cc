@@ -1,9 +1,7 @@
-// board: what the virtual board does while nobody calls it.
-//   board prepare DIR [INTERFACE...]   power comes on: makes DIR and what is missing in it, the watchdog off
-//   board watch DIR PID                stands for the hardware watchdog: a process that opened it and does
-//   not
-//                                      feed it in time is answered by SIGKILL to PID, the device. Ends with
-//                                      it.
+// board: the part of the virtual board that runs by itself.
+//   board prepare DIR [INTERFACE...]   power-on: creates DIR and whatever is missing in it; watchdog off
+//   board watch DIR PID                the hardware watchdog: once it is open and not fed in time, kills PID,
+//                                      the device, with SIGKILL. Ends with PID.
 // Exit status: 0 done, or PID has ended by itself; 1 failed; 2 usage; 5 the watchdog reset the device.
 #include "device/board/board.h"
 
@@ -25,7 +23,7 @@ namespace {
 enum exit_code { code_done = 0, code_failed = 1, code_usage = 2, code_reset = 5 };
 
 constexpr int tick_ms = 100;
-// A machine that stood still makes nobody late.
+// If this machine stood still, e.g. suspended, the device is not blamed for it.
 constexpr int64_t longest_tick_us = 2 * tick_ms * 1000;
 
 const char *directory;
@@ -47,7 +45,7 @@ exit_code prepare(char *const *interfaces)
     return code_done;
 }
 
-// The process is held by a descriptor: its id cannot become another's.
+// A pidfd holds the process, so its id cannot be reused.
 exit_code watch(pid_t pid)
 {
     const auto device = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr unsigned long private_mii_read = SIOCDEVPRIVATE + 1;
-constexpr uint16_t nothing = 0xFFFF; // what a bus says that nobody drives
+constexpr uint16_t nothing = 0xFFFF; // what an undriven bus reads
 constexpr char default_phys[] = "1 0x7809 0x0022 0x1619 0x0101";
 constexpr size_t most_text = 2048; // 31 PHYs
 
@@ -25,7 +25,7 @@ struct phy {
 struct interface {
     char name[IFNAMSIZ + 1];
 
-    // A setting of it in the buffer, empty when it is missing.
+    // Reads a setting of the PHY into the buffer; empty if missing.
     std::string_view setting(const char *what, std::span<char> buffer) const
     {
         char file[IFNAMSIZ + 16];
@@ -54,7 +54,7 @@ bool next_phy(const char *&text, phy &next)
     return true;
 }
 
-// The PHY at that address, or the first at all for none.
+// The PHY at that address, or the first one for null.
 bool find_phy(const interface &of, const uint16_t *address, phy &found)
 {
     char text[most_text];
@@ -101,8 +101,8 @@ bool is_offered(const interface &of, unsigned long request)
     return mode == (request == private_mii_read ? "private" : "standard");
 }
 
-// The ways that drivers have: the private request reads whatever address the bus has, as does the one for
-// registers alone; with both standard ones a driver knows its own PHYs.
+// Drivers differ: the private request reads any address on the bus, and so does the standard request for
+// registers alone; with both standard requests a driver knows only its own PHYs.
 int answer(const interface &of, unsigned long request, mii_ioctl_data &words)
 {
     phy found = {};

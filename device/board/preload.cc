@@ -1,5 +1,5 @@
-// The front before the C library: a program that is started with LD_PRELOAD finds the board of the directory
-// BOARD_DIR. What the program starts itself is not led here.
+// The front before the C library: a program started with LD_PRELOAD finds the board in the directory
+// BOARD_DIR. Programs that it starts in turn do not.
 #include "device/board/board.h"
 
 #include <cerrno>
@@ -16,7 +16,7 @@
 
 namespace {
 
-// Where long has 32 bits, only this flag lets files be larger.
+// Where long has 32 bits, large files need this flag.
 constexpr int large_file = sizeof(long) == 4 ? 0400000 : 0;
 
 __attribute__((constructor)) void alone()
@@ -30,7 +30,7 @@ constexpr long clock_read_call = SYS_clock_adjtime64;
 constexpr long clock_read_call = SYS_clock_adjtime;
 #endif
 
-// Reading is allowed.
+// Reading the clock is allowed.
 int change_clock(const char *call, timex *change, clockid_t clock)
 {
     if (change->modes == 0)

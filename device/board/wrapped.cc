@@ -1,5 +1,5 @@
-// The front under a test program, by -Wl,--wrap: what stands between the program and the board already, for
-// open, write and ioctl, asks the board itself.
+// The front under a test program, through -Wl,--wrap. For open, write and ioctl, which test programs already
+// replace, that replacement asks the board.
 #include "device/board/board.h"
 
 #include <csignal>

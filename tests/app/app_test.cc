@@ -17,7 +17,7 @@ namespace {
 
 using namespace support;
 
-// What was called back, in order, and what each does then.
+// Names of the callbacks in order, and what each does when called.
 std::string ran;
 struct act {
     std::string name;
@@ -56,7 +56,7 @@ struct app_test : test {
         EXPECT_EQ(timer_start(made.get(), count), 0);
         return made;
     }
-    // What is called in each of so many passes, ms apart.
+    // The callbacks of each of count passes, ms apart.
     static std::string passes(int count, int64_t ms = 0)
     {
         ran.clear();
@@ -78,7 +78,7 @@ struct app_test : test {
     captured_log log;
     scheduler queue = {};
     act a{"a", {}}, b{"b", {}}, c{"c", {}}, d{"d", {}};
-    int ready = eventfd(1, 0), quiet = eventfd(0, 0); // readable always and never
+    int ready = eventfd(1, 0), quiet = eventfd(0, 0); // always readable, and never
 };
 
 TEST_F(app_test, every_log_call_writes_its_shape_in_one_write_and_keeps_errno)
@@ -121,7 +121,7 @@ TEST_F(app_test, every_log_call_writes_its_shape_in_one_write_and_keeps_errno)
     });
 }
 
-// Standard error is a pipe or terminal with a stalled reader, which reads all there is when it is asked.
+// Standard error is a pipe or terminal whose stalled reader reads only in reads().
 struct stalled_reader {
     int reader = -1, writer = -1;
 
@@ -154,7 +154,7 @@ TEST_F(app_test, a_stalled_reader_holds_up_a_burst_once_and_is_told_what_it_miss
         clock_gettime(CLOCK_MONOTONIC, &at);
         return static_cast<double>(at.tv_sec) + static_cast<double>(at.tv_nsec) / 1e9;
     };
-    const std::tuple<bool, int, bool> outputs[] = {// is a terminal, flags of its descriptor, opened anew
+    const std::tuple<bool, int, bool> outputs[] = {// is a terminal, flags of its descriptor, reopened
                                                    {false, 0, false},
                                                    {false, 0, true},
                                                    {false, O_NONBLOCK, false},
@@ -202,7 +202,7 @@ TEST_F(app_test, timers_run_by_expiry_newest_first_within_one_instant_as_often_a
     EXPECT_EQ(passes(2, 50), "d,a");
     const std::tuple<int, const char *, int> cases[] = {
         {1, "a,,,,", -1}, {3, "a,a,a,,", -1}, {0, "a,a,a,a,a", 0}, {-1, "a,a,a,a,a", 0}};
-    for (const uint32_t period : {0, 100}) { // also without one a timer runs once a pass
+    for (const uint32_t period : {0, 100}) { // with period 0, too, a timer runs once a pass
         for (const auto &[count, runs, stopped] : cases) {
             const owned t = started(period, count, a);
             now_us += period * 1000;
@@ -228,7 +228,7 @@ TEST_F(app_test, a_timer_may_stop_restart_and_free_itself_and_others)
 TEST_F(app_test, tells_the_time_until_the_next_timer)
 {
     const std::tuple<uint32_t, int64_t, int64_t, int> cases[] = {
-        // period, start, what the clock then shows, left
+        // period, start, clock afterwards, time left
         {1500, 2000000, 2000000, 1500}, {1500, 2000000, 2000001, 1499}, {1, 2000000, 2000999, 0},
         {1, 2999999, 2999999, 1},       {900, 2999000, 3001000, 898},   {1000, 2000000, 1000000, 2000},
         {1000, 1LL << 52, 1, INT_MAX},  {UINT_MAX, 0, 0, INT_MAX}};
@@ -314,7 +314,7 @@ TEST_F(app_test, scheduled_calls_run_by_priority_and_order_one_a_pass_each_queue
 
 TEST_F(app_test, a_slot_is_descriptor_context_and_callback_in_order_of_registration)
 {
-    std::vector<act> many(17, act{"x", {}}); // one more than the table has room for at first
+    std::vector<act> many(17, act{"x", {}}); // one more than the table's first capacity
     for (size_t i = 0; i < many.size(); ++i) {
         many[i].name = static_cast<char>('A' + i);
         EXPECT_EQ(add(many[i], ready), i + 1);
@@ -389,7 +389,7 @@ TEST_F(app_test, the_loop_polls_twice_a_pass_and_ends_with_the_code)
 {
     for (const auto &[code, result, failing] : {std::tuple{0, 0, 0}, {0x12345, 0x2345, 1}, {-1, 0xFFFF, 2}}) {
         isolated([&, code = code, result = result, failing = failing] {
-            eventfd_t drained; // the parent has it too
+            eventfd_t drained; // shared with the parent
             add(a, quiet);
             a.then = [&] { eventfd_read(quiet, &drained), app_quit(code); };
             timer_call_later(1500, nullptr, [](void *) {});
@@ -421,7 +421,7 @@ TEST_F(app_test, the_loop_polls_twice_a_pass_and_ends_with_the_code)
 TEST_F(app_test, without_memory_a_registration_fails_and_harms_nothing)
 {
     isolated([this] {
-        int fd = 3000; // none that is open: they only take place, until the table must grow
+        int fd = 3000; // not open: these only fill the table until it must grow
         for (const int k : {1, 2}) {
             fail_call(ALLOC, k);
             while (add(b, fd, 0) > 0)
@@ -442,7 +442,7 @@ TEST_F(app_test, the_stack_of_calls_is_paired_beyond_its_size)
             EXPECT_GT(logged_stack_push(&addr), 0);
         for (int i = 299; i >= 2; --i)
             logged_stack_pop(&at[i]);
-        logged_stack_pop(&at[0]); // not the innermost: stays
+        logged_stack_pop(&at[0]); // not the innermost: ignored
         EXPECT_EQ(logged_stack_push(&at[2]), 3);
         for (int i = 2; i >= -1; --i)
             logged_stack_pop(&at[std::max(i, 0)]);

@@ -11,7 +11,7 @@ using namespace std::string_literals;
 const struct {
     std::string sent, good, tag, write_fails, read_fails, wrong;
 } steps[] = {
-    {"", "220 ready\r\n", "80", "E081", "E081", "E087"}, // nothing is written, so the fault is a cut reply
+    {"", "220 ready\r\n", "80", "E081", "E081", "E087"}, // no write here: the fault is a short reply
     {"HELO " LUMD_BUGREPORT_DOMAIN "\r\n", "250-first of two\r\n", "97", "E093", "E098", "E104"},
     {"MAIL FROM:<" LUMD_BUGREPORT_MAILBOX ">\r\n", "250\n", "114", "E110", "E115", "E121"},
     {"RCPT TO:<" LUMD_BUGREPORT_MAILBOX ">\r\n", "2500\r\n", "131", "E127", "E132", "E138"},
@@ -20,8 +20,8 @@ const struct {
     {"QUIT\r\n", "500 so what\r\n", "205", "", "", ""},
 };
 
-// The server is well up to the last step and has the last line for that. Instead it may go without a farewell
-// before that step's send, or take no more than a half of it.
+// The server behaves up to the last step, whose reply is last_line. GONE: it disconnects without a word
+// before that step's send; 1/2: it takes only half of the send.
 const std::string gone = "GONE", half = "1/2";
 size_t sends, last_step;
 std::string last_line;

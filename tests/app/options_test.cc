@@ -12,7 +12,7 @@ namespace {
 
 using namespace support;
 
-int refused_signal; // by sigaction
+int refused_signal; // sigaction fails for it
 
 // clang-format off
 const app_option options[] = {
@@ -20,7 +20,8 @@ const app_option options[] = {
     {"numbers", 'N', nullptr, APP_OPT_INT | APP_OPT_LIST}, {"text", 't', "T_TEXT", 1}, {"texts", 'T', "T_TEXTS", 1 | APP_OPT_LIST},
     {"config", 'c', "T_CONFIG", APP_OPT_CONFIG}, {nullptr, '-', nullptr, 1 | APP_OPT_LIST}};
 
-// What a program can read: "n=[5]:5! T=[a][b]^ " has elements, their numbers or the list itself, and is set.
+// The options as a program reads them. "n=[5]:5! T=[a][b]^ ": elements, parsed numbers or ^ for the list
+// itself, ! if set.
 std::string shown()
 {
     const captured_log log;
@@ -58,12 +59,12 @@ struct start {
     setenv("HOME", device_root.c_str(), 1);
     putenv(const_cast<char *>(how.environment.c_str()));
     dup2(STDERR_FILENO, STDOUT_FILENO);
-    on_exit([](int code, void *) { _exit(code); }, nullptr); // what other tests left behind is no leak of this one
+    on_exit([](int code, void *) { _exit(code); }, nullptr); // other tests' leftovers are no leaks
     refused_signal = how.refused;
     fail_call(how.failing, 1);
     app_init(static_cast<int>(argv.size()), argv.data(), options, "try");
     if (how.refused_again) {
-        device_prefixes = {"/dev/"}; // no dump on the machine's own console
+        device_prefixes = {"/dev/"}; // keeps dumps off the machine's own console
         refused_signal = SIGALRM;
         close(STDIN_FILENO), raise(SIGALRM);
     }
@@ -71,7 +72,7 @@ struct start {
     _exit(0);
 }
 
-// Compares what programs say and then can read, or how they end.
+// Compares what programs print and then read, or how they exit.
 void expect(int code, const std::vector<start> &starts)
 {
     for (const start &how : starts) {
@@ -82,7 +83,7 @@ void expect(int code, const std::vector<start> &starts)
     }
 }
 
-// What reads it finds this text and then its end.
+// A pipe with this text, then end of file.
 unique_fd pipe_of(std::string_view text)
 {
     int ends[2] = {-1, -1};

@@ -8,7 +8,7 @@
 #include <sys/resource.h>
 
 // clang-format off
-// What follows a call keeps it from taking the place of its caller.
+// The asm after the call prevents a tail call.
 #define CALLER(name, call) \
     extern "C" __attribute__((noinline)) int name(const char **names, int max) { const int n = call(names, max); asm volatile(""); return n; }
 CALLER(inner, app_backtrace_symbols)
@@ -19,9 +19,10 @@ namespace {
 using namespace support;
 using symbols_test = test;
 
-std::string executable; // what the link to it says, when it is not our own
+std::string executable; // what its link returns, if not our own
 
-// The functions none, one, two (not here), three, a variable and last, at 0, 10, 20 ... The end of the file is theirs.
+// Functions none, one, two (undefined), three, a variable and last, at 0, 10, 20 ... Their table ends
+// the file.
 struct image {
     ElfW(Ehdr) head = {{0x7f, 'E', 'L', 'F', sizeof(void *) / 4, 1, 1}, ET_EXEC, 0, 1, 0, 1, offsetof(image, none), 0, 0, 0, 0, 0, 3, 0};
     ElfW(Shdr) none = {}, strings = {0, SHT_STRTAB, 0, 0, offsetof(image, names), sizeof names, 0, 0, 0, 0};
@@ -38,7 +39,7 @@ struct image {
     [[nodiscard]] std::string bytes(size_t size = sizeof(image)) const { return {reinterpret_cast<const char *>(this), size}; }
 };
 
-// What is wrong with a file, which has nothing behind its end; else the functions in it.
+// The error for a file with nothing readable beyond its end, or else its functions.
 std::string read(const std::string &file)
 {
     const std::vector<char> bytes(file.begin(), file.end());
@@ -74,10 +75,10 @@ TEST_F(symbols_test, an_executable_is_checked_in_order_and_nothing_is_read_beyon
         {[](auto &i) { i.strings.sh_offset = ~0u; }, ""}, {[](auto &i) { i.strings.sh_size = sizeof i; }, ""},
         {[](auto &i) { i.strings.sh_size = 32; }, "one10-15 three30-35 "},
         {[](auto &i) { i.functions[3].st_name = 33; }, "one10-15 last50-55 "}, {[](auto &i) { i.table.sh_link = 3; }, no_names},
-        {[](auto &i) { i = image(), std::swap(i.strings, i.table), i.strings.sh_link = i.head.e_shnum = 2; }, no_names}, // one beyond the last
+        {[](auto &i) { i = image(), std::swap(i.strings, i.table), i.strings.sh_link = i.head.e_shnum = 2; }, no_names}, // one past the last
         {[](auto &i) { i.head.e_shnum = 0xffff, i.table.sh_link = 0xfffe; }, no_names},
         {[](auto &i) { i.head.e_shoff = sizeof i - 1; }, no_table}, {[](auto &i) { i.head.e_shoff = static_cast<ElfW(Off)>(-8); }, no_table}};
-    image worse; // from the last check to the first: what is checked earlier is told first
+    image worse; // backwards, since earlier checks report first
     for (size_t i = std::size(changes); i-- > 0;) {
         image changed;
         changes[i].first(changed), changes[i].first(i < 12 ? worse : changed);
@@ -113,7 +114,7 @@ TEST_F(symbols_test, what_cannot_be_loaded_is_told_and_the_program_goes_on_witho
 TEST_F(symbols_test, a_walk_ends_where_the_frames_do_and_knows_callers_by_name)
 {
     isolated([] {
-        auto *frames = static_cast<frame_record *>(__builtin_alloca(5 * sizeof(frame_record))); // a sanitizer moves arrays elsewhere
+        auto *frames = static_cast<frame_record *>(__builtin_alloca(5 * sizeof(frame_record))); // sanitizers move arrays elsewhere
         const auto at = [&](size_t i) { return reinterpret_cast<uintptr_t>(frames + i); };
         const auto fp = [&](size_t i) { return at(i) + frame_record_below_fp; };
         const auto walk = [&](uintptr_t third, uintptr_t low, int max) {
@@ -146,7 +147,7 @@ TEST_F(symbols_test, a_walk_ends_where_the_frames_do_and_knows_callers_by_name)
         EXPECT_EQ(walk(fp(3), at(0), 8), 2);
         rlimit limit = {};
         getrlimit(RLIMIT_STACK, &limit), limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_STACK, &limit), getrlimit(RLIMIT_STACK, &limit); // not taken by an emulator
+        setrlimit(RLIMIT_STACK, &limit), getrlimit(RLIMIT_STACK, &limit); // an emulator ignores it
         symbols_load();
         EXPECT_GE(stack_end - stack_begin, std::min<rlim_t>(limit.rlim_cur, 256 << 20));
     });

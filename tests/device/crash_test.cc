@@ -1,4 +1,4 @@
-// What programs say when they die: the crasher, its stripped copy, and the daemon.
+// What programs report when they die: the crasher, its stripped copy and the daemon.
 #include "app/memory.h"
 #include "tests/device/under_test.h"
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-// A compiler may take functions that only their file knows into their callers.
+// Functions of an anonymous namespace (GLOBAL) may be inlined into their callers.
 const std::string innermost = "_ZN6nested9innermostEv ", middle = "_ZN6nested6middleE[jm] ";
 const std::string outer = "(\\S*GLOBAL\\S* )?_Z13app_poll_oncev _ZN6nested8on_timerEPv (\\S*GLOBAL\\S* ){1,2}"
                           "_Z17timer_run_expiredv _Z7app_runv main ";
@@ -24,7 +24,7 @@ testing::AssertionResult matches(const std::string &text, const std::string &pat
     return testing::AssertionResult(same) << text << pattern;
 }
 
-// The functions in the lines of a dump, or the first line that is none.
+// The functions of a dump, or its first line that is malformed.
 std::string functions(const std::string &dump)
 {
     std::string found, text;
@@ -38,7 +38,7 @@ std::string functions(const std::string &dump)
     return found;
 }
 
-// How a crasher ends: by SIGKILL after eight seconds.
+// How a crasher ends; SIGKILL after eight seconds.
 int end_of(const std::string &words, const std::string &shell = "")
 {
     return system((shell + "exec timeout -s 9 8 >/tmp/dump <>/tmp/dump 2>/tmp/said " + words + " 0").c_str());
@@ -55,10 +55,10 @@ struct crash : testing::Test {
         EXPECT_EQ(bind(server.get(), reinterpret_cast<const sockaddr *>(&any), sizeof any), 0);
         setenv("DEBUG_SERVER", "127.255.255.255:4040", 1);
         const std::string path = unlockpt(serial.get()) == 0 ? ptsname(serial.get()) : "";
-        line.reset(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)); // what is printed stays
+        line.reset(open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)); // keeps the output
         EXPECT_EQ(system(("ln -sf " + path + " /dev/ttyS0; stty raw </dev/ttyS0").c_str()), 0);
     }
-    // One datagram, or all that has been printed.
+    // One datagram, or everything printed.
     static std::string taken(const unique_fd &fd, int reads = 1)
     {
         std::string text, part(8192, '\0');
@@ -91,7 +91,7 @@ TEST_F(crash, every_output_names_the_functions)
 TEST_F(crash, an_alarm_is_survived)
 {
     EXPECT_EQ(end_of("crasher kill 14"), W_EXITCODE(7, 0));
-    const std::string dump = read_file("/tmp/dump"); // the first closes it
+    const std::string dump = read_file("/tmp/dump"); // the first dump closes it
     EXPECT_TRUE(matches(functions(dump), "\\?{4} " + callers));
     EXPECT_TRUE(matches(read_file("/tmp/said"), "([^!]+ SIGALRM caught!{6}\n" + sending + "){2} [^!]*"));
     EXPECT_EQ(taken(serial, 99), dump + dump);
@@ -111,7 +111,7 @@ TEST_F(crash, consoles_that_nobody_reads)
     }
 }
 
-// Of a pipe and of a terminal whose output is processed: no reader of the log holds up the daemon.
+// Neither a pipe nor a terminal with output processing may hold up the daemon if its reader stalls.
 TEST_F(crash, a_log_that_nobody_reads)
 {
     write_file("/tmp/svc.conf", "service wd\nexec watchdog\nservice a\nexec sleep 1001\n");
@@ -130,7 +130,7 @@ TEST_F(crash, a_log_that_nobody_reads)
         ASSERT_TRUE(eventually([&] { return lumd.child("1001") > 0; }, 2));
         const auto feeds = [] { return std::filesystem::file_size("/dev/watchdog"); };
         const auto fed = feeds();
-        for (int i = 0; i < 20; ++i) // a moment for each line would be too long
+        for (int i = 0; i < 20; ++i) // too many to wait a fifth of a second for each
             request("stop a\nstart a\n");
         EXPECT_TRUE(eventually([&] { return feeds() >= fed + 3; }, 3));
         EXPECT_EQ(ask({"?@version"}), ">1.4.0.02");

@@ -1,4 +1,5 @@
-// Ends as its words say, some functions deep in a callback within a callback; with 7 when it survives twice.
+// Crashes as its arguments say, some functions deep in a callback within a callback; ends with 7 if it
+// survives twice.
 #include "app/app.h"
 #include "app/timer.h"
 

@@ -10,7 +10,7 @@ struct end_to_end : testing::Test {
     {
         write_file("/etc/syscfg.def", "MODEL -r string\nNUM integer\nTZ string(32)\n");
         write_file("/usr/etc/syscfg.default", "TZ=+8\n");
-        write_file("/dev/mtdblock/5", std::string(73728, '\0')); // as it left the factory
+        write_file("/dev/mtdblock/5", std::string(73728, '\0')); // as delivered
         write_file("/tmp/svc.conf", "service a\nexec -/tmp/show\n");
         write_file("/tmp/show", "#!/bin/sh\necho $TZ $DEBUG >/tmp/shown\n");
         std::filesystem::permissions("/tmp/show", std::filesystem::perms::all);
@@ -29,7 +29,7 @@ TEST_F(end_to_end, start_ups_that_fail)
         EXPECT_EQ(lumd.output(), "starting lumd...\n");
         EXPECT_TRUE(logged("cannot initialize lumd!\n"));
     }
-    // Without a list both of the device's own are read.
+    // Without an argument it reads the device's two own files.
     EXPECT_TRUE(logged("lumd->svcs[0].m_cfg->proc=syslog") && logged("lumd->svcs[5].m_cfg->proc=beacon"));
     EXPECT_TRUE(logged("cannot load syscfg definition!\n"));
 }
@@ -52,10 +52,10 @@ TEST_F(end_to_end, time_zone_and_environment)
     unsetenv("DEBUG");
 }
 
-// What it opens must not become its console, and one that nobody reads must not end it.
+// Files that the daemon opens must not become its console, and a console without a reader must not end it.
 TEST_F(end_to_end, consoles_that_are_closed_or_dead)
 {
-    for (const int closed : {1, 2, 4, 7, 0}) { // one bit a descriptor; 0: a pipe without a reader
+    for (const int closed : {1, 2, 4, 7, 0}) { // a bit per descriptor; 0: a pipe without a reader
         running_lumd lumd("/tmp/svc.conf", running_lumd::log_path, [closed] {
             int ends[2];
             for (int fd = 0; fd < 3; ++fd)
@@ -75,7 +75,7 @@ TEST_F(end_to_end, consoles_that_are_closed_or_dead)
     }
 }
 
-// The kernel looks the requester's path up when the answer is sent, and follows links.
+// The kernel resolves the client's path when the answer is sent, and follows links.
 TEST_F(end_to_end, does_not_answer_its_own_answers)
 {
     running_lumd lumd("/tmp/svc.conf");

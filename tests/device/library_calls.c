@@ -1,4 +1,4 @@
-/* Every call of the library, as a program in C makes it on the device. Silent when all is as it should be. */
+/* Every call of the library, as a C program makes it on the device. Silent if all results are right. */
 #include "syscfg/client.h"
 
 #include <errno.h>

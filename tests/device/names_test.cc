@@ -1,4 +1,4 @@
-// Name resolution with the provider's name server, which others wrote.
+// Name resolution with the provider's name server, a third-party program.
 #include "app/app.h"
 #include "net/resolver.h"
 #include "tests/device/under_test.h"
@@ -12,7 +12,7 @@ void note(std::string *answer, resolver *of, resolver_status status)
     *answer = std::to_string(status) + ": " + std::string(of->result, static_cast<size_t>(of->result_len));
 }
 
-// "status: answer", or nothing without an answer within two seconds.
+// "status: answer", or empty if no answer comes within two seconds.
 std::string resolve(const char *name, uint16_t type)
 {
     std::string answer;

@@ -1,4 +1,4 @@
-// Mails a bug report, with so many lines of log in it.
+// Mails a bug report with the given number of log lines.
 #include "app/bugreport.h"
 #include "app/log.h"
 

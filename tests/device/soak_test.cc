@@ -1,4 +1,4 @@
-// Load for about half a minute: whatever is asked of the daemon, it neither grows nor loses a service.
+// About half a minute of load: the daemon must neither grow nor lose a service, whatever it is asked.
 #include "tests/device/under_test.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 namespace {
 
 #if defined(__SANITIZE_ADDRESS__)
-constexpr long most_growth = 1 << 20; // freed memory is kept
+constexpr long most_growth = 1 << 20; // allows for freed memory that is kept
 #else
 constexpr long most_growth = 64;
 #endif
@@ -34,10 +34,10 @@ struct soak : testing::Test {
             if (all.count(word(i)) != 1)
                 return false;
         }
-        return all.size() == services; // a zombie would be one more
+        return all.size() == services; // a zombie would add one
     }
 
-    // Dependents first, so that the manager stops none of them before its turn.
+    // Kills dependents first, so that the manager stops none of them itself.
     static void kill_all(const running_lumd &lumd)
     {
         const auto before = lumd.children();
@@ -50,7 +50,7 @@ struct soak : testing::Test {
         EXPECT_TRUE(eventually([&] { return all_run(lumd); }));
     }
 
-    // Every request has an answer; waits are kept until the round ends.
+    // Every request gets an answer; waits stay until the end of the round.
     void ask_everything(const client &asking, const client &waiting)
     {
         for (int n = 0; n < requests_a_round; ++n) {

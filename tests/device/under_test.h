@@ -55,7 +55,7 @@ inline bool eventually(const std::function<bool()> &done, double seconds = 10)
     return true;
 }
 
-// Into the FIFO. A line across the end of a read would be two lines, so the FIFO runs empty first.
+// Writes into the FIFO once it is empty: a line across two reads would count as two.
 inline void request(const std::string &lines)
 {
     const int fd = open("/tmp/svcctl", O_WRONLY | O_CLOEXEC);
@@ -66,7 +66,7 @@ inline void request(const std::string &lines)
     close(fd);
 }
 
-// A program's socket to the configuration server, bound to a name that the kernel chooses.
+// A program's socket to the configuration server, with a name chosen by the kernel.
 struct client {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     client()
@@ -79,7 +79,7 @@ struct client {
     ~client() { close(fd); }
 
     void send(std::string_view text) const { ::send(fd, text.data(), text.size(), 0); }
-    [[nodiscard]] std::string receive(int ms = 5000) const // "(none)" when nothing comes
+    [[nodiscard]] std::string receive(int ms = 5000) const // "(none)" if nothing comes
     {
         char text[8192];
         pollfd wait = {fd, POLLIN, 0};
@@ -93,7 +93,7 @@ struct client {
     }
 };
 
-// The answers to some requests, one after the other.
+// The answers to these requests, concatenated.
 inline std::string ask(const std::vector<std::string> &requests)
 {
     std::string answers;
@@ -102,8 +102,8 @@ inline std::string ask(const std::vector<std::string> &requests)
     return answers;
 }
 
-// A running daemon, and what it started, on services of the test. Its log is the file log_path, unless
-// prepare, which runs last before it, puts its descriptors elsewhere.
+// A running daemon and its children, with the test's services. It logs to log_path unless prepare, which runs
+// just before exec, redirects its descriptors.
 struct running_lumd {
     static constexpr char log_path[] = "/tmp/lumd.log";
     pid_t pid;
@@ -113,7 +113,7 @@ struct running_lumd {
     explicit running_lumd(
         const char *path_list, const char *log = log_path, const std::function<void()> &prepare = [] {})
     {
-        prctl(PR_SET_CHILD_SUBREAPER, 1); // what the daemon leaves behind comes to us
+        prctl(PR_SET_CHILD_SUBREAPER, 1); // the daemon's orphans become ours
         unlink("/tmp/svcctl");
         int ends[2];
         if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) < 0)
@@ -123,7 +123,7 @@ struct running_lumd {
         if (pid == 0) {
             dup2(ends[1], STDOUT_FILENO);
             dup2(open(log, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), STDERR_FILENO);
-            setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // what the daemon owns lives until it ends
+            setenv("ASAN_OPTIONS", "detect_leaks=0", 1); // the daemon keeps its memory until it ends
             prepare();
             execl("/usr/sbin/lumd", "lumd", path_list, nullptr);
             _exit(99);
@@ -148,7 +148,7 @@ struct running_lumd {
         pid = 0;
     }
 
-    // What it has said on its standard output, and whether that is all of a good start.
+    // Its standard output so far; has_started compares it with that of a good start.
     const std::string &output()
     {
         char text[256];
@@ -160,7 +160,7 @@ struct running_lumd {
     {
         return eventually([this] { return output() == "starting lumd...\nlumd started!\n"; });
     }
-    int exit_status() // -1 when it does not end
+    int exit_status() // -1 if it does not end
     {
         int status = -1;
         const bool ended = eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; });
@@ -173,7 +173,7 @@ struct running_lumd {
         return "/proc/" + std::to_string(pid) + "/" + file;
     }
 
-    // Its children by the last word of their command line; a zombie has none.
+    // Its children by the last word of their command line, which is empty for a zombie.
     [[nodiscard]] std::multimap<std::string, pid_t> children() const
     {
         std::multimap<std::string, pid_t> found;
@@ -185,7 +185,7 @@ struct running_lumd {
         }
         return found;
     }
-    [[nodiscard]] pid_t child(const std::string &last_word) const // 0 without exactly one
+    [[nodiscard]] pid_t child(const std::string &last_word) const // 0 unless there is exactly one
     {
         const auto all = children();
         return all.count(last_word) == 1 ? all.find(last_word)->second : 0;

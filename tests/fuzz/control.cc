@@ -1,5 +1,5 @@
-// Bytes of the control FIFO, up to 0xFF, at which the daemon looks; at 0xFE it does so three seconds later.
-// Afterwards all services can be stopped.
+// Input of the control FIFO. The daemon looks at it at each 0xFF, and three seconds later at each 0xFE.
+// Afterwards, all services can be stopped.
 #include "lumd/control.h"
 #include "tests/fuzz/machine.h"
 #include "tests/fuzz/manager.h"
@@ -10,7 +10,7 @@ static constexpr std::string_view services =
     "service d\nexec sched x\ndepends e\nservice e\nexec sched 9 /e\ndepends d\nservice a\nexec f\nstop -g\n"
     "service abcdefghijklmnopqrstuvwxyz0123456\nexec h\ndepends d\n";
 
-// The end of the FIFO that others write to.
+// The writing end of the FIFO.
 static int open_fifo()
 {
     int ends[2];

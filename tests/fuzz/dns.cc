@@ -1,4 +1,4 @@
-// A reply to a name server's client, after one byte that tells the type asked for; and a name to ask for.
+// The first byte is the type asked for, the rest a name server's reply. The whole is also a name to ask for.
 #include "net/dns_message.h"
 #include "tests/fuzz/target.h"
 
@@ -15,7 +15,7 @@ void take(std::string_view input)
     require(dns_build_query(packet, id, input, type, 1) <= packet.size());
     dns_answer answer;
     if (dns_find_answer(reply, id, type, RESOLVER_IN, answer)) {
-        char *out = new char[room - 1]; // the last one is for the terminator
+        char *out = new char[room - 1]; // the last byte is for the terminator
         require(answer.length < room && dns_decode(reply, answer, type, {out, room - 1}) < room);
         delete[] out;
     }

@@ -1,9 +1,9 @@
-// The symbol table of an executable, in both layouts and as the program reads its own.
+// The symbol table of an executable: in both layouts, and as the program reads its own.
 #include "app/elf_file.h"
 #include "app/symbols.h"
 #include "tests/fuzz/target.h"
 
-volatile size_t length; // of a name, which is read for it
+volatile size_t length; // of a name, to make sure that all of it is read
 
 template <typename Layout>
 static void read_names(std::span<const std::byte> bytes)

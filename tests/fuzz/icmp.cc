@@ -1,5 +1,5 @@
-// What a raw ICMP socket received, after three bytes: the identifier of the probes, the number of the try or
-// entry.
+// Three bytes, the identifier of the probes and the number of the try or entry, then what a raw ICMP
+// socket received.
 #include "net/icmp_message.h"
 #include "tests/fuzz/target.h"
 

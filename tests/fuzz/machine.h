@@ -1,5 +1,5 @@
-// What stands under a target, by --wrap, in the place of the machine: files, sockets and a clock that exist
-// only here. Nothing else can be opened, bound, sent to or set; nothing can be started or signalled.
+// Replaces the machine under a target, through --wrap: files, sockets and a clock that exist only here.
+// Nothing else can be opened, bound, sent to or set; nothing can be started or signalled.
 #pragma once
 #include "app/app.h"
 #include "tests/fuzz/memory_file.h"
@@ -15,10 +15,10 @@
 #include <sys/timerfd.h>
 
 struct {
-    std::map<std::string, std::string> files;      // by what path in memory each can be opened
-    bool (*sent)(std::string_view data) = nullptr; // false: there is no room
+    std::map<std::string, std::string> files;      // the in-memory path that opens each
+    bool (*sent)(std::string_view data) = nullptr; // false: no room
     int64_t now_us = 1LL << 50;
-    bool arrived = false; // a datagram, at the socket in that place of the loop
+    bool arrived = false; // a datagram on the socket in slot `place` of the loop
     size_t place = 0;
     std::string_view datagram = {};
     sockaddr_storage from = {};
@@ -49,7 +49,7 @@ int __wrap_open(const char *path, int flags, ...)
     const bool here = there.starts_with("/proc/self/fd/");
     return machine.last_opened = here ? __real_open(there.c_str(), flags & ~O_NOFOLLOW) : fail(ENOENT);
 }
-// The log would take most of the time.
+// Writing the log would take most of the time.
 ssize_t __real_write(int fd, const void *data, size_t size);
 ssize_t __wrap_write(int fd, const void *data, size_t size)
 {

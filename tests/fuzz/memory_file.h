@@ -1,4 +1,4 @@
-// Bytes as a file that has a path and no place on a disk.
+// Bytes as a file with a path but no place on disk.
 #pragma once
 
 #include "app/memory.h"

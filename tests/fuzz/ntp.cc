@@ -1,6 +1,6 @@
-// The network clock. Of each piece the first byte says what it is, the second how long the rest: a datagram
-// for one of the client's sockets, the same with the identifier of its question for a name, time that passes,
-// words to start with.
+// The network clock. The input is a series of pieces: a byte for the kind, a byte for the length, the data.
+// Kinds: a datagram for one of the client's sockets, the same with the identifier of its DNS query, a span of
+// time, arguments for a start.
 #include "lumd/kinds.h"
 #include "tests/fuzz/machine.h"
 #include "tests/fuzz/manager.h"
@@ -45,6 +45,6 @@ void take(std::string_view input)
         input.remove_prefix(std::min<size_t>(2 + length, input.size()));
     }
     entry->ops->release(entry);
-    scheduler_clear(&app_scheduler); // its timer stands still where the clock was set back
+    scheduler_clear(&app_scheduler); // where the clock was set back, its timer stands still
     require(timer_run_expired() == -1);
 }

@@ -1,4 +1,4 @@
-// A configuration file of options, one of each kind.
+// A configuration file, with an option of each kind.
 #include "app/app_options.h"
 #include "tests/fuzz/memory_file.h"
 #include "tests/fuzz/target.h"

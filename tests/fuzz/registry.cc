@@ -1,5 +1,5 @@
-// A flash partition, with room behind it when it has an odd number of bytes: the header's seal is made to
-// fit, since what is behind it is of interest.
+// A flash partition, with room after it if its size is odd. The header's digest is corrected, so that the
+// input gets past it.
 #include "syscfg/registry.h"
 #include "tests/fuzz/machine.h"
 #include "tests/fuzz/target.h"

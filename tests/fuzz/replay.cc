@@ -1,4 +1,4 @@
-// Takes a fuzz target over the files that are named, once, where libFuzzer is not at hand.
+// Runs a fuzz target once over the named files, where libFuzzer is not at hand.
 #include <cstdint>
 #include <cstdio>
 #include <fstream>

@@ -1,7 +1,7 @@
-// The configuration server, from its start, over datagrams that end at 0xFF. The first byte of each tells
-// which of 32 requesters sends it (the low bits), and whether any answer is taken from then on: all, three a
-// pass ('@' to '_') or none ('`' to 0x7F). After a line end it comes 1,026 times; from 0x80 on it is what
-// stands in all files instead.
+// The configuration server, from its start, over datagrams that each end at 0xFF. The first byte selects one
+// of 32 clients (the low bits) and how many answers are taken from then on: all, three a pass ('@' to '_') or
+// none ('`' to 0x7F). The first datagram with '\n' there arrives 1,026 times; with a byte from 0x80 on, the
+// datagram becomes the content of all files instead.
 #include "syscfg/listing.h"
 #include "syscfg/server.h"
 #include "syscfg/syscfg.h"
@@ -22,7 +22,7 @@ static requester address_of(unsigned who)
     return {{AF_UNIX, {static_cast<char>(who + 1)}}, sizeof(sockaddr_un), who % 3};
 }
 
-// The users of the machine, three in turn.
+// The machine's users, three in turn.
 extern "C" ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
 {
     const iovec &text = message->msg_iov[0];
@@ -48,7 +48,7 @@ static void receive(unsigned who, std::string_view request, int room_in_pass)
     require(answers > 0 || request.empty() || request.starts_with("%wait"));
 }
 
-// Nobody may wait for what cannot come.
+// Ends waits that nothing could ever answer.
 static void end_waits(syscfg_var *var)
 {
     while (const syscfg_waiter *waiter = var->waiters) {
@@ -94,7 +94,7 @@ void take(std::string_view input)
     for (syscfg_var *var = db->vars; var; var = var->next)
         end_waits(var);
     app_remove_ctx(db);
-    app_poll_once(); // so that the loop takes its place back
+    app_poll_once(); // lets the loop reclaim its slot
     close(db->server_fd);
     free_records(db);
 }

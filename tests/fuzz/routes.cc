@@ -1,4 +1,4 @@
-// Lines of a routing table: a route has the name of an interface, that ends.
+// Lines of a routing table: the interface name of a route must be terminated.
 #include "app/text.h"
 #include "net/route_table.h"
 #include "tests/fuzz/target.h"

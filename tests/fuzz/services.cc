@@ -1,4 +1,4 @@
-// A service file. Its services are started, unless a reboot, which never ends, may be among them, and can all
+// A service file. Its services are started, unless one may be a reboot, which never returns, and all can
 // be stopped.
 #include "tests/fuzz/machine.h"
 #include "tests/fuzz/manager.h"

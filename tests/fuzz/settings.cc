@@ -1,5 +1,5 @@
-// Definition files and values for what they declare. Each ends at 0xFF; the first file, "a", can include the
-// others, "b" to "z". The last is what values are read from.
+// Definition files and values for their variables, each ending at 0xFF. The first file, "a", can include the
+// others, "b" to "z"; values are read from the last.
 #include "tests/fuzz/machine.h"
 #include "tests/fuzz/target.h"
 #include "tests/syscfg/records.h"

@@ -1,4 +1,4 @@
-// What a mail server says to a report. A byte 255 stands for 4096 others, as lines can be longer than inputs.
+// A mail server's side of a report. Byte 255 stands for 4096 bytes, as lines can be longer than inputs.
 #include "app/bugreport.h"
 #include "tests/fuzz/target.h"
 #include "tests/support/mail_server.h"

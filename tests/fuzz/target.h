@@ -1,5 +1,5 @@
-// What each target is: it takes an input, behind whose end nothing is readable, and aborts when one does
-// harm.
+// The entry point of each target: takes an input, with nothing readable after its end, and aborts if it
+// does harm.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Words that mean something. The first byte says what the line behind it is; the rest is what it is about.
+// Words with a meaning. The first byte selects the parser of the first line; the rest is its context.
 #include "app/glob.h"
 #include "app/text.h"
 #include "lumd/kinds.h"
@@ -11,7 +11,7 @@
 
 #include <fnmatch.h>
 
-// Once it has begun, its program is started when its time has come.
+// Once scheduled, its program starts when its time has come.
 static void schedule(char *spec)
 {
     svcfg cfg = {};
@@ -27,7 +27,7 @@ static void schedule(char *spec)
 void take(std::string_view input)
 {
     machine = {};
-    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1); // which stays
+    setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1); // stays for all inputs
     std::string text(cut_until(input, '\n').substr(0, 255));
     const char kind = text[0], *word = text.empty() ? "" : &text[1];
     value_of_all = input.substr(0, 255);
@@ -35,7 +35,7 @@ void take(std::string_view input)
     uint8_t address[4];
     std::string pattern = word;
     for (size_t at = 0; (at = pattern.find('[', at)) != pattern.npos; at += 3)
-        pattern.replace(at, 1, "[[]"); // to us it means nothing
+        pattern.replace(at, 1, "[[]"); // here it is an ordinary character
     if (kind == 'g' && strlen(value_of_all.c_str()) == value_of_all.size())
         require(glob_match(word, value_of_all) ==
                 !fnmatch(pattern.c_str(), value_of_all.c_str(), FNM_NOESCAPE));

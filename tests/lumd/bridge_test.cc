@@ -10,7 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static uid_t other_user; // that the daemon is, 0: none
+static uid_t other_user; // the daemon's user; 0: unchanged
 
 extern "C" uid_t __real_geteuid();
 extern "C" uid_t __wrap_geteuid()
@@ -82,7 +82,7 @@ TEST_F(control, requests)
          long_name);
     ASSERT_EQ(open_control_fifo(manager), 0);
     const std::string cut =
-        "start b" + std::string(244, ' ') + "\nstart ped\n"; // a read ends in its second line
+        "start b" + std::string(244, ' ') + "\nstart ped\n"; // a read ends within its second line
     const std::pair<std::string, std::string> rows[] = {
         {"start b a\n", "start b, start a"},
         {"  \tstop   a\n", "stop a, release a"},
@@ -108,12 +108,12 @@ TEST_F(control, requests)
     EXPECT_TRUE(support::end_failing() && log.has("FAILED: lumd_recvCallback") && trace().empty());
     app_poll_once();
     log.clear();
-    app_poll_once(); // the daemon's own writer keeps the FIFO from ending
+    app_poll_once(); // the daemon holds a writer, so the FIFO never reports its end
     EXPECT_EQ(log.text(), "");
     app_remove_ctx(manager);
 }
 
-// Only a directory, which may hold somebody's files, keeps the daemon from its FIFO.
+// Only a directory, which may hold another program's files, keeps the daemon from its FIFO.
 TEST_F(control, what_stands_in_the_place_of_the_fifo)
 {
     const std::string path = support::device_path("/tmp/svcctl"), other = path + "2",
@@ -145,7 +145,7 @@ TEST_F(control, what_stands_in_the_place_of_the_fifo)
         }
         app_remove_ctx(manager);
     }
-    // Somebody else's FIFO, which can be opened or cannot.
+    // Another user's FIFO, which can be opened or not.
     std::filesystem::remove(path);
     mkfifo(path.c_str(), 0600);
     other_user = getuid() + 1;

@@ -13,9 +13,9 @@
 namespace {
 
 struct faults : lumd_test {
-    // What is not undone runs in processes of its own, until no call is left to fail. Every failure is told
-    // and makes run return that not all of it was done, but of the silent kinds; kept is how many descriptors
-    // may stay.
+    // Fails each call in turn, in a forked process since some effects cannot be undone, until no call is left
+    // to fail. Every failure, except of the silent kinds, must be logged and make run return false. At most
+    // kept descriptors may stay open.
     void sweep(unsigned kinds, unsigned silent, int kept, const std::function<bool()> &run) const
     {
         const auto fails_at = [&](unsigned kind, int k, int error) {
@@ -24,7 +24,7 @@ struct faults : lumd_test {
                 const int before = support::open_descriptors();
                 support::fail_call(kind, k, false, false, error);
                 const bool done = run(), failed = support::end_failing(), wrong = failed && !(kind & silent);
-                std::set<std::string> usual = {"", "FAILED: sig_handler"}; // when the last child has ended
+                std::set<std::string> usual = {"", "FAILED: sig_handler"}; // at the end of the last child
                 EXPECT_EQ(done, !wrong) << k << " of " << kind << log.text();
                 EXPECT_EQ(tells_news(usual), wrong) << k << " of " << kind << log.text();
                 EXPECT_LE(support::open_descriptors(), before + kept) << k << " of " << kind;
@@ -54,11 +54,11 @@ TEST_F(faults, of_the_start_up)
     ASSERT_GT(registry_write_hwinfo("M=1\n", 4) + registry_write("syscfg", "A=1\n", 4), 7);
     support::write_file("/etc/svc.conf",
                         "service a\nexec sleep 99\nstop -kill 9\ndepends A=1 b\nsyscfg A* B\nservice b\n");
-    // Without a link, a variable or a value the daemon comes up, but says so.
+    // Without a link, a variable or a value the daemon starts, but logs it.
     static const std::regex passed_over(
         "failed to read |invalid |cannot open( default|: /etc/more.def)|"
         "(FAILED|SYSERROR): (lumd_init_service_infos|build_|load_|parse_def)");
-    // There is another way, or a FIFO.
+    // These failures have a fallback, or leave an existing FIFO.
     sweep(support::ALL_CALLS, support::SETSOCKOPT | support::MKFIFO, 5, [this] {
         lumd *fresh = lumd_create();
         const int result = fresh ? lumd_init(fresh, "/etc/svc.conf") : -1;
@@ -67,14 +67,14 @@ TEST_F(faults, of_the_start_up)
     });
 }
 
-// Services with commands start, are reloaded, die, wait for their restart and are released; one runs once.
+// Services with commands are started, reloaded, killed, due for a restart and released; one runs once.
 TEST_F(faults, of_a_start)
 {
     std::set<std::string> usual;
     const auto round = [&] {
         log.clear();
         step("start b");
-        // Nobody is told when there is no memory for the timer of deferred calls.
+        // Without memory for the timer of deferred calls, the start of a is never reported.
         const bool untold = process("a") && process("a")->pid > 0 && !app_scheduler.timer;
         step("start c");
         const auto runs = [this](const char *name) { return process(name) && process(name)->pid > 0; };
@@ -92,16 +92,16 @@ TEST_F(faults, of_a_start)
         end_services();
         all = all && !log.has("cannot ");
         const bool failed = support::end_failing();
-        // Polls and reads are done again; there need not be a record of ends.
+        // Failed polls and reads are repeated; the record of ended processes is optional.
         const bool silent = support::failed_kind & (support::POLL | support::READ | support::OPEN);
         EXPECT_TRUE(tells_news(usual) || !failed || silent || untold) << log.text();
-        timer_free(std::exchange(app_scheduler.timer, nullptr)); // which round makes it is of no matter
+        timer_free(std::exchange(app_scheduler.timer, nullptr)); // it may be made in any round
         return all;
     };
     load("service a;exec sleep 99;stop -kill 9;reload -true;syscfg V;service b;exec sleep 99;depends a;"
          "stop -true;reload -kill 1;syscfg V;service c;exec -true");
     round();
-    // A pipe that does not take a notice is full, and others follow.
+    // No WRITE: a pipe that refuses a notice counts as full, and later notices follow.
     const unsigned again = support::POLL | support::READ | support::OPEN;
     EXPECT_GE(support::for_each_failure(support::ALL_CALLS & ~support::WRITE, round, again), 8);
     support::fail_call(support::VFORK, 1);

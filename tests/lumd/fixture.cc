@@ -194,7 +194,7 @@ service_info *lumd_test::slot(std::string_view name) const
                         [name](auto &s) { return name == s.name; });
 }
 
-// What the record of another kind holds in its place is no process of ours.
+// Records of other kinds hold no process.
 proc_svcent *lumd_test::process(std::string_view name) const
 {
     static const std::set<std::string_view> others = {"watchdog", "reboot", "netmon", "ntp", "sched"};
@@ -300,7 +300,7 @@ void lumd_test::step(const std::string &text)
         {"halt", [&] { lumd_do_stop(at, 0); }}, // without release
         {"set", [&] { apply(name + rest); }},
         {"wait", [&] { support::run_for(stoi(name)); }},
-        {"up", // as a fake reports it
+        {"up", // reported by the fake
          [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
         // Processes, in real time.
         {"kill", [&] { signal_child(name, stoi(rest)); }},
@@ -316,7 +316,7 @@ void lumd_test::step(const std::string &text)
              app_poll_once();
              EXPECT_GT(child(), 0);
          }},
-        // What is to be seen: the state (-1 without an entry), whether a restart is due, a log line.
+        // Checks: the state (-1 without an entry), whether a restart is due, a log line.
         {"state", [&] { EXPECT_EQ(at->svcent ? at->svcent->state : -1, stoi(rest)); }},
         {"timer", [&] { EXPECT_EQ(at->restart_timer != nullptr, stoi(rest) != 0); }},
         {"log", [&] { EXPECT_TRUE(eventually([&] { return log.has(name + rest); })) << log.text(); }},

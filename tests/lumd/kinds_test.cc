@@ -20,7 +20,7 @@ using support::device_path, support::read_file, support::write_file;
 
 // The built-in kinds, in virtual time on the virtual board.
 struct kinds : lumd_test {
-    std::map<std::string, size_t> seen; // of each log
+    std::map<std::string, size_t> seen; // length of each log so far
     int64_t began = 0;
 
     kinds()
@@ -54,8 +54,8 @@ struct kinds : lumd_test {
         return std::istringstream(text.substr(std::min(from, text.size())));
     }
 
-    // What was done since the last call: by the kinds, in the words of their log; on the board, behind the
-    // milliseconds since the services were loaded; by the fakes.
+    // Everything since the last call: what the kinds logged; what the board did, each with the milliseconds
+    // since the services were loaded; the fakes' operations.
     std::string events() override
     {
         static const std::regex told(
@@ -79,7 +79,7 @@ struct kinds : lumd_test {
         return all.substr(std::min<size_t>(all.size(), 2));
     }
 
-    // Steps of the board, the packet counters and the clock, and those of every service.
+    // Steps of the board, the packet counters and the clock, besides those of every service.
     void step(const std::string &text) override
     {
         std::istringstream words(text);
@@ -102,7 +102,7 @@ struct kinds : lumd_test {
             strptime((name + " " + rest).c_str(), "%y%m%d %H%M%S", &local);
             local.tm_isdst = rest.ends_with("summer") ? 1 : rest.ends_with("winter") ? 0 : -1;
             support::now_us = mktime(&local) * 1000000LL;
-            local.tm_mon = local.tm_isdst ? 0 : 6; // the other season is what the C library then goes by
+            local.tm_mon = local.tm_isdst ? 0 : 6; // leaves the C library in the other season
             local.tm_isdst = -1;
             mktime(&local);
         } else {
@@ -146,7 +146,7 @@ one count for all => service n;exec netmon eth0;service m;exec netmon eth1 => pa
 rx only => service n;exec netmon eth0 => packets 5 0 / start n / wait 2100 > up, n.start / packets 6 0 / wait 99999 / packets 7 0 / wait 99999
 a packet in time => service n;exec netmon eth0 => packets 5 1 / start n / wait 110000 > up, n.start / packets 6 2 / wait 99999
 wrap => service n;exec netmon eth0 => packets 4294967295 5 / start n / wait 2100 > up, n.start / packets 4294967296 6 / wait 125000)");
-    // Ends when the loop goes on, or tells that it had to wait.
+    // Ends when the loop continues; otherwise leaves a file as proof that the loop was held.
     write_script("/etc/init.d/eth0.restart",
                  "for i in $(seq 100); do [ ! -e $BOARD_DIR/go ] || exit; sleep .05; done; >" +
                      device_path("/held"));
@@ -155,7 +155,7 @@ wrap => service n;exec netmon eth0 => packets 4294967295 5 / start n / wait 2100
     EXPECT_NE(access(device_path("/held").c_str(), F_OK), 0) << "the loop was held";
 }
 
-// Settings of the board, and what the link is by them.
+// Settings of the board, and the link state read from them.
 TEST_F(kinds, phys)
 {
     const std::string cases = R"(
@@ -226,7 +226,7 @@ none that runs => service j;exec sched 60 /etc/none => start j / log not executa
         play_all("no => service j;exec sched " + spec + " /etc/j => start j / log time spec: " + spec);
 }
 
-// Up to the loop that never returns.
+// Ends in the loop that never returns.
 TEST_F(kinds, reboot)
 {
     write_script("/etc/init.d/reboot", "while [ -d $BOARD_DIR -a ! -e $BOARD_DIR/go ]; do sleep .02; done");
@@ -253,7 +253,7 @@ TEST_F(kinds, reboot)
     });
 }
 
-// While services die and other signals come.
+// Meanwhile services die and other signals arrive.
 TEST_F(kinds, waiting_scripts_learn_how_they_ended)
 {
     const std::string ends[] = {"0", "7", "255", "-1"};
@@ -268,7 +268,7 @@ TEST_F(kinds, waiting_scripts_learn_how_they_ended)
     const itimerval often = {{0, 700}, {0, 700}}, never = {};
     setitimer(ITIMER_REAL, &often, nullptr);
     for (int i = 0; i < 1000; ++i) {
-        support::now_us += 2100000; // b is started again
+        support::now_us += 2100000; // restarts b
         app_poll_once();
         if (i % 10 == 0)
             signal_child("a", SIGKILL);
@@ -310,7 +310,7 @@ TEST_F(kinds, children_start_clean_and_leave_no_zombie)
     old_kernel = false;
 }
 
-// Of descriptors, timers, children and memory, whatever is asked in whichever state, and whatever fails.
+// No descriptors, timers, children or memory, whatever is asked in whatever state, and whatever fails.
 TEST_F(kinds, nothing_is_left_over)
 {
     load("service w;exec watchdog;syscfg V;service n;exec netmon eth0;depends w;syscfg V;service j;"
@@ -323,14 +323,14 @@ TEST_F(kinds, nothing_is_left_over)
     for (int i = 0; i < 2000; ++i)
         rounds += "/" + any[random() % any.size()];
     std::map<std::string, std::set<std::string>> usual;
-    std::map<std::string, std::vector<std::string>> whole; // all that is done, without the times
+    std::map<std::string, std::vector<std::string>> whole; // everything done, without times
     for (const char *action : {"start", "stop", "reload"})
         write_script("/etc/init.d/n." + std::string(action), "echo $0 >>" + device_path("/ran"));
     const auto play_and_end = [&](const std::string &steps) {
         for (const std::string &text : split(steps, "/"))
             step(text);
         end_services();
-        // Of the watchdog's device nobody looks at what comes back.
+        // Results of the watchdog's device are ignored.
         const bool silent = support::failed_kind & (support::OPEN | support::WRITE | support::IOCTL);
         EXPECT_TRUE(tells_news(usual[steps]) || !support::end_failing() || silent) << log.text();
         std::vector<std::string> done = split(read_file("/ran"), "\n");
@@ -342,9 +342,9 @@ TEST_F(kinds, nothing_is_left_over)
         log.clear(), seen.erase("daemon");
         return all;
     };
-    play_and_end(round); // the sockets and the pipe of the process
+    play_and_end(round); // opens the process's lasting sockets and pipe
     support::for_each_failure(0, [&] { return play_and_end(rounds); });
-    using namespace support; // a pipe that does not take a notice is full, and others follow: no WRITE
+    using namespace support; // no WRITE: a pipe that refuses a notice counts as full
     EXPECT_GE(for_each_failure(ALLOC | OPEN | SOCKET | VFORK | IOCTL, [&] { return play_and_end(round); }),
               50);
     EXPECT_EQ(for_each_failure(WRITE, [&] { return play_and_end("start w/wait 600/set V=1/wait 600"); }), 8);

@@ -2,7 +2,7 @@
 
 namespace {
 
-// What the random walk leaves out: what is said, words of commands, names of changes.
+// Left out of the random walk: log texts, arguments of commands, names of changed variables.
 struct lifecycle : lumd_test {};
 
 TEST_F(lifecycle, scripts)

@@ -19,10 +19,10 @@ using namespace std::string_literals;
 
 constexpr timespec long_ago[2] = {};
 
-// found: names are at 127.0.0.1; refused: no query can be made; lost: none ends; unknown: no name server;
-// noclock; deaf: the database takes nothing.
+// found: every name is at 127.0.0.1; refused: queries fail at once; lost: queries never end; unknown: no name
+// server; noclock: the clock cannot be set; deaf: the database refuses requests.
 std::string mode, asked_name, asked_server;
-in_port_t server_port; // what goes to port 123 arrives here
+in_port_t server_port; // receives what is sent to port 123
 
 } // namespace
 
@@ -41,7 +41,7 @@ int __wrap_resolver_query(resolver *res, const char *name)
     const char *there = mode != "unknown" && isalpha(*name) ? "127.0.0.1" : name;
     return mode == "refused" ? -1 : mode == "lost" ? 0 : __real_resolver_query(res, there);
 }
-// In the place of libc's, below the wrapper.
+// Replaces libc's, below the wrapper.
 ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length)
 {
     sockaddr_in moved = *reinterpret_cast<const sockaddr_in *>(to);
@@ -60,12 +60,12 @@ ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr 
 
 namespace {
 
-// The client in virtual time, against a server that the test plays.
+// The client in virtual time, against a server played by the test.
 struct ntp : lumd_test {
     int server = socket(AF_INET, SOCK_DGRAM, 0), database = socket(AF_UNIX, SOCK_DGRAM, 0);
     sockaddr_in client = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t client_size = sizeof client;
-    std::string all; // what happened, behind the milliseconds since the services were loaded
+    std::string all; // events, each with the milliseconds since the services were loaded
     size_t recorded = 0;
     int64_t began = 0, seen = 0;
 
@@ -80,7 +80,7 @@ struct ntp : lumd_test {
     }
     ~ntp() override { EXPECT_EQ(close(server) + close(database) + fcntl(STDIN_FILENO, F_GETFD), 0); }
     void note(const std::string &what) { all += ", " + std::to_string((seen - began) / 1000) + " " + what; }
-    bool look() // at what came of the last pass
+    bool look() // collects the results of the last pass
     {
         static const std::regex lines(
             R"((get ntp failed|resolver error|Unexpected EOF|error: |SYSERROR: \w+|FAILED: \w+|unknown option: .*))"
@@ -126,7 +126,7 @@ struct ntp : lumd_test {
             syscall(SYS_sendto, server, packet, std::exchange(number, 0), 0, &client, client_size);
         if (verb == "mode")
             mode = text.substr(5);
-        else if (verb == "servers") // nothing but its text tells the file from the one before
+        else if (verb == "servers") // same time stamp: only its text differs from the last one
             support::write_file("/etc/resolv.conf", "nameserver " + text.substr(8)),
                 utimensat(AT_FDCWD, support::device_path("/etc/resolv.conf").c_str(), long_ago, 0);
         else if (verb == "answer" || verb == "wait" || verb == "count")
@@ -134,7 +134,7 @@ struct ntp : lumd_test {
         else
             lumd_test::step(text);
         look();
-        if (verb == "count") // and the last
+        if (verb == "count") // and the last one
             all = ", " + std::to_string(std::count(all.begin(), all.end(), ',')) + all.substr(all.rfind(','));
     }
 };
@@ -179,11 +179,11 @@ a start reads the servers => service n;exec ntp -h time.lan => mode unknown / se
 )");
 }
 
-// Of descriptors, timers and memory, whatever fails.
+// No descriptors, timers or memory, whatever fails.
 TEST_F(ntp, nothing_is_left_over)
 {
     load("service n;exec ntp -h 127.0.0.1");
-    std::string whole; // all that is done, without the times
+    std::string whole; // everything done, without times
     const auto play_and_end = [&, this] {
         for (const char *text : {"mode unknown", "start n", "wait 16000", "start n", "wait 10", "answer 48 1",
                                  "halt n", "halt n", "start n", "stop n", "start n", "wait 10", "stop n"})

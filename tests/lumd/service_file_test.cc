@@ -12,7 +12,7 @@ std::string joined(char *const *words)
     return text;
 }
 
-// name exec2(program|word) if(~VAR=value) on(service) watch(pattern) command(word), of every service.
+// Describes each service: name exec2(program|word) if(~VAR=value) on(service) watch(pattern) command(word).
 std::string describe(const lumd *manager)
 {
     std::string text;
@@ -34,7 +34,7 @@ std::string describe(const lumd *manager)
     return text;
 }
 
-// The pattern with 1, 2 ... in the place of "#".
+// The pattern count times, with 1, 2 ... for "#".
 std::string many(int count, const std::string &pattern)
 {
     std::string text;
@@ -51,7 +51,7 @@ struct service_file : lumd_test {};
 
 TEST_F(service_file, lines_fill_records)
 {
-    // In the last column, the one message of a parser.
+    // The last column is the parser's only message.
     const auto expect = [this](const std::string &text, const std::string &services,
                                const std::string &logged) {
         SCOPED_TRACE(text);
@@ -85,7 +85,7 @@ service a;depends A=1;depends;syscfg A => a watch(A) => service a: another depen
 service a;syscfg A B;syscfg C;service b;syscfg => a watch(C); b => service a: another syscfg line)"))
         expect(text, services, logged);
     const std::string n31(31, 'n'), c63(63, 'c'), a504(504, 'A');
-    for (const size_t size : {508U, 509U, 510U}) // lines behind which the next one begins
+    for (const size_t size : {508U, 509U, 510U}) // each still fits one read, so the next line stays whole
         expect("#" + std::string(size, '#') + ";exec p", "", "svc.conf: 2: belongs to no service");
     expect("service a;exec^p^q  ^ r^", "a exec2(p\tq|r)", "");
     expect("service a;syscfg " + a504, "a watch(" + a504 + ")", ""); // 511 characters
@@ -107,7 +107,7 @@ service a;syscfg A B;syscfg C;service b;syscfg => a watch(C); b => service a: an
            "service a: too many words in a command, refused: x16");
 }
 
-// What belongs to a service that found no place must not reach the one before it.
+// Lines of a refused service must not reach the one before it.
 TEST_F(service_file, service_33_is_refused)
 {
     EXPECT_EQ(parse(many(33, "service s#;exec p#;")), 31);
@@ -116,7 +116,7 @@ TEST_F(service_file, service_33_is_refused)
     EXPECT_TRUE(log.has("/etc/svc.conf: 66: belongs to no service, refused: exec p33"));
 }
 
-// Files are read in the order of the list; what cannot be read costs the others nothing.
+// Files are read in the order of the list; an unreadable one does not affect the others.
 TEST_F(service_file, files_of_a_list)
 {
     const std::string longest = "/etc/" + std::string(122, 'l');
@@ -132,7 +132,7 @@ TEST_F(service_file, files_of_a_list)
         SCOPED_TRACE(row[0]);
         support::isolated([&] {
             parse("");
-            // There is no database here: a list that gives services gets just that far.
+            // There is no database here, so a list that yields services gets only this far.
             EXPECT_EQ(lumd_init(manager, row[0].c_str()), -1);
             EXPECT_EQ(describe(manager), row[1]);
             EXPECT_EQ(log.has("cannot load syscfg definition!\n"), !row[1].empty());
@@ -140,7 +140,7 @@ TEST_F(service_file, files_of_a_list)
     }
 }
 
-// Of two services of one name the first is meant; of a service's dependents the first 16 learn of its start.
+// Of two services with the same name, the first counts; only the first 16 dependents learn of its start.
 TEST_F(service_file, names_are_linked_to_slots)
 {
     load("service b;service b;exec fake missing;" + many(17, "service s#;depends b V=1;"));

@@ -1,4 +1,4 @@
-// What the random walk is made of, and what it believes of the services.
+// Plans and events of the random walk, and the model of what the services should do.
 #pragma once
 
 #include "lumd/svcent.h"
@@ -16,38 +16,38 @@ namespace walking {
 constexpr int services = 32, variables = 6, no_value = -1;
 constexpr const char *variable_names[] = {"V0", "V1", "V2", "V3", "V4", "V5"},
                      *value_texts[] = {"0", "1", "2", "3"};
-constexpr size_t notices_max = 4; // that the pipe of the SIGCHLD handler holds
+constexpr size_t notices_max = 4; // capacity of the SIGCHLD handler's pipe
 
 enum kind { PROGRAM, ONE_SHOT, JOB, LINK, WATCHDOG, MISSING };
 enum line { NO_LINE, HANDLER, BAD_HANDLER, HELPER, NO_HELPER }; // what a stop or reload line runs
 enum verb { START, STOP, PASS, WAIT, END, SET, verbs };
 constexpr const char *verb_words[] = {"start", "stop", "pass", "wait", "end", "set"};
 
-// One service: what its lines say, and what becomes of its programs.
+// One service: its lines, and the behaviour of its programs.
 struct plan {
     walking::kind kind = MISSING;
-    std::vector<int> needs, needed_by;           // need -1: a name that nobody has
-    std::vector<std::pair<int, int>> conditions; // variable and value; no_value imposes nothing
+    std::vector<int> needs, needed_by;           // need -1: an unknown name
+    std::vector<std::pair<int, int>> conditions; // variable and value; no_value sets no condition
     int watched = -1;                            // variable
     line stop = NO_LINE, reload = NO_LINE;
-    int every = 0;                      // seconds of a job, 0: what variable 0 says
-    bool brief = false, prompt = false; // they end as soon as they run, or at the first signal
+    int every = 0;                      // a job's period in seconds; 0: the value of variable 0
+    bool brief = false, prompt = false; // programs end as soon as they run, or at the first signal
 };
 
 struct event {
     walking::verb verb;
-    std::vector<int> names; // services, or variables
-    int number;             // how programs end, what variables become, how many passes, how much time
+    std::vector<int> names; // services or variables
+    int number;             // exit status, new value, number of passes, or time
 };
 
 struct programs {
     struct row {
-        int slot, how; // the service, services for a job; status or minus signal
+        int slot, how; // the service, `services` for a job; status or minus signal
         bool living;
         bool operator==(const row &) const = default;
     };
     std::map<pid_t, row> all = {};
-    std::deque<pid_t> dead = {}; // whom nobody has reaped
+    std::deque<pid_t> dead = {}; // not yet reaped
     std::array<int, services + 1> run = {}, signalled = {};
 
     bool operator==(const programs &) const = default;
@@ -61,7 +61,7 @@ struct programs {
         return pid;
     }
     void die(pid_t pid, int how) { all[pid] = {all[pid].slot, how, false}, dead.push_back(pid); }
-    int reap() // how the first one ended
+    int reap() // returns the status of the first
     {
         const int how = all[dead.front()].how;
         all.erase(dead.front());
@@ -70,30 +70,29 @@ struct programs {
     }
 };
 
-// The rules once more, on sets and queues. Of the daemon it knows the numbers of the states.
+// States the rules a second time, with sets and queues. Of the daemon, it uses only the state numbers.
 struct model {
     struct slot {
         bool entry, ended, wanted, timer;
         int state, how, every;
         pid_t child;
-        unsigned tracked;     // the higher, the later
-        int64_t restart, job; // when, 0 for never
+        unsigned tracked;     // order of tracking
+        int64_t restart, job; // when; 0: never
         std::set<int> awaits;
     };
-    using round = std::set<int>; // what the outermost start or stop has handled
+    using round = std::set<int>; // the services handled by the outermost start or stop
 
     const std::vector<plan> &plans;
     std::array<slot, services> slots = {};
     std::array<int, variables> values = {1, 1, 1, 1, 1, 1};
     programs table = {};
     std::deque<pid_t> notices = {};
-    std::deque<int> reports = {}; // services whose start is reported, one a pass
+    std::deque<int> reports = {}; // services with a start to report, one a pass
     bool sigchld = false, lost = false;
     unsigned tracked = 0;
     int64_t now = 0, report_at = 0; // microseconds
 
-    // What a service needs comes first, and is waited for when nobody has asked for it before and it can be
-    // had.
+    // A service's needs start first. It awaits those not asked for before, if they can be created.
     void start(int s, round *within = nullptr)
     {
         slot &me = slots[s];
@@ -124,7 +123,7 @@ struct model {
         } else if (what.kind == LINK) {
             me.job = now++ + 2000000;
         } else if (what.kind == WATCHDOG) {
-            me.job = INT64_MAX; // nothing that it does is of concern here
+            me.job = INT64_MAX; // its own actions do not matter here
             started(s, &handled, true);
         } else if (me.child || me.state == SVCENT_STARTED) {
             me.wanted = me.state == SVCENT_STOPPED;
@@ -147,7 +146,7 @@ struct model {
         }
     }
 
-    // Who needs it and runs is stopped before it.
+    // Stops running dependents first.
     void stop(int s, bool release, round *within = nullptr)
     {
         slot &me = slots[s];
@@ -166,7 +165,7 @@ struct model {
             spawn(services);
         }
         if (me.state != SVCENT_STOPPED && plans[s].kind < JOB) {
-            if (how == HANDLER || how == BAD_HANDLER) { // how it ends is nobody's concern any more
+            if (how == HANDLER || how == BAD_HANDLER) { // its end no longer matters
                 me.state = SVCENT_STOPPED;
                 std::erase(reports, s);
             }
@@ -218,7 +217,7 @@ struct model {
         slots[s].tracked = ++tracked;
         reap();
     }
-    int latest(pid_t pid, bool ended) const // of which child, any for 0; -1 when there is none
+    int latest(pid_t pid, bool ended) const // the latest entry with this child, 0: any; -1 if none
     {
         int found = -1;
         for (int s = 0; s < services; ++s) {
@@ -229,7 +228,7 @@ struct model {
         return found;
     }
 
-    // The dead leave a mark with who waits for them, and a notice if there is room.
+    // Each dead child is marked in its owner and causes a notice if there is room.
     void reap()
     {
         for (bool room = std::exchange(sigchld, false); room && !table.dead.empty();) {
@@ -246,7 +245,7 @@ struct model {
         }
     }
 
-    // An end is told unless a handler brought it about; then only when a start was asked for meanwhile.
+    // An end after a stop by handler is not reported, unless a start has been requested since.
     void end(int s)
     {
         slot &me = slots[s];
@@ -281,7 +280,7 @@ struct model {
         }
     }
 
-    // One pass of the loop: one notice, then whatever time has come for, the earliest first.
+    // One pass of the loop: one notice, then everything due, earliest first.
     void pass()
     {
         if (!notices.empty()) {

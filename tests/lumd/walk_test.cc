@@ -19,13 +19,13 @@ using namespace walking;
 
 namespace {
 
-// What lies under the daemon.
+// The replaced layer under the daemon.
 struct timed {
     timer_callback callback;
     void *ctx;
     bool started, once;
 };
-model *believed; // in the process that walks
+model *believed; // the model, in the process that walks
 programs table;
 std::map<timer *, timed> timers;
 std::string fault;
@@ -73,7 +73,7 @@ int __wrap_board_kill(int pid, int number)
         die(pid, -number);
     return 0;
 }
-// In the place of libc's, below the wrapper: of packets, each of which takes a page of it.
+// Replaces libc's, below the wrapper: a pipe of packets, each of which takes a page.
 int pipe2(int *ends, int flags)
 {
     const int size = static_cast<int>(notices_max) * static_cast<int>(sysconf(_SC_PAGESIZE));
@@ -189,7 +189,7 @@ const char *get_variable(syscfg *, const char *name)
 }
 constexpr syscfg_ops database_operations = {nullptr, nullptr, get_variable};
 
-// The daemon and what is believed of it, through the same events.
+// Drives the daemon and the model through the same events.
 struct walker {
     model right;
     lumd *manager = lumd_create();
@@ -213,8 +213,8 @@ struct walker {
         believed = &right;
     }
 
-    // What an event does and its passes begin at such times that nothing is ever due while they go on, but
-    // between them: it does not matter by how many looks at the clock the daemon is late.
+    // Events and their passes begin at times chosen so that timers fall due only between them; so the
+    // daemon's extra clock ticks, one per look, do not matter.
     void at(int64_t us)
     {
         constexpr int64_t most_late_us = 9000;
@@ -241,7 +241,7 @@ struct walker {
                 lumd_stop_service(manager, name.c_str()), right.stop(s, true);
             else if (e.verb == SET)
                 changed.push_back(variable_names[s]), right.values[s] = e.number;
-            else if (found != table.all.end()) // all of them end before the handler learns of it
+            else if (found != table.all.end()) // all end before the handler runs
                 right.die(found->first, e.number), table.die(found->first, e.number);
         }
         if (e.verb == END && right.sigchld)
@@ -301,7 +301,7 @@ struct walker {
     }
 };
 
-// Walks in a process of its own, which may crash.
+// Walks in a forked process, since the daemon may crash.
 bool fails(const std::vector<plan> &plans, const std::vector<event> &events, bool tell = false)
 {
     const int status = support::forked([&] {
@@ -321,7 +321,7 @@ bool fails(const std::vector<plan> &plans, const std::vector<event> &events, boo
     return status != 0;
 }
 
-// Leaves out of a list, which is part of what fails, all that can be left out.
+// Drops everything from a list, part of a failing walk, that the failure does not need.
 template <typename List, typename Test>
 void shrink(List &list, Test still_fails)
 {
@@ -372,8 +372,8 @@ TEST_F(walk, keeps_to_the_rules)
         std::vector<event> events;
         for (plan &one : plans)
             one = random.any_plan();
-        for (int s = 0; s < services * services;
-             ++s) { // who needs whom, in the order of the table, at most 16
+        // At most 16 dependents each, in the order of the table.
+        for (int s = 0; s < services * services; ++s) {
             const auto &needs = plans[s % services].needs;
             auto &by = plans[s / services].needed_by;
             if (by.size() < 16 && std::count(needs.begin(), needs.end(), s / services))

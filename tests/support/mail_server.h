@@ -1,5 +1,5 @@
-// A mail server where the network would be: it says all at once to whoever connects to anything, and hangs
-// up.
+// A mail server in place of the network: it sends everything at once to any client, whatever address it
+// connects to, and hangs up.
 #pragma once
 
 #include <cstdlib>
@@ -9,7 +9,7 @@
 #include <unistd.h>
 
 inline std::string server_says;
-inline int server_end; // its descriptor, which the test closes
+inline int server_end; // its descriptor; the test closes it
 
 extern "C" int connect(int fd, const sockaddr *, socklen_t)
 {

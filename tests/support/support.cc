@@ -24,11 +24,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// Declares the function that stands behind a wrapped one, and begins the wrapper.
+// Declares the wrapped function's original and begins the wrapper.
 #define WRAP(result, name, ...)        \
     result __real_##name(__VA_ARGS__); \
     result __wrap_##name(__VA_ARGS__)
-// A wrapper that only can fail.
+// A wrapper that adds nothing but failures.
 #define FAILING(kind, failed, result, name, parameters, call) \
     result __real_##name parameters;                          \
     result __wrap_##name parameters                           \
@@ -86,7 +86,7 @@ std::string redirected(std::string_view path)
     return is_of_device(path) ? device_path(path) : std::string(path);
 }
 
-// An address as the kernel is to see it.
+// An address as passed to the kernel.
 struct redirected_address {
     sockaddr_un moved = {};
     const sockaddr *addr;
@@ -178,7 +178,7 @@ std::string read_file(std::string_view path)
 
 namespace {
 
-// Pages that are never written cost nothing.
+// Untouched pages cost nothing.
 struct shared_log {
     std::atomic<size_t> used;
     char text[32 << 20];
@@ -188,14 +188,14 @@ shared_log &new_log(void *at, int flags)
     return *static_cast<shared_log *>(
         mmap(at, sizeof(shared_log), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | flags, -1, 0));
 }
-// A child of vfork writes here too, even where an emulator copies it; a child of fork has its own.
+// A vfork child writes here too, even where an emulator copies it; a fork child has its own copy.
 shared_log &captured = new_log(nullptr, 0);
 [[maybe_unused]] const int copies_at_fork = pthread_atfork(nullptr, nullptr, [] {
     const std::string so_far(captured.text, captured.used);
     captured.used = so_far.copy(new_log(&captured, MAP_FIXED).text, so_far.size());
 });
 
-// No line of the log has a zero byte: one stands behind each.
+// Ends each text with a zero byte, which no log line contains.
 void capture(const void *buffer, size_t size)
 {
     const size_t at = captured.used.fetch_add(size + 1);
@@ -258,7 +258,7 @@ int pipe_end()
 
 namespace {
 
-// True when a call was failed, and nothing was found to be wrong.
+// True if a call failed and every expectation held.
 bool run_failing(unsigned kind, int error, int k, unsigned made_good, const std::function<bool()> &scenario)
 {
     SCOPED_TRACE("call " + std::to_string(k) + " of kind " + std::to_string(kind) + ": " + strerror(error));
@@ -289,7 +289,7 @@ int for_each_failure(unsigned kinds, const std::function<bool()> &scenario, unsi
     return failures;
 }
 
-// No death test, whose child the daemon's SIGCHLD handler would reap.
+// Not a death test: the daemon's SIGCHLD handler would reap its child.
 int forked(const std::function<int()> &body)
 {
     sigset_t child_signal, before;
@@ -357,7 +357,7 @@ FAILING(ALLOC, nullptr, void *, realloc, (void *old, size_t size),
 FAILING(ALLOC, nullptr, void *, reallocarray, (void *old, size_t n, size_t size),
         counted(__real_reallocarray(uncounted(old), n, size)))
 WRAP(void, free, void *block) { __real_free(uncounted(block)); }
-// A raw socket takes rights that tests do without.
+// Raw sockets need rights that tests do not have.
 FAILING(SOCKET, -1, int, socket, (int domain, int type, int protocol),
         (type & 15) == SOCK_RAW ? __real_socket(domain, SOCK_DGRAM | SOCK_CLOEXEC, 0)
                                 : __real_socket(domain, type, protocol))
@@ -385,8 +385,8 @@ WRAP(void, sync, ) { ++sync_count; }
 WRAP(time_t, time, time_t *out) { return real_time || out ? __real_time(out) : now_us / 1000000; }
 // clang-format on
 
-// In a child of vfork, which must not allocate. Of the machine's own programs none may do harm: a kind that
-// finds no memory is looked for among them, and they have a reboot.
+// Runs in a vfork child, so it must not allocate. Only harmless programs of the machine may run: if a kind
+// runs out of memory, its name is looked up among programs, and the machine has a reboot.
 WRAP(int, execv, const char *path, char *const *argv)
 {
     const std::string_view program = path;
@@ -398,7 +398,7 @@ WRAP(int, execv, const char *path, char *const *argv)
     return __real_execv(there, argv);
 }
 
-// This and ioctl are called with as many arguments as a call has, and pass the last one on unread.
+// open and ioctl are called with or without the last argument; it is passed on unread.
 WRAP(int, open, const char *path, int flags, mode_t mode)
 {
     int fd = fails(OPEN) ? -1 : board_open(path);
@@ -481,7 +481,7 @@ WRAP(int, gettimeofday, timeval *now, void *zone)
 
 } // extern "C"
 
-// Whoever calls vfork must not return before the child runs its program: the call is passed on by a jump.
+// vfork's caller must not return before the child has run its program, so this jumps to the original.
 #ifdef __arm__
 asm(".text\n.globl __wrap_vfork\n.type __wrap_vfork, %function\n__wrap_vfork:\npush {r3, lr}\nbl "
     "next_vfork_fails\n"

@@ -1,5 +1,5 @@
-// The library against a server that does what no daemon would. It has no process of its own: the library's
-// recv is replaced, and lets it take the request and answer before it looks for the answer.
+// The library against a server that does what no daemon would. The server needs no process: the replaced recv
+// lets it take the request and answer before the library looks for the answer.
 #include "syscfg/client.h"
 #include "tests/syscfg/fixture.h"
 
@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 static std::function<void()> before_recv;
-// In the place of libc's, below the wrapper.
+// Replaces libc's, below the wrapper.
 extern "C" ssize_t recv(int fd, void *data, size_t size, int flags)
 {
     if (const auto hook = std::exchange(before_recv, nullptr))
@@ -18,7 +18,7 @@ extern "C" ssize_t recv(int fd, void *data, size_t size, int flags)
     return recvfrom(fd, data, size, flags, nullptr, nullptr);
 }
 
-// The wrapper is passed by from here, but not by the library: a stranger can send as soon as it has a name.
+// Bypasses the wrapper here, not in the library: a stranger can send as soon as the library has a name.
 static std::function<void()> after_bind;
 extern "C" int bind(int fd, const sockaddr *address, socklen_t length)
 {
@@ -37,7 +37,7 @@ int collect(void *context, const char *name, const char *value)
     return std::string(name) == "STOP";
 }
 
-// A call by its name and first argument, the second one being "v": what it returned and what it filled in.
+// Calls by name with this argument and "v" as the second; returns the result and what was filled in.
 std::string call(const std::string &name, const char *text)
 {
     std::string listed;
@@ -75,7 +75,7 @@ struct client_test : syscfg_test {
     }
     ~client_test() override { close(server); }
 
-    // Takes what was asked; the answers stand between commas.
+    // Takes a request; commas separate the answers.
     void serve(const std::string &answers)
     {
         char request[2048];
@@ -86,7 +86,7 @@ struct client_test : syscfg_test {
         if (got < 0)
             return;
         asked.assign(request, static_cast<size_t>(got));
-        if (length == 0) // who wants no answer
+        if (length == 0) // wants no answer
             return;
         const std::string name = std::string(1, '\0') + ".syscfg-client-" + std::to_string(getpid());
         EXPECT_EQ(std::string(from.sun_path, sizeof from.sun_path),
@@ -97,7 +97,7 @@ struct client_test : syscfg_test {
             sendto(server, answers.data() + at, end - at, 0, reinterpret_cast<sockaddr *>(&from), length);
         }
     }
-    // With "signal" one comes instead of an answer.
+    // With "signal", a signal arrives instead of an answer.
     std::string call_and_serve(const std::string &name, const std::string &argument,
                                const std::string &answers)
     {
@@ -107,12 +107,12 @@ struct client_test : syscfg_test {
         const std::string result = call(name, argument.c_str());
         end_failing();
         before_recv = nullptr;
-        serve(""); // who did not wait for an answer
+        serve(""); // takes a request that awaited no answer
         return result;
     }
 };
 
-// "x*40" is forty of them.
+// "x*40" means forty times x.
 std::string repeated(std::string text)
 {
     for (size_t star; (star = text.find('*')) != text.npos;) {
@@ -123,7 +123,7 @@ std::string repeated(std::string text)
     return text;
 }
 
-// The call, its argument, what the server answers, what it was asked, what the call returned, what it said.
+// Columns: call, argument, server's answers, request, result, log.
 TEST_F(client_test, calls)
 {
     for (const auto &row : rows(R"(
@@ -193,7 +193,7 @@ TEST_F(client_test, failures_of_the_system)
         const int descriptors = open_descriptors();
         for (const calls kind : {SOCKET, SENDTO, BIND}) {
             if (kind == BIND && name == std::string("noreply"))
-                continue; // has no name
+                continue; // binds no name
             fail_call(kind, 1);
             const std::string result = call(name, "N");
             EXPECT_TRUE(end_failing());
@@ -210,7 +210,7 @@ TEST_F(client_test, failures_of_the_system)
 
 TEST_F(client_test, one_call_at_a_time_in_a_process)
 {
-    fail_call(CONNECT, 1); // without which a call is as good
+    fail_call(CONNECT, 1); // optional: the call succeeds without it
     before_recv = [this] {
         serve(">outer");
         EXPECT_EQ(syscfg_get("INNER"), nullptr);
@@ -226,7 +226,7 @@ TEST_F(client_test, one_call_at_a_time_in_a_process)
     EXPECT_EQ(log.text(), "");
 }
 
-// What a stranger of another user sends as soon as the client has its name does not reach it.
+// A message that another user sends as soon as the client has its name must not reach it.
 TEST_F(client_test, nobody_but_the_server_is_heard)
 {
     if (geteuid() != 0)

@@ -44,7 +44,7 @@ std::vector<std::vector<std::string>> rows(std::string_view text)
 void free_database(syscfg *db)
 {
     app_remove_ctx(db);
-    app_poll_once(); // so that the loop takes its place back
+    app_poll_once(); // lets the loop reclaim its slot
     if (db->server_fd >= 0)
         close(db->server_fd);
     for (const syscfg_var *var = db->vars; var; var = var->next)

@@ -10,18 +10,18 @@
 
 using namespace support;
 
-// What the service manager was told, "A B;" for one report of two names.
+// Reports to the service manager: "A B;" is one report of two names.
 extern std::string reported;
 
-std::string trimmed(std::string_view text); // of the blanks around it
-// Cases, one a line, their columns between "|", outer blanks dropped; "\n" in a case is a line end.
+std::string trimmed(std::string_view text); // without surrounding blanks
+// Cases, one a line, in trimmed columns between "|"; "\n" in a case stands for a line end.
 std::vector<std::vector<std::string>> rows(std::string_view text);
 
 void free_database(syscfg *db);
 using database = std::unique_ptr<syscfg, void (*)(syscfg *)>;
 
-// With the lines of definition declared and the tables built; or started as the daemon does, null when that
-// fails.
+// declare builds the tables from these lines of definition; start starts the database like the daemon, and
+// returns null on failure.
 database declare(std::string_view definition);
 database start(std::string_view definition);
 // "NAME=value/flags " of every variable.
@@ -29,11 +29,11 @@ std::string show(const syscfg *db);
 int set(const syscfg *db, const std::string &name, const std::string &value);
 
 struct flash_entry {
-    std::string name; // 16 bytes are taken
+    std::string name; // 16 bytes are used
     uint32_t capacity;
     uint32_t length;
 };
-// A device with that table, its digest right.
+// A device with that table and a correct digest.
 void write_flash(std::string_view device, const std::vector<flash_entry> &table, size_t size = 128 << 10);
 constexpr char flash5[] = "/dev/mtdblock/5";
 constexpr char flash6[] = "/dev/mtdblock/6";

@@ -1,4 +1,4 @@
-// A save in which the power is cut, and what comes up from all that it can leave on flash.
+// Power cuts during a save, and what boots from whatever they can leave on flash.
 #pragma once
 
 #include <cstdio>
@@ -9,13 +9,13 @@
 
 using values = std::vector<std::string>; // of all variables, in the same order
 
-// Boots with all that a cut leaves in the file flash: what was written, up to the cut, and behind it what was
-// there before, or the rest of 64 KiB that were erased to be written. It cuts at every sector up to end,
-// every header_step bytes of the header and random bytes, and prints what came up, and from which cut on.
+// Boots from everything that a cut can leave in the file flash: new bytes up to the cut, then the old ones or
+// the rest of 64 KiB erased for writing. Cuts at every sector up to end, at every header_step bytes of the
+// header and at random bytes. Prints what came up, and from which cut on.
 void cut_power(const std::string &save, const std::string &flash, const std::string &before,
                const std::string &after, size_t end, size_t header_step, auto boot)
 {
-    const auto boot_from = [&](const std::string &image) { // in place: file systems flush a file cut off
+    const auto boot_from = [&](const std::string &image) { // in place: file systems flush truncated files
         std::fstream(flash, std::ios::in | std::ios::out | std::ios::binary) << image;
         return boot();
     };

@@ -1,4 +1,4 @@
-// The end of what a configuration database holds in memory.
+// Frees everything that a configuration database holds in memory.
 #pragma once
 #include "app/memory.h"
 #include "app/text.h"

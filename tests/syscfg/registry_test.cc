@@ -88,7 +88,7 @@ TEST_F(syscfg_test, failures_are_told)
     }
 }
 
-// The digest is right: whoever wrote these tables meant them.
+// Their digests are right, so these tables were written on purpose.
 TEST_F(syscfg_test, absurd_tables_fail_and_nothing_is_written)
 {
     constexpr uint32_t huge = 0xFFFFFFFF, top = 0x7FFFFFFF;

@@ -13,7 +13,7 @@
 
 namespace {
 
-// A requester with a socket of its own; one without a name cannot be answered.
+// A client with its own socket; one without a name cannot be answered.
 class client {
   public:
     explicit client(const std::string &name)
@@ -30,7 +30,7 @@ class client {
     {
         sendto(fd, request.data(), request.size(), 0, generic(server), sizeof server);
     }
-    // With a control message; the answer, too.
+    // Sends with a control message and returns the answer.
     template <typename Control>
     std::string ask_with(int type, const Control &data, std::string request) const
     {
@@ -46,13 +46,13 @@ class client {
         app_poll_once();
         return receive();
     }
-    // As another user, which takes root.
+    // Asks as another user; needs root.
     std::string ask_as(uid_t user, const std::string &request) const
     {
         return ask_with(SCM_CREDENTIALS, ucred{getpid(), user, getegid()}, request);
     }
     void connect_to_server() const { EXPECT_EQ(connect(fd, generic(server), sizeof server), 0); }
-    // Leaves room for so many answers, of none in the queue.
+    // Fills an empty queue, but leaves room for this many answers.
     void fill_queue(int room = 0) const
     {
         int length = 0;
@@ -84,7 +84,7 @@ class client {
     int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
 };
 
-// Asked and received in that order.
+// The answers, concatenated in this order.
 std::string all(std::initializer_list<std::string> answers)
 {
     return std::accumulate(answers.begin(), answers.end(), std::string());
@@ -97,8 +97,8 @@ struct server_test : syscfg_test {
     const client one{"1"}, two{"2"}, three{"3"};
 };
 
-// Requests, each with its answer and what the service manager is told, one after the other over the same
-// values.
+// Requests, each with its answer and the report to the service manager, one after the other over the
+// same values.
 TEST_F(server_test, requests_and_answers)
 {
     EXPECT_EQ(one.ask("%reset"), "!ERR") << "there are no defaults";
@@ -175,7 +175,7 @@ TEST_F(server_test, of_1025_waits_those_of_the_gone_are_dropped_or_else_one_of_w
 struct list_test : server_test {
     std::deque<client> many;
 
-    // More variables than a requester's queue has room for, and as many requesters.
+    // More variables than a client's queue has room for, and as many clients.
     list_test()
     {
         real_time = true;
@@ -190,14 +190,14 @@ struct list_test : server_test {
         files.rlim_cur = files.rlim_max;
         setrlimit(RLIMIT_NOFILE, &files);
     }
-    // No list may outlive its variables, nor a wait.
+    // Lists and waits must not outlive their variables.
     ~list_test() override
     {
         for (const client &who : many)
             who.ask("V1=1");
     }
     const client &one_more() { return many.emplace_back("many" + std::to_string(many.size())); }
-    // What comes, in time.
+    // The next line within the time limit.
     static std::string next(const client &who)
     {
         std::string line = "none";
@@ -220,7 +220,7 @@ TEST_F(list_test, a_list_waits_for_its_reader_and_ends_with_his_next_request)
     takes_the_rest(one);
     const client stopped("stopped");
     stopped.ask("%list");
-    run_until([] { return false; }, 2200); // so long that it is tried seldom
+    run_until([] { return false; }, 2200); // long enough for its retries to become rare
     takes_the_rest(stopped);
     for (int i = 0; i < 30; ++i)
         one_more().ask("%list");
@@ -246,11 +246,11 @@ TEST_F(list_test, of_1025_lists_that_goes_which_stands_still_longest)
         one_more().fill_queue();
         EXPECT_EQ(many.back().ask("%list"), "junk");
         many.back().fill_queue();
-        if (many.size() % 4 == 0) // one reads on
+        if (many.size() % 4 == 0) // `one` continues to read
             EXPECT_EQ(next(one), ">V" + std::to_string(at--) + "=\"\"\n");
     }
     EXPECT_FALSE(log.has("list given up"));
-    run_until([] { return false; }, 20); // one stands still too, but not for long
+    run_until([] { return false; }, 20); // `one` stalls too, but only briefly
     EXPECT_EQ(two.ask("%list").size(), 1024u);
     EXPECT_TRUE(log.has("list given up: too many are under way\n"));
     takes_the_rest(one, at);
@@ -274,7 +274,7 @@ TEST_F(list_test, no_user_takes_the_places_of_others)
     for (int i = 0; i < 424; ++i)
         EXPECT_EQ(one.ask("%wait V1=1"), "none");
     EXPECT_EQ(all({two.ask("%wait V1=1"), many[0].receive(), one.receive()}), "none!ERRnone");
-    // 512 of them have a list, and read it, too few lines at once to fill the buffer.
+    // 512 of them have a list and keep reading, but free too few lines at once to fill the buffer.
     const auto all_read = [this] {
         for (const client &who : many) {
             while (who.receive() != "none")
@@ -301,7 +301,7 @@ TEST_F(list_test, no_user_takes_the_places_of_others)
     EXPECT_EQ(told, "!ERR") << "nobody who reads is given up for it";
 }
 
-// To who is connected, answers are sent without end.
+// For a client connected to the server, the kernel queues answers without limit.
 TEST_F(list_test, who_is_connected_and_does_not_read_silences_nobody)
 {
     const std::string renewed =
@@ -401,18 +401,18 @@ TEST_F(server_test, a_failing_call_costs_an_answer_at_most)
                 app_poll_once(), answer = one.receive();
             EXPECT_TRUE(answer == right || answer == "none" || answer.starts_with("!ERR") ||
                         failed_kind == SENDTO)
-                << request << answer; // a request that was not sent changes the next answer
+                << request << answer; // an unsent request changes the next answer
             answered = answered && answer == right;
         }
         one.ask("%list");
         end_failing();
-        one.ask("NUM=13"); // for who still waits
+        one.ask("NUM=13"); // for clients still waiting
         while (one.receive() != "none")
             app_poll_once();
         EXPECT_EQ(all({one.ask("NUM=7"), one.ask("?NUM")}), "!OK>7");
         return answered;
     };
-    scenario(); // what is kept
+    scenario(); // allocates what is kept
     EXPECT_GT(for_each_failure(ALL_CALLS, scenario, SENDTO | POLL | RECV | IOCTL), 40);
 }
 

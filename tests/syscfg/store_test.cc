@@ -110,7 +110,7 @@ TEST_F(syscfg_test, the_first_start_saves_the_defaults_and_nothing_stops_it)
         << log.messages();
     if (geteuid() != 0)
         return;
-    // What root has put into a directory where nobody removes what is not his.
+    // A file of root's, in a directory that only root may write.
     std::filesystem::remove(device_path("/tmp/.syscfg-server"));
     mkfifo("/tmp/.syscfg-server", 0600);
     chmod(device_root.c_str(), 0711);
@@ -144,7 +144,7 @@ TEST_F(syscfg_test, apply_reports_what_has_changed_1023_at_a_time)
     EXPECT_EQ(show(db.get()).find("8000"), std::string::npos);
 }
 
-// 65,536 bytes can be saved; a table with more room for them does not let half of a longer text pass.
+// At most 65,536 bytes can be saved; a table with more room must not accept half of a longer text.
 TEST_F(syscfg_test, a_text_too_long_is_not_saved)
 {
     for (const uint32_t capacity : {65536u, 100000u}) {
@@ -174,7 +174,7 @@ TEST_F(syscfg_test, a_failing_call_at_start_save_and_load_leaves_nothing_behind)
     write_file("/usr/etc/syscfg.constant", "C=const\n");
     write_file("/usr/etc/syscfg.default", "P=1\nI=1\nS=x\n");
     write_file("/etc/b", "B choice x,y\n");
-    // Without a variable or a value the daemon goes on, but says so.
+    // Without a variable or a value the daemon starts, but logs it.
     static const std::regex passed_over(
         "failed to read |invalid |cannot open|(FAILED|SYSERROR): (build_|load_|parse_def)");
     std::string text = std::string(definition) + "%include /etc/b\n";
@@ -187,7 +187,7 @@ TEST_F(syscfg_test, a_failing_call_at_start_save_and_load_leaves_nothing_behind)
     };
     scenario(); // the loop's table is kept
     using namespace support;
-    const unsigned made_good = OPEN | POLL | SETSOCKOPT; // a vendor's file need not be there
+    const unsigned made_good = OPEN | POLL | SETSOCKOPT;                      // a vendor's file is optional
     EXPECT_GE(for_each_failure(ALL_CALLS, scenario, made_good | ALLOC), 100); // a first value is empty anyway
     text.erase(text.find("(8)"), 3);
     EXPECT_GE(for_each_failure(ALL_CALLS, scenario, made_good), 100);

@@ -3,14 +3,14 @@
 
 namespace {
 
-// What stands on the left and on the right of the mark.
+// The text left and right of the mark.
 std::pair<std::string, std::string> halves(std::string_view text, char mark)
 {
     const std::string_view left = cut_until(text, mark);
     return {trimmed(left), trimmed(text)};
 }
 
-// A type, then old > new = what is stored; "*" marked changed, "!22" refused with -22.
+// A type, then old > new = stored value; "*" means marked changed, "!22" refused with -22.
 TEST_F(syscfg_test, setters)
 {
     for (const auto &row : rows(R"(
@@ -52,7 +52,7 @@ TEST_F(syscfg_test, setters)
     }
 }
 
-// A type and a value, then option = what is shown.
+// A type and a value, then option = output.
 TEST_F(syscfg_test, getters)
 {
     const std::string wide(62, ' ');
@@ -86,7 +86,7 @@ TEST_F(syscfg_test, getters)
     EXPECT_EQ(get_value(db.get(), "W", nullptr, buffer), nullptr);
     for (const auto &row : rows("AZaz09._-|20|AZaz09._-\n \\x~\"|20|%5Cx%7E%22\n abcdef|4|abc\n ab/|6|ab%2F\n"
                                 "ab/|5|ab\n ab/c|5|ab\n \xc3\xa4 x|20|%C3%A4+x")) {
-        std::vector<char> out(std::stoul(row[1])); // escaping ends before what does not fit
+        std::vector<char> out(std::stoul(row[1])); // escaping stops before the part that does not fit
         url_escape(row[0], out);
         EXPECT_STREQ(out.data(), row[2].c_str());
     }

@@ -6,6 +6,7 @@
 #include "bench/figures.h"
 #include "bench/loops.h"
 #include "syscfg/definition.h"
+#include "syscfg/lookup.h"
 
 #include <algorithm>
 #include <ctime>

@@ -4,21 +4,21 @@
 #include "app/log.h"
 #include "app/memory.h"
 #include "app/text.h"
+#include "syscfg/lookup.h"
+#include "syscfg/types.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <strings.h>
 
 namespace {
 
 constexpr char log_module[] = "syscfg";
-constexpr size_t most_choices = 16;
 
-// Far beyond any real definition; what they stop are includes that multiply.
-constexpr int deepest_include = 16;
-constexpr int most_files = 256;
-constexpr int most_lines = 16384;
+// Far beyond any real definition. They stop includes that multiply.
+constexpr int max_include_depth = 16;
+constexpr int max_files = 256;
+constexpr int max_lines = 16384;
 
 // A file being read and the one that includes it.
 struct open_definition {
@@ -32,24 +32,6 @@ const open_definition *innermost;
 int files_read;
 int lines_read;
 
-void free_names(char **names)
-{
-    for (char **name = names; name && *name; ++name)
-        free(*name);
-    free(names);
-}
-
-void free_var(syscfg_var *var)
-{
-    drop_value(var);
-    if (var->type == VAR_CHOICE || var->type == VAR_ALIAS)
-        free_names(var->list);
-    else
-        free(var->pattern);
-    free(var->name);
-    free(var);
-}
-
 // For %.*s.
 int printed(std::string_view text)
 {
@@ -57,7 +39,7 @@ int printed(std::string_view text)
 }
 
 // Options are separate words of two characters. Leaves text at the type's keyword.
-uint16_t parse_options(std::string_view &text, const char *func)
+uint16_t parse_options(std::string_view &text)
 {
     unsigned flags = 0;
     while (text.size() >= 2 && text[0] == '-') {
@@ -67,7 +49,7 @@ uint16_t parse_options(std::string_view &text, const char *func)
         else if (option == 'r')
             flags |= VAR_NOSAVE | VAR_RDONLY;
         else
-            log_trace(LOG_AS(func), "unkown option: -%c", option);
+            log_trace(LOG_AS("parse_var_spec"), "unkown option: -%c", option);
         text = skip_space(text.substr(2));
     }
     return static_cast<uint16_t>(flags);
@@ -88,7 +70,7 @@ int parse_var_spec(syscfg *db, std::string_view &line)
     }
     std::string_view rest = skip_space(line.substr(name.size() + 1));
     line = name;
-    const uint16_t flags = parse_options(rest, __func__);
+    const uint16_t flags = parse_options(rest);
     const auto *type = std::find_if(var_types.begin(), var_types.end(),
                                     [rest](const var_type &t) { return has_keyword(rest, t.keyword); });
     if (type == var_types.end()) {
@@ -96,21 +78,18 @@ int parse_var_spec(syscfg *db, std::string_view &line)
         log_trace(LOG_HERE, "invalid type: %.*s", printed(shown), shown.data());
         return -1;
     }
-    auto *var = new_record<syscfg_var>();
+    unique_var var(new_record<syscfg_var>());
     if (var)
         var->name = new_text(name);
     if (!var || !var->name) {
-        free(var);
         log_trace(LOG_HERE, "not enougth memory");
         return -1;
     }
     var->flags = flags;
     var->type = static_cast<uint16_t>(type - var_types.begin());
-    if (type->parse_spec && type->parse_spec(var, rest.substr(type->keyword.size())) < 0) {
-        free_var(var);
+    if (type->parse_spec && type->parse_spec(var.get(), rest.substr(type->keyword.size())) < 0)
         return -1;
-    }
-    add_var(db, var);
+    add_var(db, std::move(var));
     return 0;
 }
 
@@ -131,17 +110,18 @@ const char *include_fault(const struct stat &status)
         if (file->device == status.st_dev && file->inode == status.st_ino)
             return "includes itself";
     }
-    if (innermost && innermost->depth >= deepest_include)
+    if (innermost && innermost->depth >= max_include_depth)
         return "nested too deep";
-    if (files_read >= most_files)
+    if (files_read >= max_files)
         return "too many files";
     return nullptr;
 }
 
-void parse_lines(syscfg *db, FILE *file, const char *func, char *line_buffer, size_t buffer_size)
+void parse_lines(syscfg *db, FILE *file, char *line_buffer, size_t buffer_size)
 {
+    constexpr char func[] = "parse_definition";
     while (fgets(line_buffer, static_cast<int>(buffer_size), file)) {
-        if (++lines_read > most_lines) {
+        if (++lines_read > max_lines) {
             log_trace(LOG_AS(func), "too many lines, the rest is ignored");
             return;
         }
@@ -159,51 +139,6 @@ void parse_lines(syscfg *db, FILE *file, const char *func, char *line_buffer, si
             log_trace(LOG_AS(func), "invalid line: %.*s", printed(shown), shown.data());
         }
     }
-}
-
-// A table of capacity entries in the place of the old one, or null, logged under the caller's name.
-var_entry *resize_table(var_entry *table, int capacity, const char *func)
-{
-    const auto entries = static_cast<size_t>(std::max(capacity, 1));
-    auto *resized = static_cast<var_entry *>(reallocarray(table, entries, sizeof(var_entry)));
-    if (!resized) {
-        log_syserror(LOG_AS(func));
-        free(table);
-    }
-    return resized;
-}
-
-void sort_table(var_entry *table, int count)
-{
-    std::sort(table, table + count, [](const var_entry &a, const var_entry &b) { return a.hash < b.hash; });
-}
-
-// By hash alone: the definition's author sees to it that two names do not share one.
-syscfg_var *find_in_table(const var_entry *table, int count, std::string_view name)
-{
-    if (!table)
-        return nullptr;
-    const uint32_t hash = syscfg_hash(name);
-    const var_entry *end = table + count;
-    const var_entry *at = std::lower_bound(
-        table, end, hash, [](const var_entry &entry, uint32_t wanted) { return entry.hash < wanted; });
-    return at != end && at->hash == hash ? at->record : nullptr;
-}
-
-syscfg_var *find_in_list(const syscfg *db, std::string_view name)
-{
-    for (syscfg_var *var = db->vars; var; var = var->next) {
-        if (name == var->name)
-            return var;
-    }
-    return nullptr;
-}
-
-syscfg_var *find_declared(const syscfg *db, std::string_view name)
-{
-    if (!db->var_tbl)
-        return find_in_list(db, name);
-    return find_in_table(db->var_tbl, db->count, name);
 }
 
 } // namespace
@@ -226,140 +161,7 @@ int parse_definition(syscfg *db, const char *path, char *line_buffer, size_t buf
     const open_definition here = {status.st_dev, status.st_ino, innermost,
                                   innermost ? innermost->depth + 1 : 1};
     innermost = &here;
-    parse_lines(db, file.get(), __func__, line_buffer, buffer_size);
+    parse_lines(db, file.get(), line_buffer, buffer_size);
     innermost = here.outer;
     return 0;
-}
-
-int parse_string_spec(syscfg_var *var, std::string_view text)
-{
-    if (text.starts_with('(')) {
-        const size_t end = text.find(')');
-        if (end == text.npos) {
-            log_trace(LOG_HERE, "missing ')' in size spec");
-            return -1;
-        }
-        // The text is part of a terminated line.
-        const long long size = strtoll(text.data() + 1, nullptr, 10);
-        if (size < 0 || size > INT32_MAX) {
-            log_trace(LOG_HERE, "size out of range: %lld", size);
-            return -1;
-        }
-        var->size = static_cast<int32_t>(size);
-        text.remove_prefix(end + 1);
-    }
-    text = trim_end(skip_space(text));
-    if (!text.empty())
-        var->pattern = new_text(text);
-    return text.empty() || var->pattern ? 0 : -1;
-}
-
-int parse_choice_spec(syscfg_var *var, std::string_view text)
-{
-    std::array<std::string_view, most_choices> names;
-    size_t count = 0;
-    for (;;) {
-        while (!text.empty() && (is_space(text.front()) || text.front() == ','))
-            text.remove_prefix(1);
-        if (text.empty())
-            break;
-        if (count == names.size()) {
-            log_trace(LOG_HERE, "too many choice");
-            return -1;
-        }
-        // Whatever ends a name is its separator, and gone with it.
-        const std::string_view name = span_of(text, is_name_char);
-        names[count++] = name;
-        text.remove_prefix(std::min(name.size() + 1, text.size()));
-    }
-    if (count == 0) {
-        log_trace(LOG_HERE, "empty choice list");
-        return -1;
-    }
-    var->list = static_cast<char **>(calloc(count + 1, sizeof(char *)));
-    if (!var->list)
-        return -1;
-    for (size_t i = 0; i < count; ++i) {
-        var->list[i] = new_text(names[i]);
-        if (!var->list[i])
-            return -1;
-    }
-    var->value = var->list[0];
-    return 0;
-}
-
-void add_var(syscfg *db, syscfg_var *var)
-{
-    if (var->type == VAR_ALIAS) {
-        for (char **name = var->list; *name; ++name)
-            ++db->alias_count;
-        var->next = db->aliases;
-        db->aliases = var;
-        return;
-    }
-    if (var->size != 0)
-        var->value = static_cast<char *>(calloc(1, string_field(var)));
-    for (syscfg_var **at = &db->vars; *at; at = &(*at)->next) {
-        syscfg_var *old = *at;
-        if (strcmp(old->name, var->name) == 0) {
-            var->next = old->next;
-            *at = var;
-            free_var(old);
-            return;
-        }
-    }
-    var->next = db->vars;
-    db->vars = var;
-    ++db->count;
-}
-
-uint32_t syscfg_hash(std::string_view name)
-{
-    uint32_t hash = 0;
-    for (const char c : name) {
-        const int s = static_cast<signed char>(c);
-        hash = (hash + static_cast<uint32_t>(s >> 4) + static_cast<uint32_t>(s * 16)) * 11;
-    }
-    return hash;
-}
-
-void build_var_tbl(syscfg *db)
-{
-    db->var_tbl = resize_table(db->var_tbl, db->count, __func__);
-    if (!db->var_tbl)
-        return;
-    int filled = 0;
-    for (syscfg_var *var = db->vars; var && filled < db->count; var = var->next)
-        db->var_tbl[filled++] = {var->name, syscfg_hash(var->name), var};
-    sort_table(db->var_tbl, filled);
-}
-
-void build_alias_tbl(syscfg *db)
-{
-    db->alias_tbl = resize_table(db->alias_tbl, db->alias_count, __func__);
-    if (!db->alias_tbl)
-        return;
-    int filled = 0;
-    for (syscfg_var *alias = db->aliases; alias; alias = alias->next) {
-        for (char **name = alias->list; *name && filled < db->alias_count; ++name)
-            db->alias_tbl[filled++] = {*name, syscfg_hash(*name), alias};
-    }
-    sort_table(db->alias_tbl, filled);
-}
-
-const char *find_alias(const syscfg *db, std::string_view name)
-{
-    const syscfg_var *alias = find_in_table(db->alias_tbl, db->alias_count, name);
-    return alias ? alias->name : nullptr;
-}
-
-syscfg_var *find_var(const syscfg *db, std::string_view name)
-{
-    if (syscfg_var *var = find_declared(db, name))
-        return var;
-    const char *declared = find_alias(db, name);
-    if (!declared)
-        return nullptr;
-    syscfg_var *var = find_declared(db, declared);
-    return var ? var : find_in_list(db, declared);
 }

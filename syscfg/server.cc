@@ -6,6 +6,7 @@
 #include "net/net.h"
 #include "syscfg/computed.h"
 #include "syscfg/listing.h"
+#include "syscfg/lookup.h"
 #include "syscfg/store.h"
 
 #include <cerrno>

@@ -4,6 +4,7 @@
 #include "app/log.h"
 #include "app/memory.h"
 #include "app/text.h"
+#include "syscfg/lookup.h"
 #include "syscfg/registry.h"
 
 #include <climits>
@@ -56,24 +57,17 @@ int read_with_vendor(const syscfg *db, const char *path, char *buffer, int size)
 
 void add_loaded_var(syscfg *db, const char *name, const char *value, load_mode mode, uint16_t type)
 {
-    auto *var = new_record<syscfg_var>();
+    unique_var var(new_record<syscfg_var>());
     if (var) {
+        var->type = type;
+        var->flags = mode;
         var->name = new_text(name);
         var->value = new_text(value);
     }
-    if (!var || !var->name || !var->value) {
-        log_failed(LOG_AS("load_config"));
-        if (var) {
-            free(var->name);
-            free(var->value);
-        }
-        free(var);
-        return;
-    }
-    var->type = type;
-    var->flags = mode;
+    if (!var || !var->name || !var->value)
+        return log_failed(LOG_AS("load_config"));
     log_trace(LOG_AS("load_config"), "add var: %s=\"%s\"", name, value);
-    add_var(db, var);
+    add_var(db, std::move(var));
 }
 
 void load_value(const syscfg *db, syscfg_var *var, const char *name, const char *value, load_mode mode)

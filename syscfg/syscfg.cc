@@ -3,6 +3,8 @@
 #include "app/app.h"
 #include "app/log.h"
 #include "app/memory.h"
+#include "syscfg/definition.h"
+#include "syscfg/lookup.h"
 #include "syscfg/registry.h"
 #include "syscfg/server.h"
 #include "syscfg/store.h"

@@ -3,6 +3,8 @@
 #include "app/log.h"
 #include "app/memory.h"
 #include "app/text.h"
+#include "syscfg/format.h"
+#include "syscfg/lookup.h"
 
 #include <arpa/inet.h>
 #include <climits>
@@ -15,6 +17,7 @@
 namespace {
 
 constexpr char log_module[] = "syscfg";
+constexpr size_t max_choices = 16;
 constexpr size_t integer_field = 20;
 constexpr size_t bool_field = 2;
 constexpr size_t ip_field = 16;
@@ -268,95 +271,61 @@ int set_sn(const syscfg *, syscfg_var *var, const char *text)
                           store_exactly(var, {stripped.get(), static_cast<size_t>(end - stripped.get())}));
 }
 
-const char *get_string(const syscfg_var *var, const char *option, std::span<char> buffer)
+int parse_string_spec(syscfg_var *var, std::string_view text)
 {
-    if (strcasecmp(option, "url") != 0)
-        return var->value;
-    url_escape(var->value, buffer);
-    return buffer.data();
-}
-
-// A number of one to three digits, or none, at the front of text; 0 for none.
-int take_small_number(std::string_view &text)
-{
-    int number = 0;
-    const std::string_view digits = span_of(text, is_digit);
-    for (const char digit : digits)
-        number = std::min(number * 10 + (digit - '0'), 1000);
-    text.remove_prefix(digits.size());
-    return number;
-}
-
-// Whether text contains no conversion: a '%' stands for itself only when it is doubled.
-bool is_plain_text(std::string_view text)
-{
-    while (!text.empty()) {
-        const bool percent = text.front() == '%';
-        if (percent && !text.starts_with("%%"))
-            return false;
-        text.remove_prefix(percent ? 2 : 1);
+    if (text.starts_with('(')) {
+        const size_t end = text.find(')');
+        if (end == text.npos) {
+            log_trace(LOG_HERE, "missing ')' in size spec");
+            return -1;
+        }
+        // The text is part of a terminated line.
+        const long long size = strtoll(text.data() + 1, nullptr, 10);
+        if (size < 0 || size > INT32_MAX) {
+            log_trace(LOG_HERE, "size out of range: %lld", size);
+            return -1;
+        }
+        var->size = static_cast<int32_t>(size);
+        text.remove_prefix(end + 1);
     }
-    return true;
+    text = trim_end(skip_space(text));
+    if (!text.empty())
+        var->pattern = new_text(text);
+    return text.empty() || var->pattern ? 0 : -1;
 }
 
-// One conversion of one int with plain text behind it, and nothing that makes printf read another argument or
-// print more than an answer holds.
-bool is_safe_conversion(std::string_view text)
+int parse_choice_spec(syscfg_var *var, std::string_view text)
 {
-    constexpr int widest = 127;
-    text.remove_prefix(std::min(text.find_first_not_of("-+ #0"), text.size()));
-    if (take_small_number(text) > widest)
-        return false;
-    if (text.starts_with('.')) {
-        text.remove_prefix(1);
-        if (take_small_number(text) > widest)
-            return false;
+    std::array<std::string_view, max_choices> names;
+    size_t count = 0;
+    for (;;) {
+        while (!text.empty() && (is_space(text.front()) || text.front() == ','))
+            text.remove_prefix(1);
+        if (text.empty())
+            break;
+        if (count == names.size()) {
+            log_trace(LOG_HERE, "too many choice");
+            return -1;
+        }
+        // Whatever ends a name is its separator, and gone with it.
+        const std::string_view name = span_of(text, is_name_char);
+        names[count++] = name;
+        text.remove_prefix(std::min(name.size() + 1, text.size()));
     }
-    const bool resized = text.starts_with('h');
-    text.remove_prefix(text.starts_with("hh") ? 2 : resized ? 1 : 0);
-    const std::string_view kinds = resized ? "diuoxX" : "diuoxXc";
-    return !text.empty() && kinds.find(text.front()) != kinds.npos && is_plain_text(text.substr(1));
-}
-
-const char *get_integer(const syscfg_var *var, const char *option, std::span<char> buffer)
-{
-    constexpr size_t longest_option = 15;
-    const std::string_view conversion = std::string_view(option).substr(0, longest_option);
-    if (!is_safe_conversion(conversion))
-        return var->value;
-    char format[1 + longest_option + 1] = "%";
-    copy_text(std::span(format).subspan(1), conversion);
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    snprintf(buffer.data(), buffer.size(), format,
-             atoi(var->value)); // NOLINT(cert-err34-c): a lenient reading
-#pragma GCC diagnostic pop
-    return buffer.data();
-}
-
-const char *get_bool(const syscfg_var *var, const char *option, std::span<char> buffer)
-{
-    std::string_view when_true = option;
-    if (when_true.find(':') == when_true.npos)
-        return var->value;
-    const std::string_view when_false = cut_until(when_true, ':');
-    copy_text(buffer, *var->value == '1' ? when_true : when_false);
-    return buffer.data();
-}
-
-const char *get_mac(const syscfg_var *var, const char *option, std::span<char> buffer)
-{
-    if (*option == ':')
-        return var->value;
-    size_t length = 0;
-    for (const char *c = var->value; *c != '\0' && length + 1 < buffer.size(); ++c) {
-        if (*c != ':')
-            buffer[length++] = *c;
-        else if (*option != '\0')
-            buffer[length++] = *option;
+    if (count == 0) {
+        log_trace(LOG_HERE, "empty choice list");
+        return -1;
     }
-    buffer[length] = '\0';
-    return buffer.data();
+    var->list = static_cast<char **>(calloc(count + 1, sizeof(char *)));
+    if (!var->list)
+        return -1;
+    for (size_t i = 0; i < count; ++i) {
+        var->list[i] = new_text(names[i]);
+        if (!var->list[i])
+            return -1;
+    }
+    var->value = var->list[0];
+    return 0;
 }
 
 int accept_any_spec(syscfg_var *, std::string_view)
@@ -391,13 +360,6 @@ static_assert([] {
            var_types[VAR_SN].keyword == "sn";
 }());
 
-void drop_value(syscfg_var *var)
-{
-    if (var->type != VAR_CHOICE && var->type != VAR_ALIAS)
-        free(var->value);
-    var->value = nullptr;
-}
-
 const char *get_value(const syscfg *db, std::string_view name, const char *option, std::span<char> buffer)
 {
     const syscfg_var *var = find_var(db, name);
@@ -405,30 +367,4 @@ const char *get_value(const syscfg *db, std::string_view name, const char *optio
         return nullptr;
     const auto get = var_types[var->type].get;
     return get && option && var->value ? get(var, option, buffer) : var->text();
-}
-
-void url_escape(std::string_view text, std::span<char> out)
-{
-    constexpr char digits[] = "0123456789ABCDEF";
-    constexpr std::string_view kept = "._-";
-    if (out.empty())
-        return;
-    size_t length = 0;
-    for (const char c : text) {
-        if (length + 1 >= out.size())
-            break;
-        if (c == ' ') {
-            out[length++] = '+';
-        } else if (is_letter(c) || is_digit(c) || kept.find(c) != kept.npos) {
-            out[length++] = c;
-        } else {
-            if (length + 3 >= out.size())
-                break;
-            const auto byte = static_cast<unsigned char>(c);
-            out[length++] = '%';
-            out[length++] = digits[byte >> 4];
-            out[length++] = digits[byte & 0xF];
-        }
-    }
-    out[length] = '\0';
 }

@@ -1,7 +1,7 @@
 // The types of variables: how a text becomes a value, and how a value is shown.
 #pragma once
 
-#include "syscfg/definition.h"
+#include "syscfg/variables.h"
 
 // Results of a type's set operation besides 0 and -1.
 constexpr int value_refused = -22;
@@ -10,6 +10,3 @@ constexpr int value_no_memory = -12;
 // The value of a variable in the form that option asks for; null when there is no such variable. The text is
 // the database's, or in buffer.
 const char *get_value(const syscfg *db, std::string_view name, const char *option, std::span<char> buffer);
-
-// Space becomes '+', other than letters, digits, '.', '_', '-' becomes %XX; cut before what does not fit.
-void url_escape(std::string_view text, std::span<char> out);

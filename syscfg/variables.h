@@ -109,6 +109,3 @@ inline size_t string_field(const syscfg_var *var)
 {
     return std::min(static_cast<size_t>(var->size), var_value_max) + 1;
 }
-
-// Frees the value, as far as the variable owns it; the variable then has none.
-void drop_value(syscfg_var *var);

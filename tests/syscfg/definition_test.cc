@@ -1,3 +1,4 @@
+#include "syscfg/lookup.h"
 #include "tests/syscfg/fixture.h"
 
 namespace {

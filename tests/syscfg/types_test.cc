@@ -1,4 +1,6 @@
 #include "app/text.h"
+#include "syscfg/format.h"
+#include "syscfg/lookup.h"
 #include "tests/syscfg/fixture.h"
 
 namespace {

@@ -2,7 +2,7 @@
 #include "app/glob.h"
 #include "app/text.h"
 #include "lumd/kinds.h"
-#include "lumd/proc_se.h"
+#include "lumd/proc_command.h"
 #include "lumd/time_zone.h"
 #include "net/resolver.h"
 #include "tests/fuzz/machine.h"

@@ -5,7 +5,7 @@
 #include "lumd/child.h"
 #include "lumd/kinds.h"
 #include "lumd/lumd.h"
-#include "lumd/proc_se.h"
+#include "lumd/proc_child.h"
 #include "syscfg/syscfg.h"
 #include "tests/support/support.h"
 

@@ -17,13 +17,7 @@ class sigchld_guard {
     sigset_t before_;
 };
 
-// Sees to it that ended children are reaped, also those that nobody tracks; to be called before the first is
-// started, and may be called again. 0, or -1, logged. The process kind, which wants to know of its own,
-// defines it.
-[[nodiscard]] int child_reaper_init();
-
 // Runs path with argv (ended by null) in a child that has no descriptor above 2, no signal blocked and none
-// ignored.
-// Returns its pid, or -1 with errno set. exec_failed runs in the child, on our memory, when the program
-// cannot be run; the child then ends with status 255.
+// ignored. Returns its pid, or -1 with errno set. exec_failed runs in the child, on our memory, when the
+// program cannot be run; the child then ends with status 255.
 extern "C" pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)());

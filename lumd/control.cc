@@ -48,9 +48,8 @@ void handle_line(lumd *manager, std::string_view line)
     }
 }
 
-void lumd_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
+void lumd_recvCallback(lumd *manager, int events, int fd, app_fd_handler *)
 {
-    auto *manager = static_cast<lumd *>(ctx);
     if (events & APP_EV_READ) {
         char text[read_max + 1];
         const ssize_t length = read(fd, text, read_max);
@@ -114,7 +113,7 @@ int open_control_fifo(lumd *manager)
     tell_of_stranger(reader.get());
     // A writer of our own, so that the reader never sees the end when the others have closed.
     unique_fd writer = open_fifo(O_WRONLY);
-    if (!writer || app_add_fd(reader.get(), POLLIN, manager, lumd_recvCallback) < 0)
+    if (!writer || app_add_fd<lumd_recvCallback>(reader.get(), POLLIN, manager) < 0)
         return -1;
     manager->fifo_fd = reader.release();
     writer.release();

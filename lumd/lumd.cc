@@ -101,8 +101,7 @@ void stop_dependents(const service_info *slot, int release)
 
 void release_entry(service_info *slot)
 {
-    timer_free(slot->restart_timer);
-    slot->restart_timer = nullptr;
+    slot->restart_timer.reset();
     slot->svcent->ops->release(slot->svcent);
     slot->svcent = nullptr;
     slot->awaited = 0;
@@ -136,9 +135,7 @@ void schedule_restart(service_info *slot)
 {
     constexpr char func[] = "lumd_processServiceCallback";
     log_trace(LOG_AS(func), "service %s stopped, schedule to restart", slot->name);
-    if (!slot->restart_timer)
-        slot->restart_timer = timer_new(restart_delay_ms, slot, lumd_restart_service, "lumd_restart_service");
-    if (timer_start(slot->restart_timer, 1) < 0)
+    if (slot->restart_timer.start<lumd_restart_service>(restart_delay_ms, slot, "lumd_restart_service") < 0)
         log_failed(LOG_AS(func));
 }
 
@@ -241,9 +238,8 @@ void lumd_stop_service(lumd *manager, const char *name)
     }
 }
 
-void lumd_restart_service(void *ctx)
+void lumd_restart_service(service_info *slot)
 {
-    auto *slot = static_cast<service_info *>(ctx);
     if (!slot->svcent) {
         log_failed(LOG_HERE);
         return;

@@ -62,8 +62,8 @@ void lumd_init_service_infos(lumd *manager);
 void lumd_do_start(service_info *slot, const char *name);
 void lumd_do_stop(service_info *slot, int release);
 
-// The restart timer's callback; ctx is the slot.
-void lumd_restart_service(void *ctx);
+// The restart timer's callback.
+void lumd_restart_service(service_info *slot);
 
 // Variables whose values have just changed (lumd_changes.cc); the names are the caller's.
 void lumd_processSyscfgChange(lumd *manager, const char *const *names, int count);

@@ -4,8 +4,8 @@
 #include "app/log.h"
 #include "app/text.h"
 #include "lumd/cfgdb.h"
-#include "lumd/child.h"
 #include "lumd/control.h"
+#include "lumd/proc_child.h"
 
 #include <cstring>
 

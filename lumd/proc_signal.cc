@@ -1,10 +1,11 @@
-#include "lumd/proc_se.h"
+#include "lumd/proc_command.h"
 
 #include "app/log.h"
 #include "app/text.h"
 
 #include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <string_view>
 #include <strings.h>
@@ -27,7 +28,14 @@ constexpr struct {
     {"SIGPWR", SIGPWR},       {"SIGSYS", SIGSYS},   {"SIGRTMIN", 32},
 };
 
-static_assert(std::size(signals) == 31);
+constexpr uint64_t listed = [] {
+    uint64_t bits = 0;
+    for (const auto &signal : signals)
+        bits |= uint64_t{1} << signal.number;
+    return bits;
+}();
+constexpr uint64_t numbers_1_to_32 = (uint64_t{1} << 33) - 2;
+static_assert(listed == (numbers_1_to_32 & ~(uint64_t{1} << SIGSTKFLT)), "every signal but SIGSTKFLT");
 
 // Cut to a range in which sums cannot overflow; no signal has a number near its ends.
 long decimal(const char *text)

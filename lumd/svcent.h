@@ -68,7 +68,7 @@ struct service_info {
     lumd *owner;
     svcfg *m_cfg;
     ::svcent *svcent;
-    timer *restart_timer;
+    unique_timer restart_timer;
     uint32_t awaited; // dependencies that were missing and are not up yet, one bit a slot
 };
 

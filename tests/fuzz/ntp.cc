@@ -27,7 +27,7 @@ void take(std::string_view input)
     machine = {{{"/etc/resolv.conf", servers.path}}, [](auto sent) { return sent.copy(identifier, 2) == 2; }};
     memcpy(&machine.from, &from, sizeof from);
     value_of_all = "time.example.com";
-    service_info slot = {"n", &manager, nullptr, nullptr, nullptr, 0};
+    service_info slot = {"n", &manager, nullptr, nullptr, {}, 0};
     svcent *entry = create_ntp_svcent(&slot, slot.name);
     while (input.size() >= 2) {
         const auto what = static_cast<uint8_t>(input[0]), length = static_cast<uint8_t>(input[1]);

@@ -24,5 +24,6 @@ void take(std::string_view input)
     }
     for (service_info &slot : slots)
         free_service_cfg(slot.m_cfg);
-    manager = {{}, &bridge, -1, all_kinds, {}, {}};
+    std::destroy_at(&manager);
+    new (&manager) lumd{{}, &bridge, -1, all_kinds, {}, {}};
 }

@@ -2,7 +2,7 @@
 #include "app/glob.h"
 #include "app/text.h"
 #include "lumd/kinds.h"
-#include "lumd/proc_se.h"
+#include "lumd/proc_command.h"
 #include "lumd/time_zone.h"
 #include "net/resolver.h"
 #include "tests/fuzz/machine.h"
@@ -15,7 +15,7 @@
 static void schedule(char *spec)
 {
     svcfg cfg = {};
-    service_info slot = {"s", &manager, &cfg, nullptr, nullptr, 0};
+    service_info slot = {"s", &manager, &cfg, nullptr, {}, 0};
     svcent *entry = create_sched_svcent(&slot, slot.name);
     char *argv[] = {slot.name, spec, slot.name, nullptr};
     const bool waits = entry->ops->start(entry, 3, argv, nullptr) == 0;

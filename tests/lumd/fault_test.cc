@@ -88,7 +88,8 @@ TEST_F(faults, of_a_start)
         EXPECT_TRUE(eventually(no_child_left));
         for (int i = 0; i < 5; ++i)
             app_poll_once();
-        all = all && slot("a")->restart_timer && slot("b")->restart_timer && process("c")->state == 1;
+        all = all && slot("a")->restart_timer.get() && slot("b")->restart_timer.get() &&
+              process("c")->state == 1;
         end_services();
         all = all && !log.has("cannot ");
         const bool failed = support::end_failing();

@@ -318,7 +318,7 @@ void lumd_test::step(const std::string &text)
          }},
         // Checks: the state (-1 without an entry), whether a restart is due, a log line.
         {"state", [&] { EXPECT_EQ(at->svcent ? at->svcent->state : -1, stoi(rest)); }},
-        {"timer", [&] { EXPECT_EQ(at->restart_timer != nullptr, stoi(rest) != 0); }},
+        {"timer", [&] { EXPECT_EQ(at->restart_timer.get() != nullptr, stoi(rest) != 0); }},
         {"log", [&] { EXPECT_TRUE(eventually([&] { return log.has(name + rest); })) << log.text(); }},
     };
     verbs.at(verb)();

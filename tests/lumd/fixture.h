@@ -7,6 +7,7 @@
 
 #include "lumd/kinds.h"
 #include "lumd/lumd.h"
+#include "lumd/proc_command.h"
 #include "lumd/proc_se.h"
 #include "tests/support/support.h"
 

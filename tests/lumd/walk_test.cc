@@ -5,7 +5,7 @@
 #include "lumd/child.h"
 #include "lumd/kinds.h"
 #include "lumd/lumd.h"
-#include "lumd/proc_se.h"
+#include "lumd/proc_child.h"
 #include "syscfg/syscfg.h"
 #include "tests/support/support.h"
 
@@ -27,7 +27,7 @@ struct timed {
 };
 model *believed; // the model, in the process that walks
 programs table;
-std::map<timer *, timed> timers;
+std::map<const timer *, timed> timers;
 std::string fault;
 
 void run_timer(void *ctx)
@@ -269,8 +269,8 @@ struct walker {
             std::array<int, 7> is = {slot.svcent != nullptr, slot.svcent ? slot.svcent->state : 0};
             if (entry)
                 is[2] = entry->pid, is[3] = entry->ended;
-            if (slot.restart_timer)
-                is[4] = true, is[5] = timers.at(slot.restart_timer).started;
+            if (const timer *restart = slot.restart_timer.get())
+                is[4] = true, is[5] = timers.at(restart).started;
             for (const auto &[timer, what] : timers)
                 is[6] |= slot.svcent && what.ctx == slot.svcent && what.started;
             fault += is == should_be
@@ -287,7 +287,7 @@ struct walker {
         const auto owners = [this](const timer *t, const void *ctx) {
             return (t == app_scheduler.timer) +
                    std::count_if(manager->svcs, manager->svcs + services, [=](auto &s) {
-                       return s.restart_timer == t || (s.svcent && s.svcent == ctx);
+                       return s.restart_timer.get() == t || (s.svcent && s.svcent == ctx);
                    });
         };
         for (const auto &[timer, what] : timers)

@@ -67,35 +67,50 @@ int store_exactly(syscfg_var *var, std::string_view text)
     return 0;
 }
 
-class regular_expression {
-  public:
-    explicit regular_expression(const char *pattern) : compiled_(regcomp(&regex_, pattern, 0) == 0) {}
-    ~regular_expression()
-    {
-        if (compiled_)
-            regfree(&regex_);
-    }
-    regular_expression(const regular_expression &) = delete;
-    regular_expression &operator=(const regular_expression &) = delete;
+struct compiled_pattern {
+    unique_text text;
+    regex_t regex;
+    bool is_compiled;
+    int uses;
 
-    [[nodiscard]] bool compiled() const { return compiled_; }
-    [[nodiscard]] bool matches_all_of(const char *text) const
+    ~compiled_pattern()
     {
-        regmatch_t match;
-        return regexec(&regex_, text, 1, &match, 0) == 0 && match.rm_so == 0 && text[match.rm_eo] == '\0';
+        if (is_compiled)
+            regfree(&regex);
     }
-
-  private:
-    regex_t regex_ = {};
-    bool compiled_;
 };
+
+// Compiling takes longer than matching, and neighbours in a file often share a pattern.
+compiled_pattern *last_pattern;
+
+// Null if the pattern does not compile. The C library remembers states of the text it has matched, so that a
+// compiled pattern grows with use and is thrown away after a while.
+const regex_t *compile(const char *pattern)
+{
+    constexpr int max_uses = 100;
+    if (last_pattern && last_pattern->uses++ < max_uses && strcmp(last_pattern->text.get(), pattern) == 0)
+        return &last_pattern->regex;
+    unique_record<compiled_pattern> compiled(new_record<compiled_pattern>());
+    free_record(std::exchange(last_pattern, nullptr));
+    if (!compiled)
+        return nullptr;
+    compiled->text.reset(new_text(pattern));
+    compiled->is_compiled = regcomp(&compiled->regex, pattern, 0) == 0;
+    if (!compiled->text || !compiled->is_compiled)
+        return nullptr;
+    last_pattern = compiled.release();
+    return &last_pattern->regex;
+}
 
 int check_pattern(const char *pattern, const char *text)
 {
-    const regular_expression regex(pattern);
-    if (!regex.compiled())
+    const regex_t *regex = compile(pattern);
+    if (!regex)
         return -1;
-    return regex.matches_all_of(text) ? 0 : value_refused;
+    regmatch_t match;
+    const bool matches_all =
+        regexec(regex, text, 1, &match, 0) == 0 && match.rm_so == 0 && text[match.rm_eo] == '\0';
+    return matches_all ? 0 : value_refused;
 }
 
 int set_string(const syscfg *, syscfg_var *var, const char *text)

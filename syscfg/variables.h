@@ -78,7 +78,9 @@ struct syscfg {
     int alias_count; // alternative names, over all alias declarations
     syscfg_var *aliases;
     var_entry *alias_tbl;
-    syscfg_change_listener changed; // called with listener; null when nobody listens
+    syscfg_change_listener changed; // called with listener, unless null
+    syscfg_var **index;             // by name, until var_tbl is built: a hash table of index_size slots
+    uint32_t index_size;            // a power of two, at least twice count
 };
 
 inline void report_changes(const syscfg *db, const char *const *names, int count)

@@ -176,7 +176,7 @@ TEST_F(syscfg_test, a_failing_call_at_start_save_and_load_leaves_nothing_behind)
     write_file("/etc/b", "B choice x,y\n");
     // Without a variable or a value the daemon goes on, but says so.
     static const std::regex passed_over(
-        "failed to read |invalid |cannot open|(FAILED|SYSERROR): (build_|load_|parse_def)");
+        "failed to read |invalid |cannot open|(FAILED|SYSERROR): (add_var|build_|load_|parse_def)");
     std::string text = std::string(definition) + "%include /etc/b\n";
     const auto scenario = [&, this] {
         log.clear();

@@ -45,7 +45,7 @@ int mark_if_stored(syscfg_var *var, int stored)
     return stored;
 }
 
-// Stores text in the field of that size, which every value of the type has. 0 or -12.
+// Stores text in a field of that size, which all values of the type have. 0 or -12.
 int store_in_field(syscfg_var *var, size_t field, std::string_view text)
 {
     if (!var->value)
@@ -135,7 +135,7 @@ int set_string(const syscfg *, syscfg_var *var, const char *text)
     return mark_if_stored(var, stored);
 }
 
-// The binary form that newer C libraries read is none of ours: flash must mean the same after an update.
+// Newer C libraries read "0b11". We do not: flash must mean the same after an update.
 bool is_binary(const char *text)
 {
     const std::string_view digits = skip_space(text);
@@ -163,7 +163,7 @@ int set_integer(const syscfg *, syscfg_var *var, const char *text)
     if (var->value) {
         long old = 0;
         parse_integer(var->value, old);
-        // Whatever is beyond a long reads as its limit, on the board from 0x80000000 on.
+        // Numbers beyond a long read as its limit, on the board from 0x80000000 on.
         const bool is_limit = number == LONG_MAX || number == LONG_MIN;
         changed = old != number || (is_limit && strcmp(var->value, text) != 0);
         log_trace(LOG_HERE, "old=%ld l=%ld", old, number);
@@ -172,7 +172,7 @@ int set_integer(const syscfg *, syscfg_var *var, const char *text)
     return changed ? mark_if_stored(var, stored) : stored;
 }
 
-// '0' or '1', or 0 when text means neither.
+// '0' or '1', or 0 if text is neither.
 char parse_bool(const char *text)
 {
     if (*text == '0' || *text == '1')
@@ -294,7 +294,7 @@ int parse_string_spec(syscfg_var *var, std::string_view text)
             log_trace(LOG_HERE, "missing ')' in size spec");
             return -1;
         }
-        // The text is part of a terminated line.
+        // text is part of a terminated line.
         const long long size = strtoll(text.data() + 1, nullptr, 10);
         if (size < 0 || size > INT32_MAX) {
             log_trace(LOG_HERE, "size out of range: %lld", size);
@@ -322,7 +322,7 @@ int parse_choice_spec(syscfg_var *var, std::string_view text)
             log_trace(LOG_HERE, "too many choice");
             return -1;
         }
-        // Whatever ends a name is its separator, and gone with it.
+        // Any character ends a name, and is skipped.
         const std::string_view name = span_of(text, is_name_char);
         names[count++] = name;
         text.remove_prefix(std::min(name.size() + 1, text.size()));

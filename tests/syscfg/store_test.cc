@@ -35,7 +35,7 @@ TEST_F(syscfg_test, assignments)
                                                          {"A=" + v4096 + "v", ""},
                                                          {"A=\"" + v4096 + "\"", "A/" + v4096}};
     for (const auto &[line, parts] : cases) {
-        char name[var_name_max + 1], value[var_value_max + 1];
+        char name[max_var_name + 1], value[max_var_value + 1];
         const int parsed = parse_assignment(line, name, value);
         EXPECT_EQ(parsed == 0 ? name + std::string("/") + value : "", parts) << line;
     }

@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -62,26 +63,39 @@ start_report take_report(int reports)
     return report;
 }
 
-running_daemon run_daemon(int reports, const char *program)
+running_daemon run_daemon(int reports, const char *program, const char *log)
 {
     write_service_file(program);
     unlink(daemon_socket);
     unlink(control_fifo);
     running_daemon started = {};
-    started.pid = check(fork(), "fork");
+    const int log_fd = check(open(log, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), log);
+    const int64_t begin = monotonic_ns();
+    started.pid = vfork();
     if (started.pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(open("/dev/null", O_RDWR | O_CLOEXEC), STDERR_FILENO);
+        dup2(log_fd, STDERR_FILENO);
         execl("/usr/sbin/lumd", "lumd", service_file, nullptr);
         _exit(127);
     }
+    check(started.pid, "vfork");
     char begun[sizeof "starting lumd...\n" - 1];
     char announced[sizeof "lumd started!\n" - 1];
     take(reports, begun, sizeof begun, "the daemon does not begin");
     take(reports, announced, sizeof announced, "the daemon does not start");
+    started.boot_ns = monotonic_ns() - begin;
+    close(log_fd);
     started.client = client_of(daemon_socket);
     started.requests = check(open(control_fifo, O_WRONLY | O_CLOEXEC), control_fifo);
     return started;
+}
+
+void end_daemon(const running_daemon &daemon)
+{
+    close(daemon.client);
+    close(daemon.requests);
+    kill(daemon.pid, SIGKILL);
+    waitpid(daemon.pid, nullptr, 0);
 }
 
 std::string service_request(const char *verb, int services)

@@ -14,8 +14,9 @@ constexpr const char *ordinary_program = "/opt/bin/ordinary"; // linked with the
 
 struct running_daemon {
     pid_t pid;
-    int client;   // asks the database
-    int requests; // the control FIFO
+    int client;      // asks the database
+    int requests;    // the control FIFO
+    int64_t boot_ns; // from vfork to "lumd started!"
 };
 
 // Returns the end of a pipe from which take_report reads everything written to standard output from now on:
@@ -25,7 +26,8 @@ start_report take_report(int reports);
 
 // Starts a daemon with 32 services, all running that program and none up, and waits until it answers. A
 // daemon started before keeps its sockets but loses their names; all daemons die with us.
-running_daemon run_daemon(int reports, const char *program = started_program);
+running_daemon run_daemon(int reports, const char *program = started_program, const char *log = "/dev/null");
+void end_daemon(const running_daemon &daemon);
 
 // "start" or "stop" and the names of the first services.
 std::string service_request(const char *verb, int services);

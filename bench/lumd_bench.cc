@@ -262,7 +262,7 @@ std::string numbered(int index)
 
 std::string read_file(const char *path)
 {
-    std::string text(65536, '\0');
+    std::string text(1 << 20, '\0');
     const int fd = check(open(path, O_RDONLY | O_CLOEXEC), path);
     text.resize(static_cast<size_t>(check(read(fd, text.data(), text.size()), path)));
     close(fd);
@@ -276,9 +276,8 @@ void write_file(const char *path, const std::string &text)
     close(fd);
 }
 
-// The client of a daemon whose variables have their numbers as values. Leaves the device's own files as
-// they were.
-int client_among(int variables, int reports)
+// A daemon whose variables have their numbers as values. Afterwards the device has its own files again.
+running_daemon daemon_among(int variables, int reports, const char *log = "/dev/null")
 {
     constexpr const char *declarations = "/etc/syscfg.def";
     constexpr const char *defaults = "/usr/etc/syscfg.default";
@@ -292,10 +291,10 @@ int client_among(int variables, int reports)
     }
     write_file(declarations, declared);
     write_file(defaults, values);
-    const int client = run_daemon(reports).client;
+    const running_daemon daemon = run_daemon(reports, started_program, log);
     write_file(declarations, declared_before);
     write_file(defaults, values_before);
-    return client;
+    return daemon;
 }
 
 // Steps through the variables, so that consecutive queries differ.
@@ -389,17 +388,38 @@ void add_save(const char *name, int client)
                  {"bare with one fsync", [=] { return time_bare_save(blocks, 0); }}}});
 }
 
+// ---- the boot ----
+
+// Whatever the number of variables, the same few values are saved; the others come from the defaults.
+void add_boot(int reports, const std::string &saved)
+{
+    const auto among = [=](int variables) {
+        write_file(flash, saved);
+        const running_daemon booted = daemon_among(variables, reports, "/tmp/bench.log");
+        end_daemon(booted);
+        return microseconds(booted.boot_ns);
+    };
+    add_figure({"boot with 5,000 variables",
+                "us",
+                3,
+                6.00,
+                {{"lumd", [=] { return among(5000); }},
+                 {"with 1,000", [=] { return among(1000); }},
+                 {"with 100", [=] { return among(100); }}}});
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     FILE *output = fdopen(check(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3), "fcntl"), "w");
     const int reports = collect_reports();
-    const int few = client_among(100, reports);
-    const int many = client_among(1000, reports);
-    const int very_many = client_among(5000, reports);
-    const running_daemon daemon = run_daemon(reports); // the last: programs run from here on find this one
-    time_daemon_starts(reports, 1, daemon);            // now all its descriptors are open
+    const int few = daemon_among(100, reports).client;
+    const std::string few_saved = read_file(flash);
+    const int many = daemon_among(1000, reports).client;
+    const int very_many = daemon_among(5000, reports).client;
+    const running_daemon daemon = run_daemon(reports); // the last: programs that are run find this one
+    time_daemon_starts(reports, 1, daemon);            // from here on it has all of its descriptors
 
     add_requests(daemon);
     add_look_ups(few, many, very_many);
@@ -412,6 +432,7 @@ int main(int argc, char **argv)
                  {"process that does nothing", [] { return time_process(nothing_command); }}}});
     add_save("save of the device's variables", daemon.client);
     add_save("save of 1,000 variables", many);
+    add_boot(reports, few_saved); // the last: nobody finds the daemon above any more
     run_figures(argc, argv, output);
     std::fclose(output);
 }

@@ -11,7 +11,7 @@ namespace {
 
 constexpr char server_path[] = "/tmp/.syscfg-server";
 constexpr size_t longest_command = 32;
-constexpr size_t longest_query = 33; // with its "?"
+constexpr size_t max_query = 33; // with its "?"
 constexpr size_t longest_error = SYSCFG_ERROR_SIZE - 1;
 constexpr size_t command_size = 128;
 constexpr size_t wait_size = 170;
@@ -20,7 +20,7 @@ constexpr size_t line_size = 161;
 
 static_assert(sizeof(sockaddr_un) == 110);
 
-// One line in one write, whatever the program does with its streams.
+// Prints one line with one write, independent of the program's streams.
 void report(const char *step, const char *peer)
 {
     const int error = errno;
@@ -50,8 +50,8 @@ void fill_server_address(sockaddr_un *address)
     memcpy(address->sun_path, server_path, sizeof server_path);
 }
 
-// The socket of one call. An answer that nobody waits for would reach the next call, under the same name, in
-// the place of that one's own; to a socket without a name there is none.
+// The socket of one call. A call that does not wait for its answer uses a socket without a name, which gets
+// none: the next call, under the same name, would take that answer for its own.
 struct client_socket {
     sockaddr_un server;
     const int fd;
@@ -79,7 +79,7 @@ struct client_socket {
     }
     [[nodiscard]] int receive(void *reply, size_t size) const
     {
-        errno = 0; // an empty answer is no error of the system
+        errno = 0; // an empty answer is not a system error
         return static_cast<int>(recv(fd, reply, size, 0));
     }
     int send_or_report(const void *request, size_t length, int flags = 0) const
@@ -110,7 +110,7 @@ int ok_or_failure(const char *answer, int length)
     return begins_with(answer, length, "!OK") ? 0 : -1;
 }
 
-// The length of the request, or -1 when the room is too small: a value that was cut would be another value.
+// The length of the request, or -1 if it does not fit: a value that is cut is another value.
 int format_assignment(char *out, size_t size, const char *verb, const char *name, const char *value)
 {
     const int length = snprintf(out, size, "%s%s=%s", verb, name, value);
@@ -131,11 +131,11 @@ int request_assignment(const char *verb, const char *name, const char *value)
     return ok_or_failure(text, syscfg_request(text, static_cast<size_t>(length), text, size));
 }
 
-// What follows the ">" of the answer, in text; null when there is no such answer.
+// The text after the ">" of an answer; null for any other answer.
 const char *query(const char *name, char (&text)[value_size + 1])
 {
     memset(text, 0, sizeof text);
-    snprintf(text, longest_query + 1, "?%s", name);
+    snprintf(text, max_query + 1, "?%s", name);
     const int received = syscfg_request(text, strlen(text), text, value_size);
     if (!begins_with(text, received, ">"))
         return nullptr;
@@ -167,8 +167,8 @@ int syscfg_client_open(sockaddr_un *address)
     const int fd = create_socket();
     if (fd < 0)
         return -1;
-    // Any user can send to a name that he can guess. Connected before it has one, the socket takes what the
-    // server sends only. Without a server, sending will tell.
+    // Any user can send to a name that is easy to guess. A socket that is connected before it gets its name
+    // hears the server only. Without a server, sending fails later.
     fill_server_address(address);
     connect(fd, reinterpret_cast<const sockaddr *>(address), sizeof *address);
     fill_address(address);
@@ -275,7 +275,7 @@ int syscfg_set_flags(const char *name, const char *value, int flags)
         return -1;
     char text[value_size];
     const int length = format_assignment(text, sizeof text, "", name, value);
-    // The server's own thread cannot wait until the server has read.
+    // The server's own thread must not wait for the server to read.
     const int how = takes_answer ? 0 : MSG_DONTWAIT;
     if (length < 0 || client.send_or_report(text, static_cast<size_t>(length), how) < 0)
         return -1;

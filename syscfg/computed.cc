@@ -55,7 +55,7 @@ int default_route(std::string_view, std::span<char> output)
     return -1;
 }
 
-// What stands behind "=" in the first line of a file, cut to 28 characters; "00" where there is nothing.
+// The text after "=" in the first line of a file, which is cut to 28 characters; "00" without one.
 void read_version(const char *path, std::span<char> out)
 {
     char line[29] = "";
@@ -87,7 +87,7 @@ int local_time(std::string_view, std::span<char> output)
     return strftime(output.data(), output.size(), "%Y-%m-%d %H:%M:%S", &broken_down) > 0 ? 0 : -1;
 }
 
-// "dns" and "dns1" ask for the first server. "dns_ip" asks for number 0, which there is not.
+// "dns" and "dns1" ask for the first server. "dns_ip" asks for number 0, which does not exist.
 long name_server_number(std::string_view name)
 {
     constexpr std::string_view prefix = "dns";
@@ -113,8 +113,8 @@ int name_server(std::string_view name, std::span<char> output)
     return -1;
 }
 
-// One of the addresses of an interface. Name is that of the interface and the suffix, unless it is only a
-// suffix.
+// One of the addresses of an interface. The name is the interface's and the suffix; a suffix alone names the
+// interface itself.
 template <unsigned long Request, size_t SuffixLength>
 int interface_address(std::string_view name, std::span<char> output)
 {

@@ -38,7 +38,7 @@ int printed(std::string_view text)
     return static_cast<int>(text.size());
 }
 
-// Options are separate words of two characters. Leaves text at the type's keyword.
+// Options are separate words of two characters. text then begins at the type's keyword.
 uint16_t parse_options(std::string_view &text)
 {
     unsigned flags = 0;
@@ -60,7 +60,7 @@ bool has_keyword(std::string_view text, std::string_view keyword)
     return text.size() >= keyword.size() && strncasecmp(text.data(), keyword.data(), keyword.size()) == 0;
 }
 
-// Adds what line declares. On failure line is left as far as it was understood, for the caller's message.
+// Adds the variable or alias that line declares. On failure line is cut to the part to report.
 int parse_var_spec(syscfg *db, std::string_view &line)
 {
     const std::string_view name = span_of(line, is_name_char);
@@ -95,7 +95,7 @@ int parse_var_spec(syscfg *db, std::string_view &line)
 
 void include_file(syscfg *db, std::string_view rest, char *line_buffer, size_t buffer_size)
 {
-    // The path lies in the line buffer, which the included file's lines will take.
+    // The path lies in the line buffer, which the included file's lines overwrite.
     const unique_text path(new_text(trim_end(skip_space(rest))));
     if (path)
         parse_definition(db, path.get(), line_buffer, buffer_size);
@@ -103,7 +103,7 @@ void include_file(syscfg *db, std::string_view rest, char *line_buffer, size_t b
         log_failed(LOG_AS("parse_definition"));
 }
 
-// What is wrong with reading this file now, or null.
+// Why this file must not be read now, or null.
 const char *include_fault(const struct stat &status)
 {
     for (const open_definition *file = innermost; file; file = file->outer) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-// A number of one to three digits, or none, at the front of text; 0 for none.
+// Takes a number off the front of text: 0 without digits, at most 1,000.
 int take_small_number(std::string_view &text)
 {
     int number = 0;
@@ -20,7 +20,7 @@ int take_small_number(std::string_view &text)
     return number;
 }
 
-// Whether text contains no conversion: a '%' stands for itself only when it is doubled.
+// True if text holds no conversion: every '%' is doubled.
 bool is_plain_text(std::string_view text)
 {
     while (!text.empty()) {
@@ -32,17 +32,17 @@ bool is_plain_text(std::string_view text)
     return true;
 }
 
-// One conversion of one int with plain text behind it, and nothing that makes printf read another argument or
-// print more than an answer holds.
+// True for one conversion of one int followed by plain text: printf must not read a second argument or print
+// more than an answer holds.
 bool is_safe_conversion(std::string_view text)
 {
-    constexpr int widest = 127;
+    constexpr int max_width = 127;
     text.remove_prefix(std::min(text.find_first_not_of("-+ #0"), text.size()));
-    if (take_small_number(text) > widest)
+    if (take_small_number(text) > max_width)
         return false;
     if (text.starts_with('.')) {
         text.remove_prefix(1);
-        if (take_small_number(text) > widest)
+        if (take_small_number(text) > max_width)
             return false;
     }
     const bool resized = text.starts_with('h');
@@ -63,11 +63,11 @@ const char *get_string(const syscfg_var *var, const char *option, std::span<char
 
 const char *get_integer(const syscfg_var *var, const char *option, std::span<char> buffer)
 {
-    constexpr size_t longest_option = 15;
-    const std::string_view conversion = std::string_view(option).substr(0, longest_option);
+    constexpr size_t max_option = 15;
+    const std::string_view conversion = std::string_view(option).substr(0, max_option);
     if (!is_safe_conversion(conversion))
         return var->value;
-    char format[1 + longest_option + 1] = "%";
+    char format[1 + max_option + 1] = "%";
     copy_text(std::span(format).subspan(1), conversion);
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"

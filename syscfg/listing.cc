@@ -11,9 +11,9 @@ namespace {
 
 constexpr char log_module[] = "syscfg";
 constexpr int first_retry_ms = 2;
-constexpr int last_retry_ms = 200;
+constexpr int max_retry_ms = 200;
 constexpr int crowd_patience_ms = 1000;
-constexpr uint64_t max_expirations = 1000; // that count: after so long a sleep all are due
+constexpr uint64_t max_expirations = 1000; // after so many every list is due
 constexpr int max_of_stranger = max_kept / 2;
 constexpr size_t line_size = 1024 + 1;
 
@@ -24,23 +24,23 @@ constexpr std::string_view given_up = "!ERR";
 struct listing {
     listing *next;
     int server_fd;
-    const syscfg_var *at; // next to be sent; null when only the end is left
+    const syscfg_var *at; // the next to send; null if only the end is left
     std::string_view end;
     requester to;
-    int retry_ms; // grows while nothing is taken
+    int retry_ms; // doubles while the client takes nothing
     int left_ms;  // until the next retry
     int64_t still_ms;
 };
 
 listing *lists; // oldest first
 
-// While there are lists. Not one of the loop's timers: those stand still for as long as the wall clock is set
-// back, and somebody waits for these lines.
+// Open while there are lists. The loop's timers would not do: they stand still while the wall clock is set
+// back, and clients wait for these lines.
 int retry_fd = -1;
 int armed_ms;
-int crowded_ms; // without room for lists in the server's buffer
+int crowded_ms; // how long the server's buffer has had no room for lists
 
-// Sends on until all is sent (true), the requester's queue is full, or lists have their share of the buffer.
+// True once all is sent; false if the client's queue is full or lists have used their share of the buffer.
 bool advance(listing &list)
 {
     while (list.at) {
@@ -54,7 +54,7 @@ bool advance(listing &list)
     return try_reply(list.server_fd, list.to, list.end);
 }
 
-// The same, minding how long nothing has been taken.
+// Advances, and sets when to try again.
 bool retry(listing &list)
 {
     const syscfg_var *before = list.at;
@@ -64,7 +64,7 @@ bool retry(listing &list)
         list.retry_ms = first_retry_ms;
         list.still_ms = 0;
     } else if (!is_crowded(list.server_fd)) {
-        list.retry_ms = std::min(2 * list.retry_ms, last_retry_ms);
+        list.retry_ms = std::min(2 * list.retry_ms, max_retry_ms);
     }
     list.left_ms = list.retry_ms;
     return false;
@@ -98,14 +98,13 @@ void stop_retries()
 
 void remove_list(listing **at)
 {
-    listing *list = *at;
+    const unique_record<listing> list(*at);
     *at = list->next;
-    free(list);
     if (!lists)
         stop_retries();
 }
 
-// Some of the lists; whose depends on the user.
+// Selects lists, some of a user.
 using choice = bool (*)(const listing &list, uid_t user);
 
 bool holds_place(const listing &list, uid_t)
@@ -131,7 +130,7 @@ int count_lists(choice chosen, uid_t user)
     return count;
 }
 
-// The one of which nothing has been taken for longest, or null when all are being read.
+// The list whose client has taken nothing for longest; null if all clients are reading.
 listing **longest_still(choice chosen, uid_t user)
 {
     listing **longest = nullptr;
@@ -143,7 +142,7 @@ listing **longest_still(choice chosen, uid_t user)
     return longest;
 }
 
-// The requester may have no room for that yet. As many are told later as there are places.
+// The client may have no room for the error yet. It is kept for up to max_kept clients.
 void give_up(listing **at)
 {
     listing *list = *at;
@@ -175,7 +174,7 @@ void retry_callback(void *, int, int fd, app_fd_handler *)
         renew_server_socket(lists->server_fd);
         crowded_ms = 0;
     }
-    int next_ms = last_retry_ms;
+    int next_ms = max_retry_ms;
     for (listing **at = &lists; *at;) {
         listing &list = **at;
         list.still_ms += passed_ms;
@@ -191,19 +190,17 @@ void retry_callback(void *, int, int fd, app_fd_handler *)
         arm(fd, next_ms);
 }
 
-// Keeps what is left of a list, as the newest; its place, or null when something for it cannot be had.
+// Keeps the rest of a list as the newest. The link to it, or null without memory or a timer.
 listing **keep_list(const listing &list)
 {
-    auto *kept = new_record<listing>();
-    if (!kept || !(lists ? armed_ms == first_retry_ms || arm(retry_fd, first_retry_ms) : start_retries())) {
-        free(kept);
+    unique_record<listing> kept(new_record<listing>());
+    if (!kept || !(lists ? armed_ms == first_retry_ms || arm(retry_fd, first_retry_ms) : start_retries()))
         return nullptr;
-    }
     *kept = list;
     listing **end = &lists;
     while (*end)
         end = &(*end)->next;
-    *end = kept;
+    *end = kept.release();
     return end;
 }
 

@@ -3,6 +3,7 @@
 #include "app/log.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <utility>
 
@@ -45,19 +46,53 @@ syscfg_var *find_in_table(const var_entry *table, int count, std::string_view na
     return at != end && at->hash == hash ? at->record : nullptr;
 }
 
-syscfg_var *find_in_list(const syscfg *db, std::string_view name)
+// The slot of the variable of that name, or the empty one where it belongs.
+syscfg_var **find_slot(const syscfg *db, std::string_view name)
 {
-    for (syscfg_var *var = db->vars; var; var = var->next) {
-        if (name == var->name)
-            return var;
+    constexpr uint32_t golden_ratio = 0x9E3779B9; // the low bits of the hash hardly differ
+    uint32_t at = syscfg_hash(name) * golden_ratio >> 16;
+    for (;; ++at) {
+        syscfg_var **slot = &db->index[at & (db->index_size - 1)];
+        if (!*slot || name == (*slot)->name)
+            return slot;
     }
-    return nullptr;
+}
+
+void drop_index(syscfg *db)
+{
+    free(std::exchange(db->index, nullptr));
+}
+
+// Makes room for one more variable. Without memory there is no index, and names are looked up in the list.
+void grow_index(syscfg *db)
+{
+    constexpr uint32_t first_size = 64;
+    const auto count = static_cast<uint32_t>(db->count);
+    if (db->index && count < db->index_size / 2)
+        return;
+    drop_index(db);
+    db->index_size = std::bit_ceil(2 * count + first_size);
+    db->index = static_cast<syscfg_var **>(calloc(db->index_size, sizeof(syscfg_var *)));
+    if (!db->index)
+        return log_syserror(LOG_AS("add_var"));
+    for (syscfg_var *var = db->vars; var; var = var->next)
+        *find_slot(db, var->name) = var;
+}
+
+syscfg_var *find_by_name(const syscfg *db, std::string_view name)
+{
+    if (db->index)
+        return *find_slot(db, name);
+    syscfg_var *var = db->vars;
+    while (var && name != var->name)
+        var = var->next;
+    return var;
 }
 
 syscfg_var *find_declared(const syscfg *db, std::string_view name)
 {
     if (!db->var_tbl)
-        return find_in_list(db, name);
+        return find_by_name(db, name);
     return find_in_table(db->var_tbl, db->count, name);
 }
 
@@ -95,11 +130,14 @@ void add_var(syscfg *db, unique_var var)
         return add_alias(db, var.release());
     if (var->size != 0)
         var->value = static_cast<char *>(calloc(1, string_field(var.get())));
-    if (syscfg_var *old = find_in_list(db, var->name)) {
+    if (syscfg_var *old = find_by_name(db, var->name)) {
         std::swap(var->next, old->next);
         std::swap(*var, *old);
         return;
     }
+    grow_index(db);
+    if (db->index)
+        *find_slot(db, var->name) = var.get();
     var->next = db->vars;
     db->vars = var.release();
     ++db->count;
@@ -117,6 +155,7 @@ uint32_t syscfg_hash(std::string_view name)
 
 void build_var_tbl(syscfg *db)
 {
+    drop_index(db);
     if (!resize_table(db->var_tbl, db->count))
         return log_syserror(LOG_HERE);
     int filled = 0;
@@ -151,5 +190,5 @@ syscfg_var *find_var(const syscfg *db, std::string_view name)
     if (!declared)
         return nullptr;
     syscfg_var *var = find_declared(db, declared);
-    return var ? var : find_in_list(db, declared);
+    return var ? var : find_by_name(db, declared);
 }

@@ -30,7 +30,7 @@ constexpr uint32_t data_area = 256;
 
 constexpr char magic[magic_size] = {'R', 'E', 'G', 0};
 
-// The numbers that the messages of this module carry; support staff know them by heart.
+// The numbers in the messages of this module. Support staff know them by heart.
 enum message_number {
     read_open = 232,
     read_seek = 256,
@@ -89,7 +89,7 @@ struct blob {
     uint32_t capacity;
     int32_t length;
 
-    // Beyond this neither a seek nor the texts that report it have a number for the place.
+    // The messages print offsets as int.
     [[nodiscard]] bool in_reach() const { return offset + capacity <= INT_MAX; }
     [[nodiscard]] bool has_sane_length() const
     {
@@ -149,7 +149,7 @@ int fail_seek(message_number number, int offset)
     return -1;
 }
 
-// Puts the data into its blocks, the first of which is in block already. 0 or -1.
+// Writes the data block by block; block holds the first one already. 0 or -1.
 int fill_blocks(int fd, uint8_t *block, const blob &at, std::string_view data, const char *name, off_t base)
 {
     size_t position = at.offset % block_size;
@@ -177,7 +177,7 @@ int fill_blocks(int fd, uint8_t *block, const blob &at, std::string_view data, c
     }
 }
 
-// Writes the first block, which holds the header, and reads the one in which the data begins. 0 or -1.
+// Writes the first block, which holds the header, and reads the block where the data begins. 0 or -1.
 int advance_to_data(int fd, uint8_t *block, const blob &at, off_t base)
 {
     if (!seek(fd, base)) {
@@ -280,7 +280,7 @@ int writeregistry(const char *device, const char *name, const void *data, int le
     const std::string_view bytes(static_cast<const char *>(data), static_cast<size_t>(length));
     if (fill_blocks(fd.get(), block.get(), *found, bytes, name, base) < 0)
         return -1;
-    // The block device below writes its cache out when it is closed, and answers the first sync too early.
+    // The block device writes its cache out on close, and its first sync returns too early.
     block.reset();
     fd.reset();
     for (int i = 0; i < 3; ++i)

@@ -3,8 +3,8 @@
 // written in whole 4,096-byte blocks, each read before it is changed, and only the blocks of the header and
 // the blob.
 //
-// What a header says is believed only as far as a blob can reach: capacities that run past 2 GiB and lengths
-// outside the capacity make the read or write fail. Failures are told on standard error.
+// A header is not trusted: a read or write fails if a capacity runs past 2 GiB or a length exceeds its
+// capacity. Failures are printed on standard error.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +12,19 @@
 
 constexpr size_t registry_header_size = 212;
 
-// True when the 212 bytes begin with the magic and carry the digest of their table.
+// True if the 212 bytes begin with the magic and hold the digest of their table.
 bool registry_header_valid(const uint8_t *header);
 
 // Bytes read into buffer (the first buffer_size of the blob), or -1. base is the header's offset on the
 // device.
 int readregistry(const char *device, const char *name, void *buffer, int buffer_size, off_t base);
 
-// length, once all of data is on the device and synced; -1 with the device possibly half-written otherwise.
-// A device without a valid header gets the default one: "hwinfo" of 512 and "syscfg" of 65,536 bytes. Null
-// data is refused like data that does not fit: length is then that of a text too long to be built.
+// Returns length once all of data is on the device and synced; -1 may leave the device half-written. A device
+// without a valid header gets the default one: "hwinfo" of 512 and "syscfg" of 65,536 bytes. Null data is
+// refused like data that does not fit; length is then that of a text too long to build.
 int writeregistry(const char *device, const char *name, const void *data, int length, off_t base);
 
-// The two partitions of the device: hardware information, and everything else.
+// The two partitions of the device: hardware information and everything else.
 int registry_read_hwinfo(void *buffer, int size);
 int registry_write_hwinfo(const void *data, int length);
 int registry_read(const char *name, void *buffer, int size);

@@ -25,15 +25,15 @@ constexpr uid_t unknown_user = static_cast<uid_t>(-1);
 
 int64_t patience_left_us = patience_us;
 int64_t last_wait_us;
-bool names_users;      // the kernel says who sent a request
-int64_t full_since_us; // since our own buffer was full and has not been half empty; or 0
+bool names_users;      // the kernel names the sender of each request
+int64_t full_since_us; // when our buffer filled up; 0 once it is half empty
 
 const char *kind_of(mode_t mode)
 {
     return S_ISDIR(mode) ? "a directory" : S_ISFIFO(mode) ? "a FIFO" : S_ISSOCK(mode) ? "a socket" : "a file";
 }
 
-// Frees the name for the socket. What another user has put there can be beyond our rights.
+// Frees the name for the socket. Another user's file there may be beyond our rights.
 void remove_path()
 {
     if (unlink(server_path) == 0 || errno == ENOENT)
@@ -57,7 +57,7 @@ bool is_full_error(int error)
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
-// Whether unread answers take our own buffer divided by that.
+// True if unread answers take that part of our buffer: 1 all, 2 half.
 bool has_taken(int server_fd, int divisor)
 {
     int unread = 0;
@@ -67,13 +67,13 @@ bool has_taken(int server_fd, int divisor)
            getsockopt(server_fd, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && unread >= size / divisor;
 }
 
-// Waits for room as long as there is patience. False when there was none.
+// Waits for room until patience runs out. False if it did.
 bool send_patiently(int server_fd, const requester &to, std::string_view text)
 {
     int64_t now = monotonic_us();
     patience_left_us = std::min(patience_us, patience_left_us + (now - last_wait_us) / recovery);
     bool sent = false;
-    // The socket of the requester is not ours to poll, so the wait is a send with a time-out.
+    // We cannot poll the client's socket, so the wait is a send with a timeout.
     while (!sent && patience_left_us > 0) {
         const timeval timeout = {0, static_cast<suseconds_t>(patience_left_us)};
         setsockopt(server_fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
@@ -86,8 +86,8 @@ bool send_patiently(int server_fd, const requester &to, std::string_view text)
     return sent;
 }
 
-// Whether room has not come back for as long as an answer waits. One who takes an answer for every two that
-// he asks for makes none for others.
+// True if our buffer has been full for as long as an answer waits. A client that reads one answer of every
+// two keeps it full for all others.
 bool stays_full()
 {
     return full_since_us != 0 && monotonic_us() - full_since_us >= patience_us;
@@ -107,7 +107,7 @@ int open_server_socket()
     if (!sock)
         return -1;
     names_users = setsockopt(sock.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0;
-    // A few requesters who do not read would use up the default.
+    // A few clients that do not read would use up the default.
     if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof send_buffer) < 0)
         setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
     sockaddr_un addr = {};
@@ -119,7 +119,7 @@ int open_server_socket()
     return sock.release();
 }
 
-// The descriptor stays the same, so neither the loop nor a list under way has to know.
+// The descriptor stays the same, so the loop and lists in progress need no change.
 bool renew_server_socket(int server_fd)
 {
     full_since_us = 0;
@@ -132,7 +132,7 @@ bool renew_server_socket(int server_fd)
     return true;
 }
 
-// Descriptors that a stranger adds are not taken: the credentials, which come first, use up the room.
+// The credentials come first and fill the room, so descriptors sent by a stranger are dropped.
 ssize_t receive_request(int server_fd, std::span<char> request, requester &from)
 {
     iovec text = {request.data(), request.size()};

@@ -1,10 +1,10 @@
-// The server's socket, and answers over it to requesters, none of whom can be trusted to read them.
+// The server's socket, and the answers it sends. No client can be trusted to read them.
 //
-// Unread answers count against the buffer of the socket that sent them. A requester's queue takes few of
-// them, but that of a requester who is connected to us takes all. Lists use half of the buffer at most. When
-// answers fill the rest, too, and half of it does not become free, another socket takes the place of this one
-// under the same name and descriptor, which is logged. What waits in the old one is lost, as are the answers
-// to those who are connected to it: for them it is a restart of the daemon.
+// Unread answers count against the buffer of the socket that sent them. A client's queue takes few of them,
+// unless the client is connected to us: then it takes all. Lists use at most half of the buffer. When the
+// buffer is full and does not drain to half, a new socket replaces this one under the same name and
+// descriptor, which is logged. Requests waiting in the old one are lost, and clients connected to it get no
+// more answers: to them the daemon has restarted.
 #pragma once
 
 #include <cstdint>
@@ -15,35 +15,35 @@
 
 inline constexpr char server_path[] = "/tmp/.syscfg-server";
 
-// Waits, and lists, that are kept at once.
+// Waits kept at once; as many lists.
 constexpr int max_kept = 1024;
 
 struct requester {
     sockaddr_un addr;
     socklen_t len;
-    uid_t uid; // who sent the request, as the kernel says
+    uid_t uid; // of the sender, from the kernel
 };
 
 bool same_requester(const requester &a, const requester &b);
 
-// A bound, close-on-exec server socket, or -1 with errno set. What stands at its name and cannot be removed
-// is logged, with its owner.
-int open_server_socket();
+// A bound, close-on-exec server socket, or -1 with errno set. A file in its place that
+// cannot be removed is logged with its owner.
+[[nodiscard]] int open_server_socket();
 
-// Puts a new socket in the place of server_fd. False (logged) when there is none to be had.
+// Replaces the socket behind server_fd. False (logged) if none can be opened.
 bool renew_server_socket(int server_fd);
 
-// The next request and who sent it; its length, or -1.
-ssize_t receive_request(int server_fd, std::span<char> request, requester &from);
+// Receives the next request and its sender. Its length, or -1.
+[[nodiscard]] ssize_t receive_request(int server_fd, std::span<char> request, requester &from);
 
-// Whether unread answers take half of our own buffer.
+// True if unread answers take half of our buffer.
 bool is_crowded(int server_fd);
 
-// Sends without waiting. False when the requester's queue or our own buffer is full; a requester that has
-// gone counts as answered.
+// Sends without waiting. False if the client's queue or our buffer is full; a client that has gone counts as
+// answered.
 bool try_reply(int server_fd, const requester &to, std::string_view text);
 
-// Sends, and waits for room: 200 ms in all, which only time without waiting gives back, eight times as
-// slowly. However many requesters do not read, the others get most of the daemon. After 200 ms without room
-// in our own buffer the socket is renewed.
+// Sends, waiting for room if need be. All waits share a budget of 200 ms, which refills by 1 ms in 8, so
+// clients that do not read cost the daemon at most an eighth of its time. After 200 ms without room in our
+// buffer the socket is replaced.
 void reply(int server_fd, const requester &to, std::string_view text);

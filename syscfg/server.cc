@@ -17,10 +17,10 @@
 namespace {
 
 constexpr char log_module[] = "syscfg";
-constexpr size_t request_max = 1024;
-constexpr size_t answer_max = 4096;
+constexpr size_t max_request = 1024;
+constexpr size_t max_answer = 4096;
 constexpr size_t format_buffer_size = 128;
-constexpr int most_applied_names = 1000;
+constexpr int max_applied_names = 1000;
 
 constexpr std::string_view ok = "!OK";
 constexpr std::string_view error = "!ERR";
@@ -30,15 +30,15 @@ constexpr std::string_view bad_name = "!ERR BADNAM";
 constexpr std::string_view computed_is_read_only = "!ERR RONLY";
 constexpr std::string_view no_access = "!ERR ACCESS";
 
-// What a command sends by itself, later or in pieces.
+// Of a command that answers later, or in pieces.
 constexpr std::string_view no_reply = "";
 
 int waiter_count;
 uint32_t next_serial;
 
 struct assignment {
-    char name[var_name_max + 1];
-    char value[var_value_max + 1];
+    char name[max_var_name + 1];
+    char value[max_var_value + 1];
 };
 
 bool parse(std::string_view text, assignment &parsed)
@@ -46,21 +46,25 @@ bool parse(std::string_view text, assignment &parsed)
     return parse_assignment(text, parsed.name, parsed.value) == 0;
 }
 
-void free_waiter(syscfg_waiter *waiter)
-{
-    drop_value(waiter);
-    free(waiter);
-}
+// A waiter owns its value; the rest is the variable's.
+struct waiter_deleter {
+    void operator()(syscfg_waiter *waiter) const
+    {
+        drop_value(waiter);
+        free(waiter);
+    }
+};
+
+using unique_waiter = std::unique_ptr<syscfg_waiter, waiter_deleter>;
 
 void unlink_waiter(syscfg_waiter **at)
 {
-    syscfg_waiter *waiter = *at;
+    const unique_waiter waiter(*at);
     *at = waiter->next_waiter;
-    free_waiter(waiter);
     --waiter_count;
 }
 
-// Answers the waiters whose value has come.
+// Answers the waiters that have waited for the present value.
 void release_waiters(const syscfg *db, syscfg_var *var)
 {
     for (syscfg_waiter **at = &var->waiters; *at;) {
@@ -75,13 +79,13 @@ void release_waiters(const syscfg *db, syscfg_var *var)
 
 bool has_gone(int probe, const requester &who)
 {
-    if (who.len <= offsetof(sockaddr_un, sun_path)) // without an address, nobody
+    if (who.len <= offsetof(sockaddr_un, sun_path)) // an unbound socket
         return true;
     return connect(probe, reinterpret_cast<const sockaddr *>(&who.addr), who.len) < 0 &&
            (errno == ECONNREFUSED || errno == ENOENT);
 }
 
-// Who gives up waiting does not say so, and must not push out those who still wait.
+// Clients that stop waiting do not tell us; drop those first.
 void drop_gone_waiters(const syscfg *db)
 {
     const unique_fd probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -95,7 +99,7 @@ void drop_gone_waiters(const syscfg *db)
     }
 }
 
-using waiter_place = syscfg_waiter **; // what points to it
+using waiter_place = syscfg_waiter **; // the link to it
 
 uint32_t age_of(waiter_place at)
 {
@@ -120,7 +124,8 @@ bool same_user(const requester &a, const requester &b)
     return a.uid == b.uid;
 }
 
-// Of sorted waiters, the most whose requesters are the same; of as many, those that begin with the oldest.
+// The largest group of sorted waiters with the same requester; of equal groups, the one with the oldest
+// first.
 std::span<waiter_place> largest_group(std::span<waiter_place> all,
                                       bool (*same)(const requester &, const requester &))
 {
@@ -136,7 +141,7 @@ std::span<waiter_place> largest_group(std::span<waiter_place> all,
     return largest;
 }
 
-// The user who holds the most places, at the address that holds the most of those, gives up the oldest.
+// Drops the oldest waiter of the busiest address of the user with the most waiters.
 void drop_waiter(const syscfg *db)
 {
     waiter_place places[max_kept];
@@ -179,7 +184,7 @@ std::string_view wait_syscfg(syscfg *db, std::string_view text, const requester 
         log_trace(LOG_HERE, "no var named: %s", wanted.name);
         return no_entry;
     }
-    auto *waiter = new_record<syscfg_waiter>();
+    unique_waiter waiter(new_record<syscfg_waiter>());
     if (!waiter) {
         log_failed(LOG_HERE);
         return error;
@@ -188,16 +193,14 @@ std::string_view wait_syscfg(syscfg *db, std::string_view text, const requester 
     waiter->next = nullptr;
     waiter->value = nullptr;
     waiter->waiters = nullptr;
-    const bool accepted = var_types[var->type].set(db, waiter, wanted.value) >= 0;
-    if (!accepted || strcmp(waiter->text(), var->text()) == 0) {
-        free_waiter(waiter);
+    const bool accepted = var_types[var->type].set(db, waiter.get(), wanted.value) >= 0;
+    if (!accepted || strcmp(waiter->text(), var->text()) == 0)
         return accepted ? ok : no_entry;
-    }
-    keep_waiter(db, var, waiter, from);
+    keep_waiter(db, var, waiter.release(), from);
     return no_reply;
 }
 
-// The next name of a list, which any other character after white space ends; empty at the end of the list.
+// Takes the next name and the character that ends it off the list. Empty if no name begins there.
 std::string_view take_name(std::string_view &list)
 {
     list = skip_space(list);
@@ -208,9 +211,9 @@ std::string_view take_name(std::string_view &list)
 
 std::string_view apply_names(syscfg *db, std::string_view list, const requester &)
 {
-    const char *names[most_applied_names + 1];
+    const char *names[max_applied_names + 1];
     int count = 0;
-    while (!list.empty() && count < most_applied_names) {
+    while (!list.empty() && count < max_applied_names) {
         const syscfg_var *var = find_var(db, take_name(list));
         if (var && var->changed())
             names[count++] = var->name;
@@ -270,7 +273,7 @@ std::string_view syscfg_exec_cmd(syscfg *db, std::string_view request, const req
     return error;
 }
 
-// The answer is built in out.
+// The answer lies in out, or is a constant.
 std::string_view syscfg_query(const syscfg *db, std::string_view request, std::span<char> out)
 {
     request.remove_prefix(1);
@@ -312,8 +315,8 @@ std::string_view syscfg_set_request(const syscfg *db, std::string_view request)
     return ok;
 }
 
-// The kernel follows links: a requester whose path has become one to our socket would have us answer our own
-// answers for ever.
+// The kernel follows links. If a client's path becomes a link to our socket, we would answer our own answers
+// for ever.
 bool is_own_address(const requester &from)
 {
     constexpr size_t head = offsetof(sockaddr_un, sun_path);
@@ -323,7 +326,7 @@ bool is_own_address(const requester &from)
 
 void handle_request(syscfg *db, std::string_view request, const requester &from)
 {
-    char answer[1 + answer_max + 1];
+    char answer[1 + max_answer + 1];
     std::string_view sent;
     switch (request.empty() ? '\0' : request.front()) {
     case '%':
@@ -345,9 +348,9 @@ void syscfg_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
 {
     auto *db = static_cast<syscfg *>(ctx);
     if (events & APP_EV_READ) {
-        char request[request_max + 1];
+        char request[max_request + 1];
         requester from;
-        const ssize_t length = receive_request(fd, {request, request_max}, from);
+        const ssize_t length = receive_request(fd, {request, max_request}, from);
         if (length <= 0) {
             log_failed(LOG_HERE);
         } else {

@@ -1,9 +1,10 @@
 // The configuration server: one request a datagram, answered on a local socket (see docs/protocol.md).
 //
-// Requests are handled one at a time and to completion, except that a wait is kept until its value is set and
-// a list goes on while its reader is slow. A kept wait holds a place among 1,024; one more takes the place of
-// a requester that has gone, or else the user who holds the most gives up the oldest of the address that
-// holds the most, which is told "!ERR". Only assignments through the socket release waiters.
+// Requests are handled one at a time and to completion, with two exceptions: a wait is kept until its value
+// is set, and a list goes on while its reader is slow. At most 1,024 waits are kept. When they are all taken,
+// the waits of clients that have gone are dropped. If there are none, the user with the most waits loses one:
+// the oldest of the address that has the most, which is answered "!ERR". Only assignments through the socket
+// release waiters.
 #pragma once
 
 #include "app/app.h"

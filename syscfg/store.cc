@@ -20,9 +20,9 @@ constexpr char log_module[] = "syscfg";
 constexpr char constant_file[] = "/usr/etc/syscfg.constant";
 constexpr char default_file[] = "/usr/etc/syscfg.default";
 constexpr char registry_name[] = "syscfg";
-constexpr int most_applied = 1023;
+constexpr int max_applied = 1023;
 
-// Bytes read from the beginning of a file, at most size; -1 when it cannot be opened or read.
+// Reads at most size bytes from the start of a file. Bytes read, or -1.
 int read_file(const char *path, char *buffer, int size)
 {
     const unique_fd fd = open_regular(path);
@@ -40,7 +40,7 @@ int read_file(const char *path, char *buffer, int size)
     return total;
 }
 
-// Reads a file and behind it what fits of the same file for the vendor, "PATH.VENID". -1 without the first.
+// Reads PATH, then as much of the vendor's PATH.VENID as fits. Bytes read; -1 if PATH cannot be read.
 int read_with_vendor(const syscfg *db, const char *path, char *buffer, int size)
 {
     const int base = read_file(path, buffer, size);
@@ -87,8 +87,8 @@ void load_value(const syscfg *db, syscfg_var *var, const char *name, const char 
 
 void load_line(syscfg *db, std::string_view line, load_mode mode, uint16_t add_type)
 {
-    char name[var_name_max + 1];
-    char value[var_value_max + 1];
+    char name[max_var_name + 1];
+    char value[max_var_value + 1];
     line = line.substr(0, line.find('\0'));
     if (parse_assignment(line, name, value) < 0) {
         print_error("invalid syscfg line: %.*s\n", static_cast<int>(line.size()), line.data());
@@ -116,14 +116,14 @@ int read_saved()
     return registry_read(registry_name, text_buffer, text_buffer_size);
 }
 
-// Puts name="value" lines into text_buffer. Their length, also when that is more than the buffer took.
+// Prints name="value" lines into text_buffer. Returns their full length, even if the buffer cuts them.
 size_t print_saved_text(const syscfg *db)
 {
     size_t length = 0;
     for (const syscfg_var *var = db->vars; var; var = var->next) {
         if (!var->value || (var->flags & VAR_NOSAVE))
             continue;
-        // The saved line ends the value at a quote, and takes what follows a line end for another assignment.
+        // Loading ends a value at a quote, and reads a new assignment after a line end.
         if (strpbrk(var->value, "\"\n")) {
             log_trace(LOG_AS("save_syscfg"), "cannot be saved: %s", var->name);
             continue;
@@ -193,7 +193,7 @@ int load_syscfg(syscfg *db)
 int save_syscfg(syscfg *db, bool apply)
 {
     const size_t length = print_saved_text(db);
-    // What is not all there must not be saved, whatever room its blob has.
+    // A text that was cut must not be saved, even if its blob has room: the registry refuses null.
     const char *text = length <= text_buffer_size ? text_buffer : nullptr;
     const int written = registry_write(registry_name, text, static_cast<int>(length));
     if (written < 0)
@@ -213,9 +213,9 @@ int reset_syscfg(syscfg *db)
 
 int apply_syscfg(syscfg *db)
 {
-    const char *names[most_applied + 1];
+    const char *names[max_applied + 1];
     int count = 0;
-    for (syscfg_var *var = db->vars; var && count < most_applied; var = var->next) {
+    for (syscfg_var *var = db->vars; var && count < max_applied; var = var->next) {
         if (!var->changed())
             continue;
         log_trace(LOG_HERE, "flags=%x %s=%s", var->flags, var->name, var->text());

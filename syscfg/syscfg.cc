@@ -14,11 +14,11 @@ namespace {
 constexpr char log_module[] = "syscfg";
 constexpr char definition_file[] = "/etc/syscfg.def";
 constexpr size_t definition_line_size = 256;
-constexpr int hwinfo_max = 4096;
+constexpr int max_hwinfo = 4096;
 
 void load_hwinfo(syscfg *db)
 {
-    const int length = registry_read_hwinfo(text_buffer, hwinfo_max);
+    const int length = registry_read_hwinfo(text_buffer, max_hwinfo);
     if (length < 0) {
         print_error("failed to read hwinfo\n");
         print_error("load hwinfo failed\n");

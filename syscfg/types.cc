@@ -45,7 +45,7 @@ int mark_if_stored(syscfg_var *var, int stored)
     return stored;
 }
 
-// Stores text in the field of that size, which every value of the type has. 0 or -12.
+// Stores text in a field of that size, which all values of the type have. 0 or -12.
 int store_in_field(syscfg_var *var, size_t field, std::string_view text)
 {
     if (!var->value)
@@ -67,35 +67,50 @@ int store_exactly(syscfg_var *var, std::string_view text)
     return 0;
 }
 
-class regular_expression {
-  public:
-    explicit regular_expression(const char *pattern) : compiled_(regcomp(&regex_, pattern, 0) == 0) {}
-    ~regular_expression()
-    {
-        if (compiled_)
-            regfree(&regex_);
-    }
-    regular_expression(const regular_expression &) = delete;
-    regular_expression &operator=(const regular_expression &) = delete;
+struct compiled_pattern {
+    unique_text text;
+    regex_t regex;
+    bool is_compiled;
+    int uses;
 
-    [[nodiscard]] bool compiled() const { return compiled_; }
-    [[nodiscard]] bool matches_all_of(const char *text) const
+    ~compiled_pattern()
     {
-        regmatch_t match;
-        return regexec(&regex_, text, 1, &match, 0) == 0 && match.rm_so == 0 && text[match.rm_eo] == '\0';
+        if (is_compiled)
+            regfree(&regex);
     }
-
-  private:
-    regex_t regex_ = {};
-    bool compiled_;
 };
+
+// Compiling takes longer than matching, and neighbours in a file often share a pattern.
+compiled_pattern *last_pattern;
+
+// Null if the pattern does not compile. The C library remembers states of the text it has matched, so that a
+// compiled pattern grows with use and is thrown away after a while.
+const regex_t *compile(const char *pattern)
+{
+    constexpr int max_uses = 100;
+    if (last_pattern && last_pattern->uses++ < max_uses && strcmp(last_pattern->text.get(), pattern) == 0)
+        return &last_pattern->regex;
+    unique_record<compiled_pattern> compiled(new_record<compiled_pattern>());
+    free_record(std::exchange(last_pattern, nullptr));
+    if (!compiled)
+        return nullptr;
+    compiled->text.reset(new_text(pattern));
+    compiled->is_compiled = regcomp(&compiled->regex, pattern, 0) == 0;
+    if (!compiled->text || !compiled->is_compiled)
+        return nullptr;
+    last_pattern = compiled.release();
+    return &last_pattern->regex;
+}
 
 int check_pattern(const char *pattern, const char *text)
 {
-    const regular_expression regex(pattern);
-    if (!regex.compiled())
+    const regex_t *regex = compile(pattern);
+    if (!regex)
         return -1;
-    return regex.matches_all_of(text) ? 0 : value_refused;
+    regmatch_t match;
+    const bool matches_all =
+        regexec(regex, text, 1, &match, 0) == 0 && match.rm_so == 0 && text[match.rm_eo] == '\0';
+    return matches_all ? 0 : value_refused;
 }
 
 int set_string(const syscfg *, syscfg_var *var, const char *text)
@@ -120,7 +135,7 @@ int set_string(const syscfg *, syscfg_var *var, const char *text)
     return mark_if_stored(var, stored);
 }
 
-// The binary form that newer C libraries read is none of ours: flash must mean the same after an update.
+// Newer C libraries read "0b11". We do not: flash must mean the same after an update.
 bool is_binary(const char *text)
 {
     const std::string_view digits = skip_space(text);
@@ -148,7 +163,7 @@ int set_integer(const syscfg *, syscfg_var *var, const char *text)
     if (var->value) {
         long old = 0;
         parse_integer(var->value, old);
-        // Whatever is beyond a long reads as its limit, on the board from 0x80000000 on.
+        // Numbers beyond a long read as its limit, on the board from 0x80000000 on.
         const bool is_limit = number == LONG_MAX || number == LONG_MIN;
         changed = old != number || (is_limit && strcmp(var->value, text) != 0);
         log_trace(LOG_HERE, "old=%ld l=%ld", old, number);
@@ -157,7 +172,7 @@ int set_integer(const syscfg *, syscfg_var *var, const char *text)
     return changed ? mark_if_stored(var, stored) : stored;
 }
 
-// '0' or '1', or 0 when text means neither.
+// '0' or '1', or 0 if text is neither.
 char parse_bool(const char *text)
 {
     if (*text == '0' || *text == '1')
@@ -279,7 +294,7 @@ int parse_string_spec(syscfg_var *var, std::string_view text)
             log_trace(LOG_HERE, "missing ')' in size spec");
             return -1;
         }
-        // The text is part of a terminated line.
+        // text is part of a terminated line.
         const long long size = strtoll(text.data() + 1, nullptr, 10);
         if (size < 0 || size > INT32_MAX) {
             log_trace(LOG_HERE, "size out of range: %lld", size);
@@ -307,7 +322,7 @@ int parse_choice_spec(syscfg_var *var, std::string_view text)
             log_trace(LOG_HERE, "too many choice");
             return -1;
         }
-        // Whatever ends a name is its separator, and gone with it.
+        // Any character ends a name, and is skipped.
         const std::string_view name = span_of(text, is_name_char);
         names[count++] = name;
         text.remove_prefix(std::min(name.size() + 1, text.size()));

@@ -13,10 +13,10 @@ struct syscfg;
 struct syscfg_waiter;
 
 // Longest name and value of an assignment, in a file or a request.
-constexpr size_t var_name_max = 32;
-constexpr size_t var_value_max = 4096;
+constexpr size_t max_var_name = 32;
+constexpr size_t max_var_value = 4096;
 
-// In the order in which keywords are tried; the number is what syscfg_var::type holds.
+// In the order in which keywords are tried; the values of syscfg_var::type.
 enum var_type_index : uint16_t {
     VAR_ALIAS,
     VAR_STRING,
@@ -58,7 +58,7 @@ struct var_entry {
     syscfg_var *record;
 };
 
-// Told of count variables whose values have changed; the names stay the database's.
+// Receives the names of count changed variables; the database owns them.
 using syscfg_change_listener = void (*)(cfgdb *listener, const char *const *names, int count);
 
 struct syscfg_ops {
@@ -78,7 +78,9 @@ struct syscfg {
     int alias_count; // alternative names, over all alias declarations
     syscfg_var *aliases;
     var_entry *alias_tbl;
-    syscfg_change_listener changed; // called with listener; null when nobody listens
+    syscfg_change_listener changed; // called with listener, unless null
+    syscfg_var **index;             // by name, until var_tbl is built: a hash table of index_size slots
+    uint32_t index_size;            // a power of two, at least twice count
 };
 
 inline void report_changes(const syscfg *db, const char *const *names, int count)
@@ -87,25 +89,24 @@ inline void report_changes(const syscfg *db, const char *const *names, int count
         db->changed(db->listener, names, count);
 }
 
-// One type of variable; an operation that a type does without is null.
+// One type of variable; operations that a type lacks are null.
 struct var_type {
     std::string_view keyword;
 
-    // Reads what follows the keyword; negative: bad line.
+    // Reads the text after the keyword; negative for a bad line.
     int (*parse_spec)(syscfg_var *var, std::string_view text);
 
-    // 0, or -22 (refused by the type), -12 (no memory), -1 (the pattern does not compile); the value stands
-    // then.
+    // 0; or, with the value unchanged, -22 (refused), -12 (no memory), -1 (the pattern does not compile).
     int (*set)(const syscfg *db, syscfg_var *var, const char *text);
 
-    // The value, formatted into buffer where option asks for it. option is null when there is none.
+    // The value, formatted into buffer if the option asks for it. See format.h.
     const char *(*get)(const syscfg_var *var, const char *option, std::span<char> buffer);
 };
 
 extern const std::array<var_type, VAR_TYPES> var_types;
 
-// Bytes that hold any value of a string with a size: no text longer than var_value_max ever comes.
+// Bytes that hold any value of a string with a size; no value is longer than max_var_value.
 inline size_t string_field(const syscfg_var *var)
 {
-    return std::min(static_cast<size_t>(var->size), var_value_max) + 1;
+    return std::min(static_cast<size_t>(var->size), max_var_value) + 1;
 }

@@ -35,7 +35,7 @@ TEST_F(syscfg_test, assignments)
                                                          {"A=" + v4096 + "v", ""},
                                                          {"A=\"" + v4096 + "\"", "A/" + v4096}};
     for (const auto &[line, parts] : cases) {
-        char name[var_name_max + 1], value[var_value_max + 1];
+        char name[max_var_name + 1], value[max_var_value + 1];
         const int parsed = parse_assignment(line, name, value);
         EXPECT_EQ(parsed == 0 ? name + std::string("/") + value : "", parts) << line;
     }
@@ -176,7 +176,7 @@ TEST_F(syscfg_test, a_failing_call_at_start_save_and_load_leaves_nothing_behind)
     write_file("/etc/b", "B choice x,y\n");
     // Without a variable or a value the daemon starts, but logs it.
     static const std::regex passed_over(
-        "failed to read |invalid |cannot open|(FAILED|SYSERROR): (build_|load_|parse_def)");
+        "failed to read |invalid |cannot open|(FAILED|SYSERROR): (add_var|build_|load_|parse_def)");
     std::string text = std::string(definition) + "%include /etc/b\n";
     const auto scenario = [&, this] {
         log.clear();

@@ -75,17 +75,17 @@ bool conditions_hold(const service_info *slot)
 {
     constexpr char func[] = "lumd_do_start";
     for (const svcfg_condition &condition : slot->m_cfg->dsyscfg) {
-        log_trace(LOG_AS(func), "dsyscfg var name: \"%s\"", condition.name);
+        log_trace(LOG_AS(func), "dsyscfg var name: \"%s\"", condition.name.get());
         if (!condition.value)
             continue;
-        log_trace(LOG_AS(func), "dsyscfg var value: \"%s\"", condition.value);
-        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name);
+        log_trace(LOG_AS(func), "dsyscfg var value: \"%s\"", condition.value.get());
+        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name.get());
         if (!current) {
             log_failed(LOG_AS(func));
             return false;
         }
-        log_trace(LOG_AS(func), " %s=\"%s\"", condition.name, current);
-        if (strcmp(current, condition.value) != 0)
+        log_trace(LOG_AS(func), " %s=\"%s\"", condition.name.get(), current);
+        if (strcmp(current, condition.value.get()) != 0)
             return false;
     }
     return true;
@@ -141,7 +141,7 @@ void schedule_restart(service_info *slot)
 
 svcent *create_svcent(service_info *slot, const char *name)
 {
-    const char *first_word = slot->m_cfg->argv[0];
+    const char *first_word = slot->m_cfg->argv.words()[0];
     for (const svcent_creator create : slot->owner->creators) {
         svcent *entry = create ? create(slot, name, first_word) : nullptr;
         if (entry)
@@ -200,7 +200,7 @@ void lumd_do_start(service_info *slot, const char *name)
         return;
     slot->awaited = 0;
     const svcent_ops *ops = slot->svcent->ops;
-    if (ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv, slot->m_cfg) < 0)
+    if (ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv.words(), slot->m_cfg.get()) < 0)
         log_failed(LOG_HERE);
     else if (!ops->reports_start)
         start_waiting_dependents(slot);
@@ -218,7 +218,7 @@ void lumd_do_stop(service_info *slot, int release)
         return;
     stop_dependents(slot, release);
     log_trace(LOG_HERE, "stop service : %s", slot->name);
-    slot->svcent->ops->stop(slot->svcent, svcfg_find_command(slot->m_cfg, "stop"));
+    slot->svcent->ops->stop(slot->svcent, svcfg_find_command(slot->m_cfg.get(), "stop"));
     if (release)
         release_entry(slot);
 }

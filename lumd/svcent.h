@@ -66,7 +66,7 @@ using svcent_creators = std::array<svcent_creator, 2>; // asked in order
 struct service_info {
     char name[svcfg_name_size];
     lumd *owner;
-    svcfg *m_cfg;
+    unique_record<svcfg> m_cfg;
     ::svcent *svcent;
     unique_timer restart_timer;
     uint32_t awaited; // dependencies that were missing and are not up yet, one bit a slot

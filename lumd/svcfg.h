@@ -5,8 +5,12 @@
 // rest of the line still counts. A parser fails, with a negative result, only when memory is out.
 #pragma once
 
+#include "app/memory.h"
+
 #include <cstddef>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 struct lumd;
 struct service_info;
@@ -20,61 +24,82 @@ constexpr size_t svcfg_cmd_max = 8;
 constexpr size_t svcfg_cmd_word_max = 16;
 constexpr size_t svcfg_cmd_name_max = 63;
 
-// As many places as have been filled, at most Max, on the heap; an empty one ends them.
-template <typename Place, size_t Max>
-struct svcfg_list {
-    Place *places; // null as long as nothing has been added
-    size_t count;
+using svcfg_word = char *;
 
-    [[nodiscard]] Place *begin() const { return places; }
-    [[nodiscard]] Place *end() const { return places + count; }
-
-    // Never null: a list to which nothing has been added is an empty place.
-    operator const Place *() const
+// Owns its places and their text. It grows by a place at a time: most services fill few.
+template <typename Place>
+class svcfg_places {
+  public:
+    svcfg_places() = default;
+    svcfg_places(svcfg_places &&other) noexcept
+        : places_(std::exchange(other.places_, nullptr)), count_(std::exchange(other.count_, 0))
     {
-        static constexpr Place empty = {};
-        return places ? places : &empty;
     }
+    ~svcfg_places() { clear(); }
+
+    [[nodiscard]] size_t size() const { return count_; }
+    [[nodiscard]] const Place *begin() const { return places_; }
+    [[nodiscard]] const Place *end() const { return places_ + count_; }
+    [[nodiscard]] Place *begin() { return places_; }
+    [[nodiscard]] Place *end() { return places_ + count_; }
+
+    // The words of a command line, as execv takes them: ended by null, and never null itself.
+    [[nodiscard]] char *const *words() const requires std::is_same_v<Place, svcfg_word>
+    {
+        static char *const none[] = {nullptr};
+        return places_ ? places_ : none;
+    }
+
+    // Adds a place with a copy of text. Null, and nothing added, when memory is out.
+    [[nodiscard]] Place *append(std::string_view text);
+    void clear();
+
+  private:
+    Place *places_ = nullptr;
+    size_t count_ = 0;
+};
+
+template <typename Place, size_t Max>
+struct svcfg_list : svcfg_places<Place> {
+    static constexpr size_t max = Max;
 };
 
 // A variable that must have a value for the service to run; without a value it imposes nothing.
 struct svcfg_condition {
     int flag; // a "~" stood before the name
-    char *name;
-    char *value;
+    unique_text name;
+    unique_text value;
 };
 
 struct svcfg_link {
-    char *name;
+    unique_text name;
     service_info *info; // the slot of that name, null when there is none
 };
 
 struct svcfg_cmd {
-    char *name;
-    svcfg_list<char *, svcfg_cmd_word_max> argv;
+    unique_text name;
+    svcfg_list<svcfg_word, svcfg_cmd_word_max> argv;
 };
 
 using svcfg_links = svcfg_list<svcfg_link, svcfg_depend_max>;
 
-// All text is the record's own, on the heap.
 struct svcfg {
     char proc[svcfg_name_size];
     int argc;
-    svcfg_list<char *, svcfg_exec_max> argv;
+    svcfg_list<svcfg_word, svcfg_exec_max> argv;
     svcfg_list<svcfg_condition, svcfg_condition_max> dsyscfg;
-    svcfg_list<char *, svcfg_pattern_max> syscfg_patterns;
+    svcfg_list<svcfg_word, svcfg_pattern_max> syscfg_patterns;
     svcfg_links depend;
     svcfg_links depended;
     svcfg_list<svcfg_cmd, svcfg_cmd_max> cmds;
     lumd *owner;
     int index;
+
+    ~svcfg();
 };
 
-// A zeroed record for the slot of that index, or null (logged) when memory is out.
+// A zeroed record for the slot of that index, for free_record; or null (logged) when memory is out.
 svcfg *create_service_cfg(lumd *owner, int index);
-
-// Frees the record with all its text; null is allowed.
-void free_service_cfg(svcfg *cfg);
 
 // Takes the service's name and returns it.
 const char *svcfg_parseServiceLine(svcfg *cfg, std::string_view line);

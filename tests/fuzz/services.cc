@@ -22,8 +22,6 @@ void take(std::string_view input)
             slot.svcent ? lumd_do_stop(&slot, 1) : void();
         require(timer_run_expired() == -1 && !app_scheduler.head);
     }
-    for (service_info &slot : slots)
-        free_service_cfg(slot.m_cfg);
     std::destroy_at(&manager);
     new (&manager) lumd{{}, &bridge, -1, all_kinds, {}, {}};
 }

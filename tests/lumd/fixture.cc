@@ -38,7 +38,7 @@ void note(const std::string &operation, const svcent *entry, char *const *argv)
 
 bool is(const svcent *entry, const char *word)
 {
-    return entry->owner->m_cfg->argc > 1 && strcmp(entry->owner->m_cfg->argv[1], word) == 0;
+    return entry->owner->m_cfg->argc > 1 && strcmp(entry->owner->m_cfg->argv.words()[1], word) == 0;
 }
 
 char *const no_words[] = {nullptr};
@@ -46,10 +46,10 @@ char *const no_words[] = {nullptr};
 int fake_start(svcent *base, int, char *const *, const svcfg *cfg)
 {
     auto *entry = static_cast<fake_svcent *>(base);
-    for (const svcfg_link *at = cfg->depend; at != std::end(cfg->depend) && at->info; ++at)
-        EXPECT_NE(at->info->svcent, nullptr) << entry->name.get() << " was started before " << at->name;
-    for (const svcfg_condition *at = cfg->dsyscfg; at->name; ++at)
-        EXPECT_TRUE(!at->value || strchr(at->name, ':') || variables[at->name] == at->value)
+    for (const svcfg_link *at = cfg->depend.begin(); at != cfg->depend.end() && at->info; ++at)
+        EXPECT_NE(at->info->svcent, nullptr) << entry->name.get() << " was started before " << at->name.get();
+    for (const auto &[flag, name, value] : cfg->dsyscfg)
+        EXPECT_TRUE(!value || strchr(name.get(), ':') || variables[name.get()] == value.get())
             << entry->name.get();
     if (is(entry, "fails") || entry->live)
         return is(entry, "fails") ? -1 : 0;
@@ -199,7 +199,7 @@ proc_svcent *lumd_test::process(std::string_view name) const
 {
     static const std::set<std::string_view> others = {"watchdog", "reboot", "netmon", "ntp", "sched"};
     svcent *entry = slot(name)->svcent;
-    const char *word = slot(name)->m_cfg->argv[0];
+    const char *word = slot(name)->m_cfg->argv.words()[0];
     const bool is_process = entry && entry->ops != &fake_operations && !others.contains(word);
     return is_process ? static_cast<proc_svcent *>(entry) : nullptr;
 }

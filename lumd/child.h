@@ -20,4 +20,4 @@ class sigchld_guard {
 // Runs path with argv (ended by null) in a child that has no descriptor above 2, no signal blocked and none
 // ignored. Returns its pid, or -1 with errno set. exec_failed runs in the child, on our memory, when the
 // program cannot be run; the child then ends with status 255.
-extern "C" pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)());
+extern "C" [[nodiscard]] pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)());

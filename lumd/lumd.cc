@@ -15,12 +15,12 @@ constexpr uint32_t restart_delay_ms = 2000;
 
 static_assert(lumd_slots <= 32, "lumd_pass has one bit a slot");
 
-// A start or stop, perhaps inside another one. The outermost begins with nothing handled.
 uint32_t slot_bit(const service_info *slot)
 {
     return 1U << slot->m_cfg->index;
 }
 
+// A start or stop, perhaps inside another one. The outermost begins with nothing handled.
 class pass_scope {
   public:
     explicit pass_scope(lumd_pass &pass) : pass_(pass)
@@ -248,7 +248,7 @@ void lumd_restart_service(service_info *slot)
     lumd_do_start(slot, slot->name);
 }
 
-void lumd_processServiceCallback(service_info *slot, int event)
+void lumd_processServiceCallback(service_info *slot, svcent_event event)
 {
     log_trace(LOG_HERE, "SERVICE: %s callback", slot->name);
     switch (event) {

@@ -50,10 +50,10 @@ lumd *lumd_create();
 
 // Reads every file of a colon-separated list, creates the database and opens the control FIFO; starts
 // nothing. 0, or -1, logged, when no file gave a service, or the database or the FIFO cannot be had.
-int lumd_init(lumd *manager, const char *path_list);
+[[nodiscard]] int lumd_init(lumd *manager, const char *path_list);
 
 // Reads one file behind the slot last_index. The new last index, or -1, logged.
-int lumd_parse_conf(lumd *manager, const char *path, int last_index);
+[[nodiscard]] int lumd_parse_conf(lumd *manager, const char *path, int last_index);
 
 // Fills the lists of dependents and links all names to their slots.
 void lumd_init_service_infos(lumd *manager);

@@ -31,7 +31,7 @@ int begin_service(conf_reader &reader, std::string_view line)
     reader.current = nullptr;
     if (reader.last + 1 == lumd_slots) {
         log_trace(LOG_AS(parse_func), "%s: %d: more than %d services, refused: %.*s", reader.path,
-                  reader.line_number, lumd_slots, static_cast<int>(line.size()), line.data());
+                  reader.line_number, lumd_slots, printed(line), line.data());
         return 0;
     }
     const int index = reader.last + 1;
@@ -65,7 +65,7 @@ int parse_line(conf_reader &reader, std::string_view line)
         return 0;
     if (!reader.current) {
         log_trace(LOG_AS(parse_func), "%s: %d: belongs to no service, refused: %.*s", reader.path,
-                  reader.line_number, static_cast<int>(line.size()), line.data());
+                  reader.line_number, printed(line), line.data());
         return 0;
     }
     for (const auto &kind : line_kinds) {

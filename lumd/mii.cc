@@ -95,16 +95,16 @@ int mii_read(const char *device, uint16_t phy, uint16_t reg, uint16_t *value)
     return 0;
 }
 
-int get_link_status(const char *device)
+link_status get_link_status(const char *device)
 {
     for (uint16_t address = first_phy; address <= last_phy; ++address) {
         const auto phy = read_phy(device, address);
         if (!phy) {
             print_error("ioctl error\n");
-            return -1;
+            return LINK_UNKNOWN;
         }
         if (is_usable(*phy))
-            return phy->status & BMSR_LSTATUS ? 1 : 0;
+            return phy->status & BMSR_LSTATUS ? LINK_UP : LINK_DOWN;
     }
-    return -1;
+    return LINK_UNKNOWN;
 }

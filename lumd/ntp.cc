@@ -41,7 +41,7 @@ constexpr uint32_t fractions_per_us = 4295;
 constexpr size_t host_name_max = 256;
 constexpr size_t words_max = svcfg_exec_max;
 
-enum ntp_sync { NTP_FAILED = -1, NTP_NEVER = 0, NTP_SYNCHRONISED = 1 };
+enum ntp_sync : int { NTP_FAILED = -1, NTP_NEVER = 0, NTP_SYNCHRONISED = 1 };
 
 struct ntp_svcent : svcent {
     unique_fd sock;
@@ -54,7 +54,7 @@ struct ntp_svcent : svcent {
     sockaddr_in server;
     unique_timer retry_timer;
     std::array<uint8_t, packet_size> reply;
-    int sync;
+    ntp_sync sync;
     bool told; // NTP_SYNC has been set, since the last reply if there was one
 
     ~ntp_svcent() { close_sockets(); }

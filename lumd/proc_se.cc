@@ -152,7 +152,7 @@ int proc_svcent_reload(proc_svcent *entry, char *const *argv)
     }
     const command_handler handler = find_command_handler(argv[0]);
     if (!handler)
-        proc_svcent_run(argv);
+        static_cast<void>(proc_svcent_run(argv)); // has written why
     else if (handler(entry, argv + 1) < 0) {
         log_failed(LOG_HERE);
         return -1;

@@ -14,8 +14,8 @@
 
 struct svcent;
 
-enum svcent_state { SVCENT_CREATED = 0, SVCENT_STARTED = 1, SVCENT_STOPPED = 2 };
-enum svcent_event { SVCENT_EV_STARTED = 1, SVCENT_EV_STOPPED = 2 };
+enum svcent_state : int { SVCENT_CREATED = 0, SVCENT_STARTED = 1, SVCENT_STOPPED = 2 };
+enum svcent_event : int { SVCENT_EV_STARTED = 1, SVCENT_EV_STOPPED = 2 };
 
 // Only start's result counts: negative is a failure that the manager logs. argv is ended by null and never
 // null itself; a last word that lacks its closing quote is counted in argc, and null. release withdraws all
@@ -32,7 +32,7 @@ struct svcent_ops {
 struct svcent {
     const svcent_ops *ops;
     unique_text name;
-    int state; // kept by the kind, only read by the manager
+    svcent_state state; // kept by the kind, only read by the manager
     service_info *owner;
 };
 
@@ -94,7 +94,7 @@ Entry *new_svcent(int level, const char *func, const char *file, int line, const
 // Calls of a kind to the manager.
 
 // The service has started by itself, or stopped by itself (the manager then starts it again 2000 ms later).
-void lumd_processServiceCallback(service_info *slot, int event);
+void lumd_processServiceCallback(service_info *slot, svcent_event event);
 
 // Start the first, or stop and release every, service of that name; an unknown name does nothing.
 void lumd_start_service(lumd *manager, const char *name);

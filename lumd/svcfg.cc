@@ -12,12 +12,6 @@ namespace {
 
 constexpr char log_module[] = "svcfg";
 
-// For %.*s.
-int printed(std::string_view text)
-{
-    return static_cast<int>(text.size());
-}
-
 std::string_view after_keyword(std::string_view line, std::string_view keyword)
 {
     return skip_space(line.substr(std::min(keyword.size(), line.size())));

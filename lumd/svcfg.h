@@ -61,7 +61,6 @@ class svcfg_places {
 
 template <typename Place, size_t Max>
 struct svcfg_list : svcfg_places<Place> {
-    static constexpr size_t max = Max;
 };
 
 // A variable that must have a value for the service to run; without a value it imposes nothing.
@@ -103,14 +102,15 @@ svcfg *create_service_cfg(lumd *owner, int index);
 
 // Takes the service's name and returns it.
 const char *svcfg_parseServiceLine(svcfg *cfg, std::string_view line);
-int svcfg_parseExecLine(svcfg *cfg, std::string_view line);
-int svcfg_parseDepends(svcfg *cfg, std::string_view line);
-int svcfg_parseSyscfgLine(svcfg *cfg, std::string_view line);
-int svcfg_parseCmdLine(svcfg *cfg, std::string_view line);
+[[nodiscard]] int svcfg_parseExecLine(svcfg *cfg, std::string_view line);
+[[nodiscard]] int svcfg_parseDepends(svcfg *cfg, std::string_view line);
+[[nodiscard]] int svcfg_parseSyscfgLine(svcfg *cfg, std::string_view line);
+[[nodiscard]] int svcfg_parseCmdLine(svcfg *cfg, std::string_view line);
 
 // The words of the last command of that name, or an empty list; never null.
 char *const *svcfg_find_command(const svcfg *cfg, std::string_view name);
 
 // Adds a name to one of the record's lists of links, as what (for the log line that refuses it when the list
 // is full). -1 when memory is out.
-int svcfg_add_link(const svcfg *cfg, svcfg_links &links, std::string_view name, const char *what);
+[[nodiscard]] int svcfg_add_link(const svcfg *cfg, svcfg_links &links, std::string_view name,
+                                 const char *what);

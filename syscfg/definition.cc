@@ -50,12 +50,6 @@ void free_var(syscfg_var *var)
     free(var);
 }
 
-// For %.*s.
-int printed(std::string_view text)
-{
-    return static_cast<int>(text.size());
-}
-
 // Options are separate words of two characters. Leaves text at the type's keyword.
 uint16_t parse_options(std::string_view &text, const char *func)
 {

@@ -301,7 +301,7 @@ void lumd_test::step(const std::string &text)
         {"set", [&] { apply(name + rest); }},
         {"wait", [&] { support::run_for(stoi(name)); }},
         {"up", // as a fake reports it
-         [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
+         [&] { at->svcent->state = SVCENT_STARTED, lumd_processServiceCallback(at, SVCENT_EV_STARTED); }},
         // Processes, in real time.
         {"kill", [&] { signal_child(name, stoi(rest)); }},
         {"runs", [&] { EXPECT_TRUE(eventually([&] { return at->svcent->state == 1 && child() > 0; })); }},
@@ -317,7 +317,7 @@ void lumd_test::step(const std::string &text)
              EXPECT_GT(child(), 0);
          }},
         // What is to be seen: the state (-1 without an entry), whether a restart is due, a log line.
-        {"state", [&] { EXPECT_EQ(at->svcent ? at->svcent->state : -1, stoi(rest)); }},
+        {"state", [&] { EXPECT_EQ(at->svcent ? int{at->svcent->state} : -1, stoi(rest)); }},
         {"timer", [&] { EXPECT_EQ(at->restart_timer.get() != nullptr, stoi(rest) != 0); }},
         {"log", [&] { EXPECT_TRUE(eventually([&] { return log.has(name + rest); })) << log.text(); }},
     };

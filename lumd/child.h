@@ -4,8 +4,8 @@
 #include <csignal>
 #include <sys/types.h>
 
-// Keeps SIGCHLD out of its scope, so that what its handler walks can be changed and a child that dies at once
-// is not reaped before it is known.
+// Blocks SIGCHLD in its scope, so that the list of children can be changed, and a child that dies at once is
+// not reaped before it is on that list.
 class sigchld_guard {
   public:
     sigchld_guard();

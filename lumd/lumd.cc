@@ -52,8 +52,8 @@ std::span<const svcfg_link> linked(std::span<const svcfg_link> links)
     return links.first(static_cast<size_t>(end - links.begin()));
 }
 
-// Starts the dependencies that nobody has started yet. True when there were none. One that cannot be made is
-// not awaited, and so looked for again whenever another one comes up.
+// Starts the dependencies that have no entry yet. True when there were none. One that cannot be created is
+// not awaited; it is tried again whenever another dependency comes up.
 bool dependencies_ready(service_info *slot)
 {
     bool ready = true;
@@ -184,7 +184,7 @@ void lumd_do_start(service_info *slot, const char *name)
         return;
     }
     pass_scope pass(slot->owner->starting);
-    // Stored before its dependencies are looked at, so that a cycle comes back to a slot that has its entry.
+    // Stored before the dependencies are started, so that a cycle finds this slot with its entry.
     if (!slot->svcent)
         slot->svcent = create_svcent(slot, name);
     if (!slot->svcent) {
@@ -194,8 +194,8 @@ void lumd_do_start(service_info *slot, const char *name)
     const bool ready = dependencies_ready(slot);
     if (!conditions_hold(slot) || !ready || !slot->svcent)
         return;
-    // Taken only now: a dependency that reports while it is being started comes back to this slot, and must
-    // start it.
+    // Not taken earlier: a dependency that reports from inside its own start comes back to this slot, and
+    // must be able to start it.
     if (!pass.take(slot))
         return;
     slot->awaited = 0;
@@ -213,7 +213,7 @@ void lumd_do_stop(service_info *slot, int release)
         return;
     }
     pass_scope pass(slot->owner->stopping);
-    // Taken first: a cycle of dependents comes back to this slot, and must not stop it again.
+    // Taken first, so that a cycle of dependents does not stop this slot twice.
     if (!pass.take(slot))
         return;
     stop_dependents(slot, release);

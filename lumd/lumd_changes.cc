@@ -11,7 +11,7 @@ namespace {
 
 constexpr char log_module[] = "lumd";
 
-// Starts or stops the slot as one changed condition of it demands.
+// Starts or stops the slot if the condition's variable is among the changed ones.
 void process_condition(service_info *slot, const svcfg_condition &condition,
                        std::span<const char *const> names)
 {

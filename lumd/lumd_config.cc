@@ -39,7 +39,7 @@ int begin_service(conf_reader &reader, std::string_view line)
     svcfg *cfg = create_service_cfg(reader.manager, index);
     if (!cfg)
         return -1;
-    // One that a file left behind that was not read to its end.
+    // Replaces a service of a file that could not be read to its end.
     slot.m_cfg.reset(cfg);
     copy_text(slot.name, svcfg_parseServiceLine(cfg, line));
     slot.owner = reader.manager;
@@ -213,7 +213,8 @@ int lumd_init(lumd *manager, const char *path_list)
     }
     bridge->changed = lumd_processSyscfgChange;
     manager->cfgdb = bridge;
-    // While there are descriptors to be had: an end that is not seen would leave its service down for good.
+    // Before descriptors can run out: without the pipe no end would be seen, and a dead service would stay
+    // down.
     if (child_reaper_init() < 0) {
         log_failed(LOG_HERE);
         return -1;

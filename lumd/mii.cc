@@ -47,8 +47,8 @@ bool is_unknown_request(int error)
     return error == EOPNOTSUPP || error == ENOTTY || error == EINVAL;
 }
 
-// What newer drivers have: they know one PHY, and fail for the address of any other. Those that do not tell
-// its address read any.
+// The request of newer drivers. They have one PHY and fail for the address of any other, so its address is
+// asked for first; a driver that does not know that request reads any address.
 bool standard_request(const char *device, mii_ioctl_data &words)
 {
     mii_ioctl_data known = {};

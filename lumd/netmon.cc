@@ -45,7 +45,7 @@ struct packet_counts {
 // No-packet restarts since a packet came in on any interface.
 int restart_fail;
 
-// Counters have 64 bits, wherever long has 32; what is compared is how far they have moved.
+// The kernel's counters have up to 64 bits and are cut to 32 here, so their difference is compared.
 bool has_risen(uint32_t from, uint32_t to)
 {
     return static_cast<int32_t>(to - from) > 0;
@@ -56,7 +56,7 @@ void start_script(const char *name, const char *action)
     static_cast<void>(run_script(name, action, 0)); // logs its failures
 }
 
-// The counts of a line of the kernel's table, when it is that of the device.
+// The counts of a line of the kernel's table; none if it is another interface's.
 std::optional<packet_counts> parse_counts(const char *line, std::string_view device)
 {
     std::string_view text = skip_space(line);
@@ -173,7 +173,7 @@ void no_pack_recv(netmon_svcent *entry)
     }
 }
 
-// The device name, behind groups of option letters; null, logged, when something is wrong.
+// The device name, which follows the groups of option letters. Null, logged, when there is an error.
 const char *parse_words(char *const *words, int &flags)
 {
     constexpr char func[] = "netmon_start";

@@ -36,7 +36,7 @@ std::string_view take_quoted_word(std::string_view &rest)
     return word;
 }
 
-// A line that is given again takes the place of the earlier one.
+// A repeated line replaces the earlier one.
 template <typename... Lists>
 void drop_earlier(const char *func, const svcfg *cfg, const char *keyword, Lists &...lists)
 {
@@ -46,7 +46,7 @@ void drop_earlier(const char *func, const svcfg *cfg, const char *keyword, Lists
     (lists.clear(), ...);
 }
 
-// True, logged with the word that finds no place, when the list is full.
+// True, with a log line that names the refused word, when the list is full.
 template <typename Place, size_t Max>
 bool is_full(const char *func, const svcfg *cfg, const svcfg_list<Place, Max> &list, const char *what,
              std::string_view word)
@@ -91,7 +91,7 @@ int append_condition(svcfg *cfg, std::string_view word)
     place->flag = flagged;
     if (value.starts_with("''") || value.starts_with("\"\""))
         return 0;
-    // Changes name the variable alone.
+    // A change is announced by the bare name of its variable.
     if (name.starts_with("syscfg:"))
         log_trace(LOG_AS(func), "service %s: changes are not noticed behind a source: %.*s", cfg->proc,
                   printed(word), word.data());
@@ -269,6 +269,6 @@ int svcfg_add_link(const svcfg *cfg, svcfg_links &links, std::string_view name, 
 {
     if (is_full(__func__, cfg, links, what, name))
         return 0;
-    // A service of a longer name was cut to this too.
+    // The names of services are cut in the same way.
     return links.append(name.substr(0, svcfg_name_size - 1)) ? 0 : -1;
 }

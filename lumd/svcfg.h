@@ -1,8 +1,8 @@
 // What the configuration files say of one service, and the parsers of their lines.
 //
-// A line comes prepared: blanks before it, its end and white space after it are gone. A parser takes the
-// whole line, keyword included. What exceeds a capacity is cut (names) or refused with a log line, and the
-// rest of the line still counts. A parser fails, with a negative result, only when memory is out.
+// A parser takes a whole line, keyword included, without leading blanks, trailing white space and line end.
+// An overlong name is cut. A word beyond a list's capacity is refused with a log line, and the rest of the
+// line still counts. A parser fails, with a negative result, only when memory is out.
 #pragma once
 
 #include "app/memory.h"
@@ -63,7 +63,7 @@ template <typename Place, size_t Max>
 struct svcfg_list : svcfg_places<Place> {
 };
 
-// A variable that must have a value for the service to run; without a value it imposes nothing.
+// A variable and the value that it must have for the service to run. Without a value it imposes nothing.
 struct svcfg_condition {
     int flag; // a "~" stood before the name
     unique_text name;
@@ -110,7 +110,7 @@ const char *svcfg_parseServiceLine(svcfg *cfg, std::string_view line);
 // The words of the last command of that name, or an empty list; never null.
 char *const *svcfg_find_command(const svcfg *cfg, std::string_view name);
 
-// Adds a name to one of the record's lists of links, as what (for the log line that refuses it when the list
-// is full). -1 when memory is out.
+// Adds a name to one of the record's lists of links. A full list refuses it with a log line, in which what
+// names the list. -1 when memory is out.
 [[nodiscard]] int svcfg_add_link(const svcfg *cfg, svcfg_links &links, std::string_view name,
                                  const char *what);

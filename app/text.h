@@ -23,6 +23,12 @@ constexpr bool is_name_char(char c)
     return is_letter(c) || is_digit(c) || c == '_';
 }
 
+// The length of text, for %.*s.
+constexpr int printed(std::string_view text)
+{
+    return static_cast<int>(text.size());
+}
+
 constexpr std::string_view skip_space(std::string_view text)
 {
     while (!text.empty() && is_space(text.front()))

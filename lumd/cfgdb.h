@@ -16,7 +16,7 @@ struct cfgdb {
 cfgdb *create_cfgdb(lumd *manager);
 
 // Creates and initialises the database. 0, or -1, logged.
-int cfgdb_init(cfgdb *bridge);
+[[nodiscard]] int cfgdb_init(cfgdb *bridge);
 
 // The value that name ("NAME" or "syscfg:NAME", cut at 255 characters) stands for, the database's own until
 // it changes; null when there is none. The environment ("env:NAME") gives no values.

@@ -15,8 +15,8 @@ void close_inherited()
         close(fd);
 }
 
-// Those that a child is to set back: our handlers, all of them installed by the time of the first child, and
-// what whoever started us ignored, which a new program goes on ignoring.
+// The signals that a child resets to their defaults: those with a handler of ours, all installed before the
+// first child, and those that our own parent ignored, because execv keeps them ignored.
 const sigset_t &changed_signals()
 {
     static sigset_t changed;

@@ -4,8 +4,8 @@
 #include <csignal>
 #include <sys/types.h>
 
-// Keeps SIGCHLD out of its scope, so that what its handler walks can be changed and a child that dies at once
-// is not reaped before it is known.
+// Blocks SIGCHLD in its scope, so that the list of children can be changed, and a child that dies at once is
+// not reaped before it is on that list.
 class sigchld_guard {
   public:
     sigchld_guard();
@@ -20,4 +20,4 @@ class sigchld_guard {
 // Runs path with argv (ended by null) in a child that has no descriptor above 2, no signal blocked and none
 // ignored. Returns its pid, or -1 with errno set. exec_failed runs in the child, on our memory, when the
 // program cannot be run; the child then ends with status 255.
-extern "C" pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)());
+extern "C" [[nodiscard]] pid_t spawn_child(const char *path, char *const *argv, void (*exec_failed)());

@@ -77,7 +77,7 @@ unique_fd open_fifo(int flags)
     return fd;
 }
 
-// Requests are in the hands of whoever owns what stands at the name.
+// The owner of the FIFO controls the requests, so a foreign one is logged.
 void tell_of_stranger(int fd)
 {
     constexpr char func[] = "open_control_fifo";
@@ -98,7 +98,7 @@ int open_control_fifo(lumd *manager)
     mkfifo(fifo_path, 0666);
     unique_fd reader = open_fifo(O_RDONLY);
     if (!reader && (errno == ENOTSUP || errno == ELOOP || errno == ENXIO)) {
-        // Something else has taken the name: nobody could ever start a service.
+        // Something other than a FIFO has the name, and no request could ever arrive.
         unlink(fifo_path);
         mkfifo(fifo_path, 0666);
         reader = open_fifo(O_RDONLY);
@@ -111,7 +111,7 @@ int open_control_fifo(lumd *manager)
         return -1;
     }
     tell_of_stranger(reader.get());
-    // A writer of our own, so that the reader never sees the end when the others have closed.
+    // Our own writer keeps the reader from seeing an end of file when the last client closes.
     unique_fd writer = open_fifo(O_WRONLY);
     if (!writer || app_add_fd<lumd_recvCallback>(reader.get(), POLLIN, manager) < 0)
         return -1;

@@ -5,4 +5,4 @@
 struct lumd;
 
 // Opens the FIFO for the manager and registers it with the loop. 0, or -1 with errno set.
-int open_control_fifo(lumd *manager);
+[[nodiscard]] int open_control_fifo(lumd *manager);

@@ -15,12 +15,12 @@ constexpr uint32_t restart_delay_ms = 2000;
 
 static_assert(lumd_slots <= 32, "lumd_pass has one bit a slot");
 
-// A start or stop, perhaps inside another one. The outermost begins with nothing handled.
 uint32_t slot_bit(const service_info *slot)
 {
     return 1U << slot->m_cfg->index;
 }
 
+// A start or stop, perhaps inside another one. The outermost begins with nothing handled.
 class pass_scope {
   public:
     explicit pass_scope(lumd_pass &pass) : pass_(pass)
@@ -52,8 +52,8 @@ std::span<const svcfg_link> linked(std::span<const svcfg_link> links)
     return links.first(static_cast<size_t>(end - links.begin()));
 }
 
-// Starts the dependencies that nobody has started yet. True when there were none. One that cannot be made is
-// not awaited, and so looked for again whenever another one comes up.
+// Starts the dependencies that have no entry yet. True when there were none. One that cannot be created is
+// not awaited; it is tried again whenever another dependency comes up.
 bool dependencies_ready(service_info *slot)
 {
     bool ready = true;
@@ -75,17 +75,17 @@ bool conditions_hold(const service_info *slot)
 {
     constexpr char func[] = "lumd_do_start";
     for (const svcfg_condition &condition : slot->m_cfg->dsyscfg) {
-        log_trace(LOG_AS(func), "dsyscfg var name: \"%s\"", condition.name);
+        log_trace(LOG_AS(func), "dsyscfg var name: \"%s\"", condition.name.get());
         if (!condition.value)
             continue;
-        log_trace(LOG_AS(func), "dsyscfg var value: \"%s\"", condition.value);
-        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name);
+        log_trace(LOG_AS(func), "dsyscfg var value: \"%s\"", condition.value.get());
+        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name.get());
         if (!current) {
             log_failed(LOG_AS(func));
             return false;
         }
-        log_trace(LOG_AS(func), " %s=\"%s\"", condition.name, current);
-        if (strcmp(current, condition.value) != 0)
+        log_trace(LOG_AS(func), " %s=\"%s\"", condition.name.get(), current);
+        if (strcmp(current, condition.value.get()) != 0)
             return false;
     }
     return true;
@@ -141,7 +141,7 @@ void schedule_restart(service_info *slot)
 
 svcent *create_svcent(service_info *slot, const char *name)
 {
-    const char *first_word = slot->m_cfg->argv[0];
+    const char *first_word = slot->m_cfg->argv.words()[0];
     for (const svcent_creator create : slot->owner->creators) {
         svcent *entry = create ? create(slot, name, first_word) : nullptr;
         if (entry)
@@ -184,7 +184,7 @@ void lumd_do_start(service_info *slot, const char *name)
         return;
     }
     pass_scope pass(slot->owner->starting);
-    // Stored before its dependencies are looked at, so that a cycle comes back to a slot that has its entry.
+    // Stored before the dependencies are started, so that a cycle finds this slot with its entry.
     if (!slot->svcent)
         slot->svcent = create_svcent(slot, name);
     if (!slot->svcent) {
@@ -194,13 +194,13 @@ void lumd_do_start(service_info *slot, const char *name)
     const bool ready = dependencies_ready(slot);
     if (!conditions_hold(slot) || !ready || !slot->svcent)
         return;
-    // Taken only now: a dependency that reports while it is being started comes back to this slot, and must
-    // start it.
+    // Not taken earlier: a dependency that reports from inside its own start comes back to this slot, and
+    // must be able to start it.
     if (!pass.take(slot))
         return;
     slot->awaited = 0;
     const svcent_ops *ops = slot->svcent->ops;
-    if (ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv, slot->m_cfg) < 0)
+    if (ops->start(slot->svcent, slot->m_cfg->argc, slot->m_cfg->argv.words(), slot->m_cfg.get()) < 0)
         log_failed(LOG_HERE);
     else if (!ops->reports_start)
         start_waiting_dependents(slot);
@@ -213,12 +213,12 @@ void lumd_do_stop(service_info *slot, int release)
         return;
     }
     pass_scope pass(slot->owner->stopping);
-    // Taken first: a cycle of dependents comes back to this slot, and must not stop it again.
+    // Taken first, so that a cycle of dependents does not stop this slot twice.
     if (!pass.take(slot))
         return;
     stop_dependents(slot, release);
     log_trace(LOG_HERE, "stop service : %s", slot->name);
-    slot->svcent->ops->stop(slot->svcent, svcfg_find_command(slot->m_cfg, "stop"));
+    slot->svcent->ops->stop(slot->svcent, svcfg_find_command(slot->m_cfg.get(), "stop"));
     if (release)
         release_entry(slot);
 }
@@ -248,7 +248,7 @@ void lumd_restart_service(service_info *slot)
     lumd_do_start(slot, slot->name);
 }
 
-void lumd_processServiceCallback(service_info *slot, int event)
+void lumd_processServiceCallback(service_info *slot, svcent_event event)
 {
     log_trace(LOG_HERE, "SERVICE: %s callback", slot->name);
     switch (event) {

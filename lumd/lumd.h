@@ -1,12 +1,12 @@
 // The service manager: a table of 32 services in the order of their files, and what moves them.
 //
-// A slot is filled when its file is read and stays. Its entry (svcent) is made at the first start, kept over
-// stops and restarts, and ended only by a stop with release, so a slot without entry is a service that nobody
-// asked for: no event and no configuration change ever starts it.
+// A slot is filled when its file is read, and stays filled. Its entry (svcent) is made at the first start,
+// kept over stops and restarts, and ended only by a stop with release. A slot without an entry is a service
+// that has not been requested: no event and no configuration change starts it.
 //
 // Three things move services. Requests come from the control FIFO. Events come from the kinds: a started
 // service starts those that wait for it; one that stopped by itself is stopped with what depends on it and
-// started again 2000 ms later, without end. Changed variables start or stop the services whose conditions
+// started again 2000 ms later, without a limit. Changed variables start or stop the services whose conditions
 // name them, and reload those that watch them.
 //
 // Starting goes through missing dependencies first and leaves the service until each of them has reported
@@ -26,7 +26,7 @@ struct cfgdb;
 
 constexpr int lumd_slots = 32;
 
-// Which slots the outermost start (or stop) under way has handled, one bit a slot.
+// The slots that the outermost start (or stop) under way has handled, one bit a slot.
 struct lumd_pass {
     uint32_t handled;
     int depth;
@@ -41,7 +41,7 @@ struct lumd {
     lumd_pass stopping;
 };
 
-// The slots that are filled, which are the first ones; and the first of that name, or null.
+// The filled slots, which come first in the table; and the first slot of that name, or null.
 std::span<service_info> lumd_used_slots(lumd *manager);
 service_info *lumd_find_slot(lumd *manager, std::string_view name);
 
@@ -50,15 +50,15 @@ lumd *lumd_create();
 
 // Reads every file of a colon-separated list, creates the database and opens the control FIFO; starts
 // nothing. 0, or -1, logged, when no file gave a service, or the database or the FIFO cannot be had.
-int lumd_init(lumd *manager, const char *path_list);
+[[nodiscard]] int lumd_init(lumd *manager, const char *path_list);
 
 // Reads one file behind the slot last_index. The new last index, or -1, logged.
-int lumd_parse_conf(lumd *manager, const char *path, int last_index);
+[[nodiscard]] int lumd_parse_conf(lumd *manager, const char *path, int last_index);
 
 // Fills the lists of dependents and links all names to their slots.
 void lumd_init_service_infos(lumd *manager);
 
-// One slot; what comes of it is logged. release also ends the entry.
+// Starts or stops one slot; failures are logged. release also ends the entry.
 void lumd_do_start(service_info *slot, const char *name);
 void lumd_do_stop(service_info *slot, int release);
 

@@ -11,21 +11,21 @@ namespace {
 
 constexpr char log_module[] = "lumd";
 
-// Starts or stops the slot as one changed condition of it demands.
+// Starts or stops the slot if the condition's variable is among the changed ones.
 void process_condition(service_info *slot, const svcfg_condition &condition,
                        std::span<const char *const> names)
 {
     constexpr char func[] = "lumd_processSyscfgChange";
-    log_trace(LOG_AS(func), "\tprocess dependent var : %s", condition.name);
+    log_trace(LOG_AS(func), "\tprocess dependent var : %s", condition.name.get());
     for (const char *name : names) {
-        if (strcmp(name, condition.name) != 0)
+        if (strcmp(name, condition.name.get()) != 0)
             continue;
-        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name);
-        log_trace(LOG_AS(func), "var value: %s, get syscfg: %s", condition.value ? condition.value : "(null)",
-                  current ? current : "(null)");
+        const char *current = cfgdb_getSyscfg(slot->owner->cfgdb, condition.name.get());
+        log_trace(LOG_AS(func), "var value: %s, get syscfg: %s",
+                  condition.value ? condition.value.get() : "(null)", current ? current : "(null)");
         if (!current)
             continue;
-        if (condition.value && strcmp(current, condition.value) != 0)
+        if (condition.value && strcmp(current, condition.value.get()) != 0)
             lumd_do_stop(slot, 0);
         else if (condition.value)
             lumd_do_start(slot, slot->name);
@@ -50,7 +50,7 @@ void lumd_do_reload(service_info *slot)
         log_failed(LOG_HERE);
         return;
     }
-    slot->svcent->ops->reload(slot->svcent, svcfg_find_command(slot->m_cfg, "reload"));
+    slot->svcent->ops->reload(slot->svcent, svcfg_find_command(slot->m_cfg.get(), "reload"));
 }
 
 void lumd_reload_service(lumd *manager, std::span<const char *const> names)

@@ -31,7 +31,7 @@ int begin_service(conf_reader &reader, std::string_view line)
     reader.current = nullptr;
     if (reader.last + 1 == lumd_slots) {
         log_trace(LOG_AS(parse_func), "%s: %d: more than %d services, refused: %.*s", reader.path,
-                  reader.line_number, lumd_slots, static_cast<int>(line.size()), line.data());
+                  reader.line_number, lumd_slots, printed(line), line.data());
         return 0;
     }
     const int index = reader.last + 1;
@@ -39,9 +39,8 @@ int begin_service(conf_reader &reader, std::string_view line)
     svcfg *cfg = create_service_cfg(reader.manager, index);
     if (!cfg)
         return -1;
-    // One that a file left behind that was not read to its end.
-    free_service_cfg(slot.m_cfg);
-    slot.m_cfg = cfg;
+    // Replaces a service of a file that could not be read to its end.
+    slot.m_cfg.reset(cfg);
     copy_text(slot.name, svcfg_parseServiceLine(cfg, line));
     slot.owner = reader.manager;
     reader.last = index;
@@ -66,7 +65,7 @@ int parse_line(conf_reader &reader, std::string_view line)
         return 0;
     if (!reader.current) {
         log_trace(LOG_AS(parse_func), "%s: %d: belongs to no service, refused: %.*s", reader.path,
-                  reader.line_number, static_cast<int>(line.size()), line.data());
+                  reader.line_number, printed(line), line.data());
         return 0;
     }
     for (const auto &kind : line_kinds) {
@@ -87,31 +86,33 @@ std::string_view prepare_line(std::string_view line)
 bool depends_on(const svcfg *cfg, std::string_view name)
 {
     for (const svcfg_link &link : cfg->depend) {
-        if (name == link.name)
+        if (name == link.name.get())
             return true;
     }
     return false;
 }
 
-void link_names(lumd *manager, const svcfg *cfg, const svcfg_links &links, const char *list)
+void link_names(lumd *manager, const svcfg *cfg, svcfg_links &links, const char *list)
 {
     int index = 0;
     for (svcfg_link &link : links) {
-        link.info = lumd_find_slot(manager, link.name);
+        link.info = lumd_find_slot(manager, link.name.get());
         log_trace(LOG_AS("lumd_init_service_infos"), "\t%s: svcfg[%d]: %s[%d]: name: %s info name: %s",
-                  cfg->proc, cfg->index, list, index++, link.name, link.info ? link.info->name : "(null)");
+                  cfg->proc, cfg->index, list, index++, link.name.get(),
+                  link.info ? link.info->name : "(null)");
     }
 }
 
 void dump_commands(const svcfg *cfg)
 {
     constexpr char func[] = "lumd_init";
-    for (size_t c = 0; c < cfg->cmds.count; ++c) {
-        log_trace(LOG_AS(func), "%s: ", cfg->cmds[c].name);
-        for (int w = 0; cfg->cmds[c].argv[w]; ++w) {
-            log_trace(LOG_AS(func), "lumd->svcs[%d].m_cfg->cmds[%d].argv[%d]: %s", cfg->index,
-                      static_cast<int>(c), w, cfg->cmds[c].argv[w]);
-        }
+    int c = 0;
+    for (const svcfg_cmd &cmd : cfg->cmds) {
+        log_trace(LOG_AS(func), "%s: ", cmd.name.get());
+        int w = 0;
+        for (const char *word : cmd.argv)
+            log_trace(LOG_AS(func), "lumd->svcs[%d].m_cfg->cmds[%d].argv[%d]: %s", cfg->index, c, w++, word);
+        ++c;
     }
 }
 
@@ -119,9 +120,9 @@ void dump_table(lumd *manager)
 {
     constexpr char func[] = "lumd_init";
     for (const service_info &slot : lumd_used_slots(manager)) {
-        const svcfg *cfg = slot.m_cfg;
+        const svcfg *cfg = slot.m_cfg.get();
         log_trace(LOG_AS(func), "    lumd->svcs[%d].m_cfg->proc=%s", cfg->index, cfg->proc);
-        for (char *const *word = cfg->argv; *word; ++word)
+        for (char *const *word = cfg->argv.words(); *word; ++word)
             log_trace(LOG_AS(func), "        %s", *word);
         dump_commands(cfg);
     }
@@ -182,15 +183,15 @@ void lumd_init_service_infos(lumd *manager)
     const auto slots = lumd_used_slots(manager);
     for (const service_info &slot : slots) {
         for (const service_info &other : slots) {
-            if (depends_on(other.m_cfg, slot.name) &&
-                svcfg_add_link(slot.m_cfg, slot.m_cfg->depended, other.name, "dependents") < 0) {
+            if (depends_on(other.m_cfg.get(), slot.name) &&
+                svcfg_add_link(slot.m_cfg.get(), slot.m_cfg->depended, other.name, "dependents") < 0) {
                 log_failed(LOG_HERE);
             }
         }
     }
     for (const service_info &slot : slots) {
-        link_names(manager, slot.m_cfg, slot.m_cfg->depend, "depend");
-        link_names(manager, slot.m_cfg, slot.m_cfg->depended, "depended");
+        link_names(manager, slot.m_cfg.get(), slot.m_cfg->depend, "depend");
+        link_names(manager, slot.m_cfg.get(), slot.m_cfg->depended, "depended");
     }
 }
 
@@ -212,7 +213,8 @@ int lumd_init(lumd *manager, const char *path_list)
     }
     bridge->changed = lumd_processSyscfgChange;
     manager->cfgdb = bridge;
-    // While there are descriptors to be had: an end that is not seen would leave its service down for good.
+    // Before descriptors can run out: without the pipe no end would be seen, and a dead service would stay
+    // down.
     if (child_reaper_init() < 0) {
         log_failed(LOG_HERE);
         return -1;

@@ -14,9 +14,9 @@ namespace {
 
 constexpr char default_path_list[] = "/etc/svc.conf:/usr/etc/svc.conf";
 
-// Without a console, our first descriptors would become standard output and error: the log would go into the
-// control FIFO and be taken for requests. And a console that nobody reads must not end us before we have
-// begun.
+// Without a console, the first descriptors that we open would become standard output and error, and the log
+// would go into the control FIFO as requests. SIGPIPE is ignored because a console without a reader must not
+// end the daemon during start-up.
 void hold_standard_descriptors()
 {
     int fd;

@@ -47,8 +47,8 @@ bool is_unknown_request(int error)
     return error == EOPNOTSUPP || error == ENOTTY || error == EINVAL;
 }
 
-// What newer drivers have: they know one PHY, and fail for the address of any other. Those that do not tell
-// its address read any.
+// The request of newer drivers. They have one PHY and fail for the address of any other, so its address is
+// asked for first; a driver that does not know that request reads any address.
 bool standard_request(const char *device, mii_ioctl_data &words)
 {
     mii_ioctl_data known = {};
@@ -95,16 +95,16 @@ int mii_read(const char *device, uint16_t phy, uint16_t reg, uint16_t *value)
     return 0;
 }
 
-int get_link_status(const char *device)
+link_status get_link_status(const char *device)
 {
     for (uint16_t address = first_phy; address <= last_phy; ++address) {
         const auto phy = read_phy(device, address);
         if (!phy) {
             print_error("ioctl error\n");
-            return -1;
+            return LINK_UNKNOWN;
         }
         if (is_usable(*phy))
-            return phy->status & BMSR_LSTATUS ? 1 : 0;
+            return phy->status & BMSR_LSTATUS ? LINK_UP : LINK_DOWN;
     }
-    return -1;
+    return LINK_UNKNOWN;
 }

@@ -45,13 +45,18 @@ struct packet_counts {
 // No-packet restarts since a packet came in on any interface.
 int restart_fail;
 
-// Counters have 64 bits, wherever long has 32; what is compared is how far they have moved.
+// The kernel's counters have up to 64 bits and are cut to 32 here, so their difference is compared.
 bool has_risen(uint32_t from, uint32_t to)
 {
     return static_cast<int32_t>(to - from) > 0;
 }
 
-// The counts of a line of the kernel's table, when it is that of the device.
+void start_script(const char *name, const char *action)
+{
+    static_cast<void>(run_script(name, action, 0)); // logs its failures
+}
+
+// The counts of a line of the kernel's table; none if it is another interface's.
 std::optional<packet_counts> parse_counts(const char *line, std::string_view device)
 {
     std::string_view text = skip_space(line);
@@ -115,7 +120,7 @@ void link_up(netmon_svcent *entry)
     if (entry->state == SVCENT_STARTED)
         return;
     log_trace(LOG_AS("netmon_check"), "link up!");
-    run_script(entry->name.get(), "start", 0);
+    start_script(entry->name.get(), "start");
     entry->state = SVCENT_STARTED;
     lumd_processServiceCallback(entry->owner, SVCENT_EV_STARTED);
 }
@@ -129,7 +134,7 @@ void link_down(netmon_svcent *entry)
     if (entry->state == SVCENT_STOPPED)
         return;
     log_trace(LOG_AS("netmon_check"), "link down!");
-    run_script(entry->name.get(), "stop", 0);
+    start_script(entry->name.get(), "stop");
     entry->state = SVCENT_STOPPED;
     lumd_processServiceCallback(entry->owner, SVCENT_EV_STOPPED);
 }
@@ -144,13 +149,13 @@ void netmon_check(netmon_svcent *entry)
     checkpacket(entry);
     check_started(entry->check_timer.start());
     switch (get_link_status(entry->device)) {
-    case 0:
+    case LINK_DOWN:
         link_down(entry);
         break;
-    case 1:
+    case LINK_UP:
         link_up(entry);
         break;
-    default:
+    case LINK_UNKNOWN:
         break;
     }
 }
@@ -161,14 +166,14 @@ void no_pack_recv(netmon_svcent *entry)
     log_trace(LOG_HERE, "%s restart fail=%d", entry->device, restart_fail);
     entry->nopkt_armed = 0;
     entry->nopkt_timer.stop();
-    run_script(entry->device, "restart", 0);
+    start_script(entry->device, "restart");
     if (restart_fail > restarts_before_reboot) {
         log_trace(LOG_HERE, "no packet receive, rebooting...");
         lumd_start_service(entry->owner->owner, "reboot");
     }
 }
 
-// The device name, behind groups of option letters; null, logged, when something is wrong.
+// The device name, which follows the groups of option letters. Null, logged, when there is an error.
 const char *parse_words(char *const *words, int &flags)
 {
     constexpr char func[] = "netmon_start";
@@ -213,13 +218,13 @@ int netmon_stop(netmon_svcent *entry, char *const *)
 {
     entry->state = SVCENT_STOPPED;
     entry->check_timer.stop();
-    run_script(entry->name.get(), "stop", 0);
+    start_script(entry->name.get(), "stop");
     return 0;
 }
 
 int netmon_reload(netmon_svcent *entry, char *const *)
 {
-    run_script(entry->name.get(), "reload", 0);
+    start_script(entry->name.get(), "reload");
     return 0;
 }
 

@@ -41,7 +41,7 @@ constexpr uint32_t fractions_per_us = 4295;
 constexpr size_t host_name_max = 256;
 constexpr size_t words_max = svcfg_exec_max;
 
-enum ntp_sync { NTP_FAILED = -1, NTP_NEVER = 0, NTP_SYNCHRONISED = 1 };
+enum ntp_sync : int { NTP_FAILED = -1, NTP_NEVER = 0, NTP_SYNCHRONISED = 1 };
 
 struct ntp_svcent : svcent {
     unique_fd sock;
@@ -54,7 +54,7 @@ struct ntp_svcent : svcent {
     sockaddr_in server;
     unique_timer retry_timer;
     std::array<uint8_t, packet_size> reply;
-    int sync;
+    ntp_sync sync;
     bool told; // NTP_SYNC has been set, since the last reply if there was one
 
     ~ntp_svcent() { close_sockets(); }
@@ -88,7 +88,8 @@ void ntp_schedule(ntp_svcent *entry)
     arm_retry(entry, static_cast<uint32_t>(seconds) * 1000);
 }
 
-// Through the server of this thread, which cannot answer now. False when it cannot take it either.
+// The database's server runs in this thread and cannot answer now, so no reply is requested. False when its
+// socket is full or missing.
 bool publish()
 {
     return syscfg_set_flags("NTP_SYNC", "1", SYSCFG_NOREPLY) == 0;
@@ -105,7 +106,7 @@ void open_resolver(ntp_svcent *entry)
     resolver_set_callback<ntp_resolverCallback>(&entry->resolver, entry);
 }
 
-// The timer covers a query that cannot be made, or that ends without a callback.
+// The timer covers queries that fail at once or end without a callback.
 void begin_try(ntp_svcent *entry)
 {
     if (!entry->resolver.sock)
@@ -180,7 +181,7 @@ void take_time(ntp_svcent *entry)
     ntp_schedule(entry);
 }
 
-// False when there is nothing more to look at.
+// False when the callback is done.
 bool receive(ntp_svcent *entry)
 {
     constexpr char func[] = "ntp_recvCallback";
@@ -232,13 +233,13 @@ int number_of(const char *text)
     return static_cast<int>(std::clamp<long>(strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
-// False, told, when there is an unknown option, or one without its value.
+// False, with a message, for an unknown option or one without its value.
 bool parse_options(ntp_svcent *entry, int argc, char *const *argv)
 {
-    // getopt puts the words into another order.
+    // A copy, because getopt reorders the words.
     std::array<char *, words_max + 1> words = {};
     int count = 0;
-    // A last word that lacks its closing quote is counted, but not there.
+    // A last word that lacks its closing quote is counted, but null.
     for (; count < std::min(argc, static_cast<int>(words_max)) && argv[count]; ++count)
         words[static_cast<size_t>(count)] = argv[count];
     optind = 0;
@@ -284,7 +285,7 @@ bool configure(ntp_svcent *entry, int argc, char *const *argv)
     return true;
 }
 
-// None after a line on standard output.
+// None on failure, with a message on standard output.
 unique_fd open_socket(uint16_t port)
 {
     const auto failed = [](const char *what) {

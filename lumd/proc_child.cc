@@ -76,7 +76,7 @@ void handle_end(proc_svcent *entry)
     entry->node.on_end(entry, status);
 }
 
-// Children died faster than the loop ran: some ends are only noted in their entries, some not even reaped.
+// The pipe was full: some ends are only noted in their entries, and some children are not reaped yet.
 void handle_lost_notices()
 {
     {

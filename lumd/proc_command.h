@@ -15,11 +15,11 @@ command_handler find_command_handler(const char *name);
 int proc_find_program(const char *name, std::span<char> out);
 
 // Runs an argument list as an untracked child; pid, or -1 with a message.
-pid_t proc_svcent_run(char *const *argv);
+[[nodiscard]] pid_t proc_svcent_run(char *const *argv);
 
 // Sends the signal that argv[0] names to the entry's child, if it has one. 0 or -1, logged.
-int proc_svcent_kill(proc_svcent *entry, char *const *argv);
+[[nodiscard]] int proc_svcent_kill(proc_svcent *entry, char *const *argv);
 
 // The number of a signal: its name, a number, SIGRTMIN+n or SIGRTMAX-n (proc_signal.cc). -1, logged, for
 // anything else and for a number not between 1 and SIGRTMAX - 1.
-int parse_sigspec(const char *spec);
+[[nodiscard]] int parse_sigspec(const char *spec);

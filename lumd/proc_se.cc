@@ -47,8 +47,8 @@ void started_notice(proc_svcent *entry)
     report(entry, SVCENT_STARTED, SVCENT_EV_STARTED);
 }
 
-// A program that has ended, or is being ended by a handler, must not be called started any more: the entry
-// would stay in that state with no child, and every later start would take it for running.
+// A pending notice would set an entry whose program has ended, or is being ended by a handler, to started.
+// With no child it would stay so, and every later start would take the program for running.
 void withdraw_notice(proc_svcent *entry)
 {
     app_scheduler_remove<started_notice>(entry);
@@ -98,7 +98,7 @@ int proc_svcent_start(proc_svcent *entry, int, char *const *argv, const svcfg *)
     return 0;
 }
 
-// The child that a one-shot's stop command runs in becomes the entry's own, so that its end is reported.
+// A one-shot's stop command becomes the entry's own child, so that its end is reported.
 int run_stop_command(proc_svcent *entry, char *const *argv)
 {
     print_error("no handler for %s, try to run it as program\n", argv[0]);
@@ -142,7 +142,7 @@ int proc_svcent_reload(proc_svcent *entry, char *const *argv)
     }
     const command_handler handler = find_command_handler(argv[0]);
     if (!handler)
-        proc_svcent_run(argv);
+        static_cast<void>(proc_svcent_run(argv)); // has written why
     else if (handler(entry, argv + 1) < 0) {
         log_failed(LOG_HERE);
         return -1;

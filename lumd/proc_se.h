@@ -1,10 +1,10 @@
 // Services that are external programs.
 //
-// An entry is created (0), anew with every child, until its started-notice has run, which the manager gets
-// one loop pass after the program was started; started (1) until the program's end has been seen, reported as
-// event 2; stopped (2) then, or once a "stop" handler has taken charge of its end, which is not reported any
-// more, unless the service was started again meanwhile and would stay down for good. A one-shot program
-// counts as started when it has ended well.
+// An entry's state is created (0) from the start of each child until the started-notice, one loop pass later,
+// tells the manager; then started (1) until the program ends, which is reported as event 2; then stopped (2).
+// A "stop" handler sets it to stopped at once, and the end that follows is not reported, unless the service
+// was started again in between: without the report it would stay down for good. A one-shot program counts as
+// started when it has ended with status 0.
 #pragma once
 
 #include "lumd/svcent.h"

@@ -37,7 +37,7 @@ constexpr uint64_t listed = [] {
 constexpr uint64_t numbers_1_to_32 = (uint64_t{1} << 33) - 2;
 static_assert(listed == (numbers_1_to_32 & ~(uint64_t{1} << SIGSTKFLT)), "every signal but SIGSTKFLT");
 
-// Cut to a range in which sums cannot overflow; no signal has a number near its ends.
+// Clamped, so that sums cannot overflow. No signal's number is near the limits.
 long decimal(const char *text)
 {
     constexpr long farthest = 1000;

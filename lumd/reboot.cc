@@ -25,7 +25,7 @@ void sleep_whole(unsigned seconds)
         seconds = sleep(seconds);
 }
 
-// The script is gone, and the device is still up: nothing is left to be served but the reboot.
+// The script has ended and the device is still up. From here on only the reboot matters.
 [[noreturn]] void insist()
 {
     for (;;) {
@@ -55,7 +55,7 @@ int cannot_be_undone(svcent *, char *const *)
     return -1;
 }
 
-// The timer goes on, and with it the entry.
+// The timer keeps running, and it needs the entry.
 int keep_entry(svcent *)
 {
     return 0;

@@ -75,8 +75,7 @@ std::optional<time_t> to_clock(tm local)
 // Seconds until the next local time `at`; none if the clock cannot be converted.
 std::optional<int> calc_timeout(time_of_day at)
 {
-    // Not time(), which tells the last second for some milliseconds more: a job that is started at its own
-    // second is due tomorrow.
+    // Not time(), which lags by some milliseconds: a job that is started in its own second is due tomorrow.
     timeval clock;
     gettimeofday(&clock, nullptr);
     const time_t now = clock.tv_sec;
@@ -199,7 +198,7 @@ int sched_stop(sched_svcent *entry, char *const *)
     return 0;
 }
 
-// The manager starts it again, and the variable is read afresh.
+// The manager starts the service again, which reads the variable.
 int sched_reload(sched_svcent *entry, char *const *)
 {
     drop_schedule(entry);

@@ -36,7 +36,7 @@ int run_script(const char *name, const char *action, int wait)
     }
     log_trace(LOG_HERE, "run script: %s", path);
     char *const argv[] = {path, nullptr};
-    // The handler reaps every child; one that is waited for is kept from it.
+    // The SIGCHLD handler would reap the child before waitpid.
     const sigchld_guard guard;
     const pid_t pid = spawn_child(path, argv, [] { log_syserror(LOG_AS("run_script")); });
     if (pid < 0)

@@ -1,4 +1,4 @@
-// What the manager and the kinds of service know of each other.
+// The interface between the manager and the kinds of service.
 //
 // The manager drives every service through the four operations of its entry and never asks what kind it is. A
 // kind reports back through lumd_processServiceCallback and reads its settings through svcent_getSyscfg. An
@@ -14,25 +14,25 @@
 
 struct svcent;
 
-enum svcent_state { SVCENT_CREATED = 0, SVCENT_STARTED = 1, SVCENT_STOPPED = 2 };
-enum svcent_event { SVCENT_EV_STARTED = 1, SVCENT_EV_STOPPED = 2 };
+enum svcent_state : int { SVCENT_CREATED = 0, SVCENT_STARTED = 1, SVCENT_STOPPED = 2 };
+enum svcent_event : int { SVCENT_EV_STARTED = 1, SVCENT_EV_STOPPED = 2 };
 
-// Only start's result counts: negative is a failure that the manager logs. argv is ended by null and never
-// null itself; a last word that lacks its closing quote is counted in argc, and null. release withdraws all
-// that could still reach the entry and frees it.
+// The manager logs a negative result of start as a failure and ignores all other results. argv is ended by
+// null and never null itself; a last word that lacks its closing quote is counted in argc, and is null.
+// release withdraws everything that could still reach the entry, and frees it.
 struct svcent_ops {
     int (*start)(svcent *entry, int argc, char *const *argv, const svcfg *m_cfg);
     int (*stop)(svcent *entry, char *const *argv);
     int (*reload)(svcent *entry, char *const *argv);
     int (*release)(svcent *entry);
-    bool reports_start; // with event 1; otherwise a service is up once it has been started
+    bool reports_start; // with event 1; without such reports, a service is up once start has returned
 };
 
 // The head of every entry; a kind's own record derives from it.
 struct svcent {
     const svcent_ops *ops;
     unique_text name;
-    int state; // kept by the kind, only read by the manager
+    svcent_state state; // written by the kind, read by the manager
     service_info *owner;
 };
 
@@ -66,14 +66,14 @@ using svcent_creators = std::array<svcent_creator, 2>; // asked in order
 struct service_info {
     char name[svcfg_name_size];
     lumd *owner;
-    svcfg *m_cfg;
+    unique_record<svcfg> m_cfg;
     ::svcent *svcent;
     unique_timer restart_timer;
-    uint32_t awaited; // dependencies that were missing and are not up yet, one bit a slot
+    uint32_t awaited; // dependencies that were missing at a start and are not up yet, one bit a slot
 };
 
-// A kind's new record with its head filled, zero otherwise. When memory is out: null, and the failure is on
-// the log as that of the caller (LOG_HERE).
+// A kind's new record: its head is filled, the rest is zero. Null when memory is out, logged as a failure of
+// the caller (LOG_HERE).
 template <typename Entry>
 Entry *new_svcent(int level, const char *func, const char *file, int line, const svcent_ops *ops,
                   service_info *slot, const char *name)
@@ -94,9 +94,10 @@ Entry *new_svcent(int level, const char *func, const char *file, int line, const
 // Calls of a kind to the manager.
 
 // The service has started by itself, or stopped by itself (the manager then starts it again 2000 ms later).
-void lumd_processServiceCallback(service_info *slot, int event);
+void lumd_processServiceCallback(service_info *slot, svcent_event event);
 
-// Start the first, or stop and release every, service of that name; an unknown name does nothing.
+// lumd_start_service starts the first service of that name, lumd_stop_service stops and releases all of them.
+// An unknown name does nothing.
 void lumd_start_service(lumd *manager, const char *name);
 void lumd_stop_service(lumd *manager, const char *name);
 

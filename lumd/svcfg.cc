@@ -5,17 +5,12 @@
 #include "app/text.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace {
 
 constexpr char log_module[] = "svcfg";
-
-// For %.*s.
-int printed(std::string_view text)
-{
-    return static_cast<int>(text.size());
-}
 
 std::string_view after_keyword(std::string_view line, std::string_view keyword)
 {
@@ -41,84 +36,42 @@ std::string_view take_quoted_word(std::string_view &rest)
     return word;
 }
 
-char *&text_of(char *&word)
-{
-    return word;
-}
-
-char *&text_of(auto &place)
-{
-    return place.name;
-}
-
-template <typename Place, size_t Max>
-void clear(svcfg_list<Place, Max> &list)
-{
-    for (Place &place : list) {
-        free(text_of(place));
-        if constexpr (requires { place.value; })
-            free(place.value);
-        if constexpr (requires { place.argv; })
-            clear(place.argv);
-    }
-    free(list.places);
-    list = {};
-}
-
-// A line that is given again takes the place of the earlier one.
+// A repeated line replaces the earlier one.
 template <typename... Lists>
 void drop_earlier(const char *func, const svcfg *cfg, const char *keyword, Lists &...lists)
 {
-    if ((lists.count + ...) > 0)
+    if ((lists.size() + ...) > 0)
         log_trace(LOG_AS(func), "service %s: another %s line, the earlier one is dropped", cfg->proc,
                   keyword);
-    (clear(lists), ...);
+    (lists.clear(), ...);
 }
 
-// True, logged with the word that finds no place, when the list is full.
+// True, with a log line that names the refused word, when the list is full.
 template <typename Place, size_t Max>
 bool is_full(const char *func, const svcfg *cfg, const svcfg_list<Place, Max> &list, const char *what,
              std::string_view word)
 {
-    if (list.count < Max)
+    if (list.size() < Max)
         return false;
     log_trace(LOG_AS(func), "service %s: too many %s, refused: %.*s", cfg->proc, what, printed(word),
               word.data());
     return true;
 }
 
-// Adds a place with a copy of text to a list that is not full. Null, and nothing added, when memory is out.
-template <typename Place, size_t Max>
-Place *append(svcfg_list<Place, Max> &list, std::string_view text)
-{
-    void *larger = realloc(list.places, (list.count + 2) * sizeof(Place));
-    if (!larger)
-        return nullptr;
-    list.places = static_cast<Place *>(larger);
-    Place *place = list.end();
-    place[0] = place[1] = {};
-    text_of(*place) = new_text(text);
-    if (!text_of(*place))
-        return nullptr;
-    ++list.count;
-    return place;
-}
-
-// The next word, quoted or plain. A quote that is not closed is logged, and its word taken as a plain one.
+// The next word, quoted or plain. One whose quote is not closed is taken as a plain one.
 struct parsed_word {
     std::string_view text;
     bool quoted;
     bool unclosed;
 };
 
-parsed_word take_any_word(const char *func, std::string_view &rest)
+parsed_word take_any_word(std::string_view &rest)
 {
     if (rest.front() != '"')
         return {take_word(rest), false, false};
     const std::string_view quoted = take_quoted_word(rest);
     if (!quoted.empty())
         return {quoted, true, false};
-    log_trace(LOG_AS(func), "Missed matched '\"'!\n");
     return {take_word(rest), true, true};
 }
 
@@ -132,17 +85,17 @@ int append_condition(svcfg *cfg, std::string_view word)
     const bool flagged = name.starts_with('~');
     if (flagged)
         name.remove_prefix(1);
-    svcfg_condition *place = append(cfg->dsyscfg, name);
+    svcfg_condition *place = cfg->dsyscfg.append(name);
     if (!place)
         return -1;
     place->flag = flagged;
     if (value.starts_with("''") || value.starts_with("\"\""))
         return 0;
-    // Changes name the variable alone.
+    // A change is announced by the bare name of its variable.
     if (name.starts_with("syscfg:"))
         log_trace(LOG_AS(func), "service %s: changes are not noticed behind a source: %.*s", cfg->proc,
                   printed(word), word.data());
-    place->value = new_text(value);
+    place->value.reset(new_text(value));
     return place->value ? 0 : -1;
 }
 
@@ -157,24 +110,48 @@ int open_command(svcfg *cfg, std::string_view name, std::string_view word, svcfg
         name = name.substr(0, svcfg_cmd_name_max);
         log_trace(LOG_AS(func), "service %s: command name cut: %.*s", cfg->proc, printed(name), name.data());
     }
-    *added = append(cfg->cmds, name);
-    return *added && append((*added)->argv, word) ? 0 : -1;
+    *added = cfg->cmds.append(name);
+    return *added && (*added)->argv.append(word) ? 0 : -1;
 }
 
 } // namespace
 
-void free_service_cfg(svcfg *cfg)
+template <typename Place>
+Place *svcfg_places<Place>::append(std::string_view text)
 {
-    if (!cfg)
-        return;
-    clear(cfg->argv);
-    clear(cfg->dsyscfg);
-    clear(cfg->syscfg_patterns);
-    clear(cfg->depend);
-    clear(cfg->depended);
-    clear(cfg->cmds);
-    free(cfg);
+    // Zeros stand behind the last place.
+    auto *larger = static_cast<Place *>(calloc(count_ + 2, sizeof(Place)));
+    if (!larger)
+        return nullptr;
+    std::uninitialized_move(begin(), end(), larger);
+    std::destroy(begin(), end());
+    free(std::exchange(places_, larger));
+    char *copy = new_text(text);
+    if (!copy)
+        return nullptr;
+    Place *place = new (end()) Place();
+    if constexpr (std::is_same_v<Place, svcfg_word>)
+        *place = copy;
+    else
+        place->name.reset(copy);
+    ++count_;
+    return place;
 }
+
+template <typename Place>
+void svcfg_places<Place>::clear()
+{
+    for (Place &place : *this) {
+        if constexpr (std::is_same_v<Place, svcfg_word>)
+            free(place);
+        else
+            std::destroy_at(&place);
+    }
+    free(std::exchange(places_, nullptr));
+    count_ = 0;
+}
+
+svcfg::~svcfg() = default;
 
 svcfg *create_service_cfg(lumd *owner, int index)
 {
@@ -202,13 +179,15 @@ int svcfg_parseExecLine(svcfg *cfg, std::string_view line)
     drop_earlier(__func__, cfg, "exec", cfg->argv);
     cfg->argc = 0;
     while (!rest.empty()) {
-        parsed_word word = take_any_word(__func__, rest);
+        parsed_word word = take_any_word(rest);
+        if (word.unclosed)
+            log_trace(LOG_HERE, "Missed matched '\"'!\n");
         const bool has_name = !word.quoted && word.text.find('=') != word.text.npos;
         if (has_name)
             cut_until(word.text, '=');
         if (is_full(__func__, cfg, cfg->argv, "words in exec", word.text))
             continue;
-        char **place = append(cfg->argv, word.text);
+        char **place = cfg->argv.append(word.text);
         if (!place)
             return -1;
         ++cfg->argc;
@@ -241,7 +220,7 @@ int svcfg_parseSyscfgLine(svcfg *cfg, std::string_view line)
     while (!rest.empty()) {
         const std::string_view word = take_word(rest);
         if (!is_full(__func__, cfg, cfg->syscfg_patterns, "watch patterns", word) &&
-            !append(cfg->syscfg_patterns, word))
+            !cfg->syscfg_patterns.append(word))
             return -1;
     }
     return 0;
@@ -256,14 +235,16 @@ int svcfg_parseCmdLine(svcfg *cfg, std::string_view line)
         return open_command(cfg, name, name, &current);
     bool refused = false;
     while (!rest.empty()) {
-        const std::string_view word = take_any_word(__func__, rest).text;
+        const auto [word, quoted, unclosed] = take_any_word(rest);
+        if (unclosed)
+            log_trace(LOG_HERE, "Missed matched '\"'!\n");
         if (word.size() > 1 && word.front() == '-') {
             if (open_command(cfg, name, word.substr(1), &current) < 0)
                 return -1;
             refused = !current;
         } else if (current) {
             if (!is_full(__func__, cfg, current->argv, "words in a command", word) &&
-                !append(current->argv, word))
+                !current->argv.append(word))
                 return -1;
         } else if (!refused) {
             log_trace(LOG_HERE, "service %s: %.*s: no \"-\" word before it, refused: %.*s", cfg->proc,
@@ -278,8 +259,8 @@ char *const *svcfg_find_command(const svcfg *cfg, std::string_view name)
     static char *const none[] = {nullptr};
     char *const *found = none;
     for (const svcfg_cmd &cmd : cfg->cmds) {
-        if (name == cmd.name)
-            found = cmd.argv;
+        if (name == cmd.name.get())
+            found = cmd.argv.words();
     }
     return found;
 }
@@ -288,6 +269,6 @@ int svcfg_add_link(const svcfg *cfg, svcfg_links &links, std::string_view name, 
 {
     if (is_full(__func__, cfg, links, what, name))
         return 0;
-    // A service of a longer name was cut to this too.
-    return append(links, name.substr(0, svcfg_name_size - 1)) ? 0 : -1;
+    // The names of services are cut in the same way.
+    return links.append(name.substr(0, svcfg_name_size - 1)) ? 0 : -1;
 }

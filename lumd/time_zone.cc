@@ -13,7 +13,7 @@ namespace {
 constexpr char log_module[] = "main";
 constexpr int offset_size = 132;
 
-// The C library counts west of Greenwich, people count east.
+// The C library counts hours west of Greenwich, the setting counts them east.
 char opposite(char sign)
 {
     return sign == '+' ? '-' : '+';

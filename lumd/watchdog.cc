@@ -71,7 +71,7 @@ void check_started(int result, const char *func)
 void watchdog_reset(watchdog_svcent *entry)
 {
     if (write(entry->wd_fd.get(), &food, sizeof food) < 0) {
-        // No device, or a driver in trouble: the hardware decides.
+        // Without a device, or if its driver fails, the hardware decides.
     }
     check_started(entry->reset_timer.start(), __func__);
 }

@@ -32,12 +32,6 @@ const open_definition *innermost;
 int files_read;
 int lines_read;
 
-// For %.*s.
-int printed(std::string_view text)
-{
-    return static_cast<int>(text.size());
-}
-
 // Options are separate words of two characters. text then begins at the type's keyword.
 uint16_t parse_options(std::string_view &text)
 {

@@ -14,8 +14,8 @@
 // Once scheduled, its program starts when its time has come.
 static void schedule(char *spec)
 {
-    svcfg cfg = {};
-    service_info slot = {"s", &manager, &cfg, nullptr, {}, 0};
+    service_info slot = {"s", &manager, {}, nullptr, {}, 0};
+    slot.m_cfg.reset(create_service_cfg(&manager, 0));
     svcent *entry = create_sched_svcent(&slot, slot.name);
     char *argv[] = {slot.name, spec, slot.name, nullptr};
     const bool waits = entry->ops->start(entry, 3, argv, nullptr) == 0;

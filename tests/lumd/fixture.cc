@@ -38,7 +38,7 @@ void note(const std::string &operation, const svcent *entry, char *const *argv)
 
 bool is(const svcent *entry, const char *word)
 {
-    return entry->owner->m_cfg->argc > 1 && strcmp(entry->owner->m_cfg->argv[1], word) == 0;
+    return entry->owner->m_cfg->argc > 1 && strcmp(entry->owner->m_cfg->argv.words()[1], word) == 0;
 }
 
 char *const no_words[] = {nullptr};
@@ -46,10 +46,10 @@ char *const no_words[] = {nullptr};
 int fake_start(svcent *base, int, char *const *, const svcfg *cfg)
 {
     auto *entry = static_cast<fake_svcent *>(base);
-    for (const svcfg_link *at = cfg->depend; at != std::end(cfg->depend) && at->info; ++at)
-        EXPECT_NE(at->info->svcent, nullptr) << entry->name.get() << " was started before " << at->name;
-    for (const svcfg_condition *at = cfg->dsyscfg; at->name; ++at)
-        EXPECT_TRUE(!at->value || strchr(at->name, ':') || variables[at->name] == at->value)
+    for (const svcfg_link *at = cfg->depend.begin(); at != cfg->depend.end() && at->info; ++at)
+        EXPECT_NE(at->info->svcent, nullptr) << entry->name.get() << " was started before " << at->name.get();
+    for (const auto &[flag, name, value] : cfg->dsyscfg)
+        EXPECT_TRUE(!value || strchr(name.get(), ':') || variables[name.get()] == value.get())
             << entry->name.get();
     if (is(entry, "fails") || entry->live)
         return is(entry, "fails") ? -1 : 0;
@@ -199,7 +199,7 @@ proc_svcent *lumd_test::process(std::string_view name) const
 {
     static const std::set<std::string_view> others = {"watchdog", "reboot", "netmon", "ntp", "sched"};
     svcent *entry = slot(name)->svcent;
-    const char *word = slot(name)->m_cfg->argv[0];
+    const char *word = slot(name)->m_cfg->argv.words()[0];
     const bool is_process = entry && entry->ops != &fake_operations && !others.contains(word);
     return is_process ? static_cast<proc_svcent *>(entry) : nullptr;
 }
@@ -301,7 +301,7 @@ void lumd_test::step(const std::string &text)
         {"set", [&] { apply(name + rest); }},
         {"wait", [&] { support::run_for(stoi(name)); }},
         {"up", // reported by the fake
-         [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
+         [&] { at->svcent->state = SVCENT_STARTED, lumd_processServiceCallback(at, SVCENT_EV_STARTED); }},
         // Processes, in real time.
         {"kill", [&] { signal_child(name, stoi(rest)); }},
         {"runs", [&] { EXPECT_TRUE(eventually([&] { return at->svcent->state == 1 && child() > 0; })); }},
@@ -317,7 +317,7 @@ void lumd_test::step(const std::string &text)
              EXPECT_GT(child(), 0);
          }},
         // Checks: the state (-1 without an entry), whether a restart is due, a log line.
-        {"state", [&] { EXPECT_EQ(at->svcent ? at->svcent->state : -1, stoi(rest)); }},
+        {"state", [&] { EXPECT_EQ(at->svcent ? int{at->svcent->state} : -1, stoi(rest)); }},
         {"timer", [&] { EXPECT_EQ(at->restart_timer.get() != nullptr, stoi(rest) != 0); }},
         {"log", [&] { EXPECT_TRUE(eventually([&] { return log.has(name + rest); })) << log.text(); }},
     };

@@ -34,7 +34,7 @@ TEST_F(lifecycle, an_unknown_event_changes_nothing)
     play("start b > start a");
     for (const int event : {0, 3, -1}) {
         log.clear();
-        lumd_processServiceCallback(slot("a"), event);
+        lumd_processServiceCallback(slot("a"), static_cast<svcent_event>(event));
         EXPECT_TRUE(log.has("FAILED: lumd_processServiceCallback()"));
         EXPECT_EQ(trace(), "");
     }

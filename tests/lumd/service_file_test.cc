@@ -17,19 +17,19 @@ std::string describe(const lumd *manager)
 {
     std::string text;
     for (const service_info *slot = manager->svcs; slot != std::end(manager->svcs) && slot->m_cfg; ++slot) {
-        const svcfg *cfg = slot->m_cfg;
+        const svcfg *cfg = slot->m_cfg.get();
         text += (text.empty() ? "" : "; ") + std::string(cfg->proc);
         if (cfg->argc)
-            text += " exec" + std::to_string(cfg->argc) + "(" + joined(cfg->argv) + ")";
-        for (const svcfg_condition *at = cfg->dsyscfg; at->name; ++at)
-            text += std::string(at->flag ? " if(~" : " if(") + at->name + (at->value ? "=" : "") +
-                    (at->value ? at->value : "") + ")";
+            text += " exec" + std::to_string(cfg->argc) + "(" + joined(cfg->argv.words()) + ")";
+        for (const auto &[flag, name, value] : cfg->dsyscfg)
+            text += std::string(flag ? " if(~" : " if(") + name.get() + (value ? "=" : "") +
+                    (value ? value.get() : "") + ")";
         for (const svcfg_link &link : cfg->depend)
-            text += link.name ? " on(" + std::string(link.name) + ")" : "";
-        for (char *const *at = cfg->syscfg_patterns; *at; ++at)
-            text += " watch(" + std::string(*at) + ")";
-        for (const svcfg_cmd *at = cfg->cmds; at->name; ++at)
-            text += " " + std::string(at->name) + "(" + joined(at->argv) + ")";
+            text += link.name ? " on(" + std::string(link.name.get()) + ")" : "";
+        for (const char *pattern : cfg->syscfg_patterns)
+            text += " watch(" + std::string(pattern) + ")";
+        for (const svcfg_cmd &cmd : cfg->cmds)
+            text += " " + std::string(cmd.name.get()) + "(" + joined(cmd.argv.words()) + ")";
     }
     return text;
 }

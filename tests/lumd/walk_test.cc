@@ -203,7 +203,7 @@ struct walker {
             text += said(plans[s], s);
         support::write_file("/etc/svc.conf", text);
         manager->creators = all_kinds;
-        lumd_parse_conf(manager, "/etc/svc.conf", -1);
+        fault += lumd_parse_conf(manager, "/etc/svc.conf", -1) < 0 ? "no service file\n" : "";
         lumd_init_service_infos(manager);
         database.ops = &database_operations;
         manager->cfgdb = create_cfgdb(manager);
@@ -266,7 +266,7 @@ struct walker {
             const model::slot &b = right.slots[s];
             const std::array<int, 7> should_be = {b.entry, b.state,        b.child,   b.ended,
                                                   b.timer, b.restart != 0, b.job != 0};
-            std::array<int, 7> is = {slot.svcent != nullptr, slot.svcent ? slot.svcent->state : 0};
+            std::array<int, 7> is = {slot.svcent != nullptr, slot.svcent ? int{slot.svcent->state} : 0};
             if (entry)
                 is[2] = entry->pid, is[3] = entry->ended;
             if (const timer *restart = slot.restart_timer.get())

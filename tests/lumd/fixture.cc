@@ -300,6 +300,7 @@ void lumd_test::step(const std::string &text)
         {"halt", [&] { lumd_do_stop(at, 0); }}, // without release
         {"set", [&] { apply(name + rest); }},
         {"wait", [&] { support::run_for(stoi(name)); }},
+        {"restart", [&] { lumd_restart_service(at); }},
         {"up", // as a fake reports it
          [&] { at->svcent->state = 1, lumd_processServiceCallback(at, 1); }},
         // Processes, in real time.

@@ -75,7 +75,11 @@ struct client_socket {
     [[nodiscard]] int send(const void *request, size_t length, int flags = 0) const
     {
         const auto *to = reinterpret_cast<const sockaddr *>(&server);
-        return static_cast<int>(sendto(fd, request, length, flags, to, sizeof server));
+        // A connected socket hears one server, so its request goes to that one, or fails.
+        ssize_t sent = sendto(fd, request, length, flags, nullptr, 0);
+        if (sent < 0 && errno == ENOTCONN)
+            sent = sendto(fd, request, length, flags, to, sizeof server);
+        return static_cast<int>(sent);
     }
     [[nodiscard]] int receive(void *reply, size_t size) const
     {

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/uio.h>
+#include <utility>
 
 namespace {
 
@@ -22,6 +23,10 @@ constexpr int send_buffer = 4 * 1024 * 1024;
 constexpr int64_t patience_us = 200000;
 constexpr int64_t recovery = 8;
 constexpr uid_t unknown_user = static_cast<uid_t>(-1);
+
+// The socket before the last renewal. Clients that are connected to it take answers from nothing else, so
+// their waits and lists go on through it.
+int retired_fd = -1;
 
 int64_t patience_left_us = patience_us;
 int64_t last_wait_us;
@@ -48,8 +53,11 @@ void remove_path()
 
 ssize_t send_to(int server_fd, const requester &to, std::string_view text, int flags)
 {
-    return sendto(server_fd, text.data(), text.size(), flags, reinterpret_cast<const sockaddr *>(&to.addr),
-                  to.len);
+    const auto *addr = reinterpret_cast<const sockaddr *>(&to.addr);
+    const ssize_t sent = sendto(server_fd, text.data(), text.size(), flags, addr, to.len);
+    if (sent >= 0 || errno != EPERM || retired_fd < 0)
+        return sent;
+    return sendto(retired_fd, text.data(), text.size(), flags, addr, to.len);
 }
 
 bool is_full_error(int error)
@@ -124,10 +132,14 @@ bool renew_server_socket(int server_fd)
 {
     full_since_us = 0;
     const unique_fd fresh(open_server_socket());
+    unique_fd retired(fcntl(server_fd, F_DUPFD_CLOEXEC, 0));
     if (!fresh || dup3(fresh.get(), server_fd, O_CLOEXEC) < 0) {
         log_syserror(LOG_HERE);
         return false;
     }
+    // Its clients learn with their next request that they have to connect again.
+    shutdown(retired.get(), SHUT_RD);
+    retired = unique_fd(std::exchange(retired_fd, retired.release()));
     log_trace(LOG_HERE, "unread answers fill the socket, another one takes its place");
     return true;
 }

@@ -3,8 +3,8 @@
 // Unread answers count against the buffer of the socket that sent them. A client's queue takes few of them,
 // unless the client is connected to us: then it takes all. Lists use at most half of the buffer. When the
 // buffer is full and does not drain to half, a new socket replaces this one under the same name and
-// descriptor, which is logged. Requests waiting in the old one are lost, and clients connected to it get no
-// more answers: to them the daemon has restarted.
+// descriptor, which is logged. Requests waiting in the old one are lost. Clients connected to it still get
+// the answers they wait for, until the next renewal; their next request fails, as after a restart.
 #pragma once
 
 #include <cstdint>

@@ -34,6 +34,7 @@ constexpr std::string_view no_access = "!ERR ACCESS";
 constexpr std::string_view no_reply = "";
 
 int waiter_count;
+int strange_waiter_count; // of those, the waits of other users
 uint32_t next_serial;
 
 struct assignment {
@@ -57,11 +58,30 @@ struct waiter_deleter {
 
 using unique_waiter = std::unique_ptr<syscfg_waiter, waiter_deleter>;
 
+bool is_strange(const requester &from)
+{
+    return from.uid != geteuid();
+}
+
 void unlink_waiter(syscfg_waiter **at)
 {
     const unique_waiter waiter(*at);
     *at = waiter->next_waiter;
     --waiter_count;
+    strange_waiter_count -= is_strange(waiter->from) ? 1 : 0;
+}
+
+// A user can wait under a name, close it, and have the answer sent to the program that gets that name next.
+void drop_strangers_waits(const syscfg *db, const requester &from)
+{
+    for (syscfg_var *var = strange_waiter_count > 0 ? db->vars : nullptr; var; var = var->next) {
+        for (syscfg_waiter **at = &var->waiters; *at;) {
+            if ((*at)->from.uid != from.uid && same_requester((*at)->from, from))
+                unlink_waiter(at);
+            else
+                at = &(*at)->next_waiter;
+        }
+    }
 }
 
 // Answers the waiters that have waited for the present value.
@@ -170,6 +190,7 @@ void keep_waiter(const syscfg *db, syscfg_var *var, syscfg_waiter *waiter, const
     waiter->next_waiter = var->waiters;
     var->waiters = waiter;
     ++waiter_count;
+    strange_waiter_count += is_strange(from) ? 1 : 0;
 }
 
 std::string_view wait_syscfg(syscfg *db, std::string_view text, const requester &from)
@@ -360,6 +381,7 @@ void syscfg_recvCallback(void *ctx, int events, int fd, app_fd_handler *)
                 return;
             }
             end_list(from);
+            drop_strangers_waits(db, from);
             handle_request(db, request, from);
         }
     }

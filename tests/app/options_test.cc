@@ -5,6 +5,7 @@
 #include "tests/support/support.h"
 
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <sys/wait.h>
 
@@ -31,7 +32,8 @@ std::string shown()
         const auto *numbers = static_cast<const int *>(app_opt_value(name));
         if (!text && !numbers)
             continue;
-        all += letter + std::string(app_opt_get(name, APP_OPT_ELEMENT, -1) ? "?" : "=");
+        const bool beyond = app_opt_get(name, APP_OPT_ELEMENT, -1) || app_opt_get(name, APP_OPT_ELEMENT, INT_MAX);
+        all += letter + std::string(beyond ? "?" : "=");
         const bool list = type & APP_OPT_LIST, is_text = static_cast<const void *>(numbers) == text;
         for (int i = 0; const char *element = app_opt_get(name, APP_OPT_ELEMENT, i); ++i)
             all += (element == (list ? reinterpret_cast<const char *const *>(text)[i] : text) ? "[" : "?[") + std::string(element) + "]";

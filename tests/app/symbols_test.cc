@@ -4,6 +4,7 @@
 #include "tests/support/support.h"
 
 #include <csignal>
+#include <fcntl.h>
 #include <link.h>
 #include <sys/resource.h>
 
@@ -150,6 +151,20 @@ TEST_F(symbols_test, a_walk_ends_where_the_frames_do_and_knows_callers_by_name)
         setrlimit(RLIMIT_STACK, &limit), getrlimit(RLIMIT_STACK, &limit); // an emulator ignores it
         symbols_load();
         EXPECT_GE(stack_end - stack_begin, std::min<rlim_t>(limit.rlim_cur, 256 << 20));
+    });
+}
+
+TEST_F(symbols_test, what_a_crash_has_written_to_is_closed)
+{
+    isolated([] {
+        const int other = dup2(STDERR_FILENO, 255), beyond = dup2(STDERR_FILENO, 256);
+        dup2(open("/dev/null", O_RDWR), STDIN_FILENO);
+        device_prefixes = {"/dev/"}; // no dump on the machine's own console
+        const auto is_open = [](int fd) { return fcntl(fd, F_GETFD) >= 0; };
+        dump_stack(0, 0, 0);
+        EXPECT_TRUE(!is_open(STDIN_FILENO) && is_open(other));
+        close_descriptors();
+        EXPECT_TRUE(!is_open(other) && is_open(beyond));
     });
 }
 

@@ -1,6 +1,7 @@
 #include "tests/lumd/fixture.h"
 
 #include "app/app.h"
+#include "lumd/cfgdb.h"
 #include "syscfg/registry.h"
 
 #include <algorithm>
@@ -63,7 +64,8 @@ TEST_F(faults, of_the_start_up)
         lumd *fresh = lumd_create();
         const int result = fresh ? lumd_init(fresh, "/etc/svc.conf") : -1;
         EXPECT_TRUE(result < 0 || support::pipe_end() >= 0) << "ends would go unseen";
-        return result == 0 && !regex_search(log.messages(), passed_over);
+        return result == 0 && !regex_search(log.messages(), passed_over) &&
+               std::string("1") == cfgdb_getSyscfg(fresh->cfgdb, "A");
     });
 }
 

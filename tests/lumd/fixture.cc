@@ -300,6 +300,7 @@ void lumd_test::step(const std::string &text)
         {"halt", [&] { lumd_do_stop(at, 0); }}, // without release
         {"set", [&] { apply(name + rest); }},
         {"wait", [&] { support::run_for(stoi(name)); }},
+        {"restart", [&] { lumd_restart_service(at); }},
         {"up", // reported by the fake
          [&] { at->svcent->state = SVCENT_STARTED, lumd_processServiceCallback(at, SVCENT_EV_STARTED); }},
         // Processes, in real time.

@@ -333,6 +333,7 @@ TEST_F(kinds, nothing_is_left_over)
         // Results of the watchdog's device are ignored.
         const bool silent = support::failed_kind & (support::OPEN | support::WRITE | support::IOCTL);
         EXPECT_TRUE(tells_news(usual[steps]) || !support::end_failing() || silent) << log.text();
+        EXPECT_LE(log.has("FAILED: sched_start()"), log.has("FAILED: lumd_do_start()")) << log.text();
         std::vector<std::string> done = split(read_file("/ran"), "\n");
         std::sort(done.begin(), done.end());
         done.push_back(regex_replace(events(), std::regex("\\b[0-9]+ "), ""));

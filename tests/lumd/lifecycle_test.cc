@@ -11,6 +11,7 @@ TEST_F(lifecycle, scripts)
 what cannot start => service f;exec fake fails;service m;exec fake missing;service n;depends m => start f /
   log FAILED: lumd_do_start() / state f 0 / start m / state m -1 / start n / state n 0 / start x / stop m
   / log FAILED: lumd_do_stop()
+a restart needs an entry => service a => restart a / log FAILED: lumd_restart_service() / state a -1
 the last stop command; release takes running dependents along => service a;depends V=1 b;stop -one x;stop -kill HUP;service
   b;service c;depends b;service d;depends b => set V=1 / start a > start b / up b > start a / up a / start c >
   start c / up c / start d > start d / set V=0 > stop a kill HUP / stop b > stop c, release c, stop b, release b

@@ -429,8 +429,11 @@ WRAP(ssize_t, write, int fd, const void *buffer, size_t size)
     return done != BOARD_NOT_MINE ? done : __real_write(fd, buffer, size);
 }
 
+// The board looks at no socket: descriptor 0 would do for one that was never opened.
 WRAP(int, ioctl, int fd, unsigned long request, void *argument)
 {
+    if (fd <= STDIN_FILENO)
+        return errno = EBADF, -1;
     const int done = fails(IOCTL) ? -1 : board_ioctl(fd, request, argument);
     return done != BOARD_NOT_MINE ? done : __real_ioctl(fd, request, argument);
 }

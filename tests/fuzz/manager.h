@@ -7,6 +7,10 @@
 static std::string value_of_all;
 static syscfg_ops operations = {nullptr, nullptr,
                                 [](syscfg *, const char *) { return value_of_all.c_str(); }};
-static syscfg database = {&operations, nullptr, -1, 0, nullptr, nullptr, 0, nullptr, nullptr, nullptr};
+static syscfg database = [] {
+    syscfg empty = {};
+    empty.ops = &operations;
+    return empty;
+}();
 static cfgdb bridge = {nullptr, &database, nullptr};
 static lumd manager = {{}, &bridge, -1, all_kinds, {}, {}};

@@ -139,13 +139,11 @@ TEST_F(service_file, files_of_a_list)
         });
     }
     const auto read_both = [] {
-        const std::unique_ptr<lumd, free_deleter> fresh(lumd_create());
+        const unique_record<lumd> fresh(lumd_create());
         if (!fresh)
             return false;
         const int first = lumd_parse_conf(fresh.get(), "/etc/one", -1);
         const int last = lumd_parse_conf(fresh.get(), "/etc/two", first);
-        for (const service_info &slot : fresh->svcs)
-            free_service_cfg(slot.m_cfg);
         return first == 1 && last == 2;
     };
     EXPECT_GE(support::for_each_failure(support::ALLOC | support::OPEN, read_both), 6);

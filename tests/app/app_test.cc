@@ -219,6 +219,7 @@ TEST_F(app_test, a_timer_may_stop_restart_and_free_itself_and_others)
     const owned other = started(20, -1, b), again = started(5, 1, c);
     a.then = [&] { timer_stop(other.get()), timer_free(self); };
     c.then = [&] { EXPECT_EQ(timer_start(again.get(), 1), 0); };
+    c.then(); // while it is scheduled
     now_us += 50000;
     EXPECT_EQ(passes(3, 4), "ca,,c") << "lateness is not caught up";
     c.then = [&] { timer_stop(again.get()); };
@@ -249,7 +250,9 @@ TEST_F(app_test, a_clock_set_forward_makes_due_and_one_set_back_by_a_callback_en
         a.then = [&] { ran.size() > 100 ? timer_stop(periodic.get()) : 0; };
         b.then = [nested = runs_a_pass] { now_us -= 7200LL * 1000000, nested ? app_poll_once() : 0; };
         now_us += 3600LL * 1000000;
-        EXPECT_EQ(passes(1), calls);
+        ran.clear();
+        EXPECT_EQ(app_poll_once(), 0);
+        EXPECT_EQ(ran, calls);
         EXPECT_EQ(timer_run_expired(), left) << "the period goes on by the new clock";
     }
 }

@@ -51,6 +51,12 @@ void remove_path()
                   kind_of(found.st_mode), static_cast<unsigned>(found.st_uid), strerror(error));
 }
 
+void set_buffer(int fd, int size)
+{
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) < 0)
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+}
+
 ssize_t send_to(int server_fd, const requester &to, std::string_view text, int flags)
 {
     const auto *addr = reinterpret_cast<const sockaddr *>(&to.addr);
@@ -84,7 +90,8 @@ bool send_patiently(int server_fd, const requester &to, std::string_view text)
     // We cannot poll the client's socket, so the wait is a send with a timeout.
     while (!sent && patience_left_us > 0) {
         const timeval timeout = {0, static_cast<suseconds_t>(patience_left_us)};
-        setsockopt(server_fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+        for (const int fd : {server_fd, retired_fd})
+            setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
         sent = send_to(server_fd, to, text, 0) >= 0 || (!is_full_error(errno) && errno != EINTR);
         const int64_t before = now;
         now = monotonic_us();
@@ -116,8 +123,7 @@ int open_server_socket()
         return -1;
     names_users = setsockopt(sock.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on) == 0;
     // A few clients that do not read would use up the default.
-    if (setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUFFORCE, &send_buffer, sizeof send_buffer) < 0)
-        setsockopt(sock.get(), SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof send_buffer);
+    set_buffer(sock.get(), send_buffer);
     sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     copy_text(addr.sun_path, server_path);
@@ -137,8 +143,10 @@ bool renew_server_socket(int server_fd)
         log_syserror(LOG_HERE);
         return false;
     }
-    // Its clients learn with their next request that they have to connect again.
+    // Its clients learn with their next request that they have to connect again. What they still wait for
+    // needs room beside the unread answers.
     shutdown(retired.get(), SHUT_RD);
+    set_buffer(retired.get(), 2 * send_buffer);
     retired = unique_fd(std::exchange(retired_fd, retired.release()));
     log_trace(LOG_HERE, "unread answers fill the socket, another one takes its place");
     return true;

@@ -44,6 +44,8 @@ int __wrap_resolver_query(resolver *res, const char *name)
 // Replaces libc's, below the wrapper.
 ssize_t sendto(int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t length)
 {
+    if (!to) // on a connected socket
+        return syscall(SYS_sendto, fd, data, size, flags, to, length);
     sockaddr_in moved = *reinterpret_cast<const sockaddr_in *>(to);
     const in_port_t port = to->sa_family == AF_INET ? ntohs(std::exchange(moved.sin_port, server_port)) : 0;
     if (port == 53)

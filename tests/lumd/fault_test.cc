@@ -120,7 +120,8 @@ TEST_F(faults, of_a_reboot)
     load("service r;exec reboot");
     sweep(support::ALLOC | support::VFORK, 0, 0, [this] {
         step("start r");
-        return slot("r")->svcent && !log.has("SYSERROR: ") && !log.has("FAILED: reboot_start");
+        return slot("r")->svcent && !log.has("SYSERROR: ") && !log.has("FAILED: reboot_start") &&
+               !log.has("FAILED: create_reboot_svcent"); // a program is tried then
     });
 }
 

@@ -174,7 +174,7 @@ int syscfg_client_open(sockaddr_un *address)
     // Any user can send to a name that is easy to guess. A socket that is connected before it gets its name
     // hears the server only. Without a server, sending fails later.
     fill_server_address(address);
-    connect(fd, reinterpret_cast<const sockaddr *>(address), sizeof *address);
+    static_cast<void>(connect(fd, reinterpret_cast<const sockaddr *>(address), sizeof *address));
     fill_address(address);
     snprintf(address->sun_path + 1, sizeof address->sun_path - 1, ".syscfg-client-%d",
              static_cast<int>(getpid()));

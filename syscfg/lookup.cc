@@ -72,7 +72,7 @@ void grow_index(syscfg *db)
         return;
     drop_index(db);
     db->index_size = std::bit_ceil(2 * count + first_size);
-    db->index = static_cast<syscfg_var **>(calloc(db->index_size, sizeof(syscfg_var *)));
+    db->index = static_cast<syscfg_var **>(calloc(db->index_size, sizeof(void *)));
     if (!db->index)
         return log_syserror(LOG_AS("add_var"));
     for (syscfg_var *var = db->vars; var; var = var->next)

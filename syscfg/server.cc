@@ -173,7 +173,7 @@ void drop_waiter(const syscfg *db)
     if (count == 0)
         return;
     std::sort(places, places + count, is_before);
-    const waiter_place at = largest_group(largest_group({places, count}, same_user), same_requester)[0];
+    waiter_place at = largest_group(largest_group({places, count}, same_user), same_requester)[0];
     log_trace(LOG_HERE, "more than %d waits, dropped: %s=%s", max_kept, (*at)->name, (*at)->text());
     try_reply(db->server_fd, (*at)->from, error);
     unlink_waiter(at);
